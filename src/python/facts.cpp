@@ -1,0 +1,710 @@
+// ScopeFacts and the conversion of the host's records into the native view.
+#include "facts.hpp"
+
+#include <cstring>
+#include <string>
+
+namespace scope::py {
+
+namespace {
+
+const char* const kFieldNames[kFactsFieldCount] = {
+    "files",   "symbols",     "inbound",   "outbound",     "import_resolved_paths",
+    "test_sources", "line_counts", "summaries", "test_imports",
+};
+
+// ---------------------------------------------------------------------------
+// Reading one attribute of a record.
+
+enum class Cell { integer, text, optional_text, truth, object };
+
+struct FieldSpec {
+  const char* attr;
+  Cell cell;
+  bool via_target;  // read from the record's `target` instead of the record
+};
+
+const FieldSpec kFileFields[] = {
+    {"id", Cell::integer, false},
+    {"path", Cell::text, false},
+    {"language", Cell::optional_text, false},
+};
+const FieldSpec kSymbolFields[] = {
+    {"id", Cell::integer, false},        {"path", Cell::text, false},       {"name", Cell::text, false},
+    {"fqn", Cell::text, false},          {"kind", Cell::text, false},       {"start_line", Cell::integer, false},
+    {"end_line", Cell::integer, false},  {"is_export", Cell::truth, false},
+};
+const FieldSpec kInboundFields[] = {
+    {"source_path", Cell::text, false}, {"target_id", Cell::integer, false}, {"target_path", Cell::text, false},
+    {"target_name", Cell::text, false}, {"target_kind", Cell::text, false},  {"resolution", Cell::text, false},
+    {"refs", Cell::integer, false},
+};
+const FieldSpec kOutboundFields[] = {
+    {"source_path", Cell::text, false}, {"resolution", Cell::text, false}, {"refs", Cell::integer, false},
+    {"target", Cell::object, false},    {"id", Cell::integer, true},       {"path", Cell::text, true},
+    {"kind", Cell::text, true},         {"fqn", Cell::text, true},
+};
+
+// Attribute names are interned once and kept for the life of the process.
+PyObject* attr_name(const char* name) {
+  PyObject* interned = PyUnicode_InternFromString(name);
+  if (interned == nullptr) throw PyError{};
+  return interned;  // the interpreter's interned table keeps it alive as well
+}
+
+struct NameCache {
+  PyObject* names[8] = {};
+  PyObject* get(const FieldSpec* specs, unsigned field) {
+    if (names[field] == nullptr) names[field] = attr_name(specs[field].attr);
+    return names[field];
+  }
+};
+NameCache file_names, symbol_names, inbound_names, outbound_names;
+
+std::int64_t cell_value(NativeFacts& native, PyObject* value, Cell cell, const char* what) {
+  switch (cell) {
+    case Cell::integer:
+      return as_int64(value, what);
+    case Cell::text:
+      return intern(native.view.pool, native.strings, value, what);
+    case Cell::optional_text:
+      if (value == Py_None) return kNoStr;
+      return intern(native.view.pool, native.strings, value, what);
+    case Cell::truth:
+      return truth(value) ? 1 : 0;
+    case Cell::object:
+      return 0;
+  }
+  return 0;
+}
+
+// Converts the `wanted` columns of `table` that are not converted yet.
+// The columns are built aside and committed only when every row was read, so
+// a record that raises leaves the view as it was.
+void load_columns(NativeFacts& native, Table& table, PyObject* rows, const FieldSpec* specs, NameCache& names,
+                  std::uint32_t wanted, const char* label) {
+  std::uint32_t missing = wanted & ~table.loaded;
+  if (missing == 0) return;
+  Py_ssize_t count = PyTuple_GET_SIZE(rows);
+  std::vector<unsigned> fields;
+  for (unsigned field = 0; field < table.cols.size(); ++field)
+    if (missing & bit(field)) fields.push_back(field);
+  std::vector<std::vector<std::int64_t>> columns(fields.size());
+  for (auto& column : columns) column.reserve(static_cast<std::size_t>(count));
+  std::vector<PyRef> targets;
+  std::vector<std::string> labels;  // for error messages: "ScopeSymbol.kind"
+  for (unsigned field : fields)
+    labels.push_back(std::string(label) + "." + (specs[field].via_target ? "target." : "") + specs[field].attr);
+  for (Py_ssize_t row = 0; row < count; ++row) {
+    PyObject* record = PyTuple_GET_ITEM(rows, row);  // borrowed from the facts' own tuple
+    for (std::size_t k = 0; k < fields.size(); ++k) {
+      const FieldSpec& spec = specs[fields[k]];
+      PyObject* owner = spec.via_target ? native.targets[static_cast<std::size_t>(row)].get() : record;
+      PyRef value = PyRef::steal(PyObject_GetAttr(owner, names.get(specs, fields[k])));
+      if (!value) {
+        if (spec.cell != Cell::optional_text || !PyErr_ExceptionMatches(PyExc_AttributeError)) throw PyError{};
+        PyErr_Clear();  // an absent optional field reads as None
+        value = PyRef::borrow(Py_None);
+      }
+      if (spec.cell == Cell::object) {
+        targets.push_back(value);
+        columns[k].push_back(0);
+        continue;
+      }
+      columns[k].push_back(cell_value(native, value.get(), spec.cell, labels[k].c_str()));
+    }
+  }
+  // A conversion run from inside a host callback may have finished first;
+  // its columns are the same, so keep whichever came first.
+  table.rows = static_cast<std::size_t>(count);
+  for (std::size_t k = 0; k < fields.size(); ++k) {
+    if (table.loaded & bit(fields[k])) continue;
+    if (specs[fields[k]].cell == Cell::object) native.targets = std::move(targets);
+    table.cols[fields[k]] = std::move(columns[k]);
+    table.loaded |= bit(fields[k]);
+  }
+}
+
+void note_column(FactsView& view, const Table& table, unsigned field, bool kinds) {
+  for (std::int64_t cell : table.cols[field]) {
+    if (kinds)
+      view.note_kind(static_cast<StrId>(cell));
+    else
+      view.note_resolution(static_cast<StrId>(cell));
+  }
+}
+
+// ---------------------------------------------------------------------------
+// The ScopeFacts type.
+
+bool is_iterable(PyObject* object) { return Py_TYPE(object)->tp_iter != nullptr || PySequence_Check(object); }
+
+PyRef copy_map(PyObject* source, const char* argument) {
+  if (!PyDict_Check(source) && !PyObject_HasAttrString(source, "keys"))
+    wrong_type("ScopeFacts", argument, "a mapping", source);
+  PyRef copy = check(PyDict_New());
+  check(PyDict_Merge(copy.get(), source, 1));
+  return check(PyDictProxy_New(copy.get()));
+}
+
+PyObject* facts_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
+  return guarded([&]() -> PyRef {
+    static const char* keywords[] = {"files",        "symbols",     "inbound",   "outbound",     "import_resolved_paths",
+                                     "test_sources", "line_counts", "summaries", "test_imports", nullptr};
+    PyObject* given[kFactsFieldCount] = {};
+    parse_args(args, kwargs, "OOOOOOOO|O:ScopeFacts", keywords, &given[0], &given[1], &given[2], &given[3],
+               &given[4], &given[5], &given[6], &given[7], &given[8]);
+    PyRef converted[kFactsFieldCount];
+    for (int i = kFiles; i <= kOutbound; ++i) {
+      if (!is_iterable(given[i])) wrong_type("ScopeFacts", kFieldNames[i], "a sequence", given[i]);
+      converted[i] = check(PySequence_Tuple(given[i]));
+    }
+    for (int i = kImportResolvedPaths; i <= kTestSources; ++i) {
+      if (!is_iterable(given[i])) wrong_type("ScopeFacts", kFieldNames[i], "a set", given[i]);
+      converted[i] = check(PyFrozenSet_New(given[i]));
+    }
+    for (int i = kLineCounts; i <= kSummaries; ++i) converted[i] = copy_map(given[i], kFieldNames[i]);
+    if (given[kTestImports] != nullptr) {
+      converted[kTestImports] = copy_map(given[kTestImports], "test_imports");
+    } else {
+      PyRef empty = check(PyDict_New());
+      converted[kTestImports] = check(PyDictProxy_New(empty.get()));
+    }
+    PyRef self = check(type->tp_alloc(type, 0));
+    auto* facts = reinterpret_cast<FactsObject*>(self.get());
+    for (int i = 0; i < kFactsFieldCount; ++i) facts->fields[i] = converted[i].release();
+    facts->native = nullptr;
+    return self;
+  });
+}
+
+int facts_clear(PyObject* self) {
+  auto* facts = reinterpret_cast<FactsObject*>(self);
+  for (auto& slot : facts->fields) Py_CLEAR(slot);
+  delete std::exchange(facts->native, nullptr);
+  return 0;
+}
+
+int facts_traverse(PyObject* self, visitproc visit, void* arg) {
+  Py_VISIT(Py_TYPE(self));
+  auto* facts = reinterpret_cast<FactsObject*>(self);
+  for (PyObject* slot : facts->fields) Py_VISIT(slot);
+  if (facts->native != nullptr)
+    for (const PyRef& target : facts->native->targets) Py_VISIT(target.get());
+  return 0;
+}
+
+void facts_dealloc(PyObject* self) {
+  PyTypeObject* type = Py_TYPE(self);
+  PyObject_GC_UnTrack(self);
+  facts_clear(self);
+  type->tp_free(self);
+  Py_DECREF(type);  // instances of a heap type own a reference to it
+}
+
+PyObject* facts_get_field(PyObject* self, void* closure) {
+  PyObject* value = reinterpret_cast<FactsObject*>(self)->fields[reinterpret_cast<std::intptr_t>(closure)];
+  if (value == nullptr) {
+    PyErr_SetString(PyExc_AttributeError, "ScopeFacts was cleared");
+    return nullptr;
+  }
+  return Py_NewRef(value);
+}
+
+// The field value as given to the constructor: maps as plain dicts.
+PyRef plain_field(FactsObject* facts, int which) {
+  PyObject* value = facts->fields[which];
+  if (value == nullptr) raise(PyExc_AttributeError, "ScopeFacts was cleared");
+  if (which >= kLineCounts) return check(PyObject_CallMethod(value, "copy", nullptr));
+  return PyRef::borrow(value);
+}
+
+PyObject* facts_get_paths(PyObject* self, void*) {
+  return guarded([&]() -> PyRef {
+    PyObject* files = reinterpret_cast<FactsObject*>(self)->fields[kFiles];
+    if (files == nullptr) raise(PyExc_AttributeError, "ScopeFacts was cleared");
+    PyRef paths = check(PyFrozenSet_New(nullptr));
+    PyObject* name = file_names.get(kFileFields, file_f::path);
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(files); ++i) {
+      PyRef path = check(PyObject_GetAttr(PyTuple_GET_ITEM(files, i), name));
+      check(PySet_Add(paths.get(), path.get()));
+    }
+    return paths;
+  });
+}
+
+PyObject* facts_import_resolved(PyObject* self, PyObject* args, PyObject* kwargs) {
+  static const char* keywords[] = {"path", nullptr};
+  PyObject* path = nullptr;
+  if (!PyArg_ParseTupleAndKeywords(args, kwargs, "O:import_resolved", const_cast<char**>(keywords), &path))
+    return nullptr;
+  PyObject* resolved = reinterpret_cast<FactsObject*>(self)->fields[kImportResolvedPaths];
+  if (resolved == nullptr) return PyBool_FromLong(0);
+  int found = PySet_Contains(resolved, path);
+  if (found < 0) return nullptr;
+  return PyBool_FromLong(found);
+}
+
+PyObject* facts_reduce(PyObject* self, PyObject*) {
+  return guarded([&]() -> PyRef {
+    auto* facts = reinterpret_cast<FactsObject*>(self);
+    PyRef values = check(PyTuple_New(kFactsFieldCount));
+    for (int i = 0; i < kFactsFieldCount; ++i) PyTuple_SET_ITEM(values.get(), i, plain_field(facts, i).release());
+    return check(Py_BuildValue("(ON)", reinterpret_cast<PyObject*>(Py_TYPE(self)), values.release()));
+  });
+}
+
+PyObject* facts_repr(PyObject* self) {
+  int busy = Py_ReprEnter(self);
+  if (busy != 0) return busy > 0 ? PyUnicode_FromString("ScopeFacts(...)") : nullptr;
+  PyObject* result = guarded([&]() -> PyRef {
+    auto* facts = reinterpret_cast<FactsObject*>(self);
+    PyRef text = check(PyUnicode_FromString("ScopeFacts("));
+    for (int i = 0; i < kFactsFieldCount; ++i) {
+      PyRef value = plain_field(facts, i);
+      PyRef part = check(PyUnicode_FromFormat("%s%s=%R", i ? ", " : "", kFieldNames[i], value.get()));
+      text = check(PyUnicode_Concat(text.get(), part.get()));
+    }
+    PyRef close = check(PyUnicode_FromString(")"));
+    return check(PyUnicode_Concat(text.get(), close.get()));
+  });
+  Py_ReprLeave(self);
+  return result;
+}
+
+PyObject* facts_richcompare(PyObject* self, PyObject* other, int op) {
+  if ((op != Py_EQ && op != Py_NE) || !facts_check(other)) Py_RETURN_NOTIMPLEMENTED;
+  auto* left = reinterpret_cast<FactsObject*>(self);
+  auto* right = reinterpret_cast<FactsObject*>(other);
+  bool equal = true;
+  for (int i = 0; i < kFactsFieldCount && equal; ++i) {
+    if (left->fields[i] == nullptr || right->fields[i] == nullptr) {
+      equal = left->fields[i] == right->fields[i];
+      continue;
+    }
+    int same = PyObject_RichCompareBool(left->fields[i], right->fields[i], Py_EQ);
+    if (same < 0) return nullptr;
+    equal = same != 0;
+  }
+  return PyBool_FromLong(op == Py_EQ ? equal : !equal);
+}
+
+Py_hash_t facts_hash(PyObject* self) {
+  // Same rule as a frozen record: the hash of its fields. The maps are not
+  // hashable, so this raises TypeError like hashing such a record would.
+  auto* facts = reinterpret_cast<FactsObject*>(self);
+  PyObject* values = PyTuple_New(kFactsFieldCount);
+  if (values == nullptr) return -1;
+  for (int i = 0; i < kFactsFieldCount; ++i) {
+    PyObject* value = facts->fields[i] ? facts->fields[i] : Py_None;
+    PyTuple_SET_ITEM(values, i, Py_NewRef(value));
+  }
+  Py_hash_t hash = PyObject_Hash(values);
+  Py_DECREF(values);
+  return hash;
+}
+
+int facts_setattro(PyObject* self, PyObject* name, PyObject* value) {
+  (void)self;
+  if (!PyUnicode_Check(name)) {
+    PyErr_SetString(PyExc_TypeError, "attribute name must be a string");
+    return -1;
+  }
+  PyErr_Format(PyExc_AttributeError, "cannot %s field '%U': ScopeFacts is immutable",
+               value == nullptr ? "delete" : "assign to", name);
+  return -1;
+}
+
+PyGetSetDef facts_getset[] = {
+    {"files", facts_get_field, nullptr, PyDoc_STR("The page's indexed files (tuple of ScopeFile)."),
+     reinterpret_cast<void*>(kFiles)},
+    {"symbols", facts_get_field, nullptr, PyDoc_STR("The declarations of those files (tuple of ScopeSymbol)."),
+     reinterpret_cast<void*>(kSymbols)},
+    {"inbound", facts_get_field, nullptr,
+     PyDoc_STR("References reaching the page's declarations (tuple of InboundReference)."),
+     reinterpret_cast<void*>(kInbound)},
+    {"outbound", facts_get_field, nullptr,
+     PyDoc_STR("References made by the page's files (tuple of OutboundReference)."),
+     reinterpret_cast<void*>(kOutbound)},
+    {"import_resolved_paths", facts_get_field, nullptr,
+     PyDoc_STR("Page paths whose language has resolved imports (frozenset)."),
+     reinterpret_cast<void*>(kImportResolvedPaths)},
+    {"test_sources", facts_get_field, nullptr, PyDoc_STR("Source paths of inbound references that are tests."),
+     reinterpret_cast<void*>(kTestSources)},
+    {"line_counts", facts_get_field, nullptr, PyDoc_STR("Path to number of lines, for readable files (read-only)."),
+     reinterpret_cast<void*>(kLineCounts)},
+    {"summaries", facts_get_field, nullptr, PyDoc_STR("Path to the file's own summary, for readable files."),
+     reinterpret_cast<void*>(kSummaries)},
+    {"test_imports", facts_get_field, nullptr, PyDoc_STR("Page path to the test files importing it."),
+     reinterpret_cast<void*>(kTestImports)},
+    {"paths", facts_get_paths, nullptr, PyDoc_STR("Frozenset of the paths of `files`, derived on each access."),
+     nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyMethodDef facts_methods[] = {
+    {"import_resolved", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(facts_import_resolved)),
+     METH_VARARGS | METH_KEYWORDS,
+     PyDoc_STR("import_resolved($self, /, path)\n--\n\n"
+               "Whether `path` is in `import_resolved_paths` (the index resolves imports for its language).")},
+    {"__reduce__", facts_reduce, METH_NOARGS, PyDoc_STR("Pickle support: rebuilds from the nine fields.")},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+}  // namespace
+
+namespace {
+PyTypeObject* facts_type = nullptr;  // strong reference held for the life of the process
+}
+
+bool facts_check(PyObject* object) { return facts_type != nullptr && Py_IS_TYPE(object, facts_type); }
+
+FactsObject* as_facts(PyObject* object, const char* function, const char* argument) {
+  if (!facts_check(object)) wrong_type(function, argument, "ScopeFacts", object);
+  auto* facts = reinterpret_cast<FactsObject*>(object);
+  if (facts->fields[kFiles] == nullptr) raise(PyExc_ValueError, "ScopeFacts was cleared");
+  return facts;
+}
+
+NativeFacts& native_of(FactsObject* facts) {
+  if (facts->native == nullptr) facts->native = new NativeFacts();
+  return *facts->native;
+}
+
+bool init_facts_type(PyObject* module) {
+  static const char doc[] =
+      "ScopeFacts(files, symbols, inbound, outbound, import_resolved_paths, test_sources, line_counts, "
+      "summaries, test_imports={})\n--\n\n"
+      "Immutable record of one page's files and what the index knows of them.\n\n"
+      "Sequences are stored as tuples, sets as frozensets and maps as read-only copies. "
+      "The first function that needs a field of the records converts it into a native view, which the "
+      "record keeps: later calls read no attribute of the records again.";
+  static PyType_Slot slots[] = {
+      {Py_tp_doc, const_cast<char*>(doc)},
+      {Py_tp_new, reinterpret_cast<void*>(facts_new)},
+      {Py_tp_dealloc, reinterpret_cast<void*>(facts_dealloc)},
+      {Py_tp_traverse, reinterpret_cast<void*>(facts_traverse)},
+      {Py_tp_clear, reinterpret_cast<void*>(facts_clear)},
+      {Py_tp_repr, reinterpret_cast<void*>(facts_repr)},
+      {Py_tp_richcompare, reinterpret_cast<void*>(facts_richcompare)},
+      {Py_tp_hash, reinterpret_cast<void*>(facts_hash)},
+      {Py_tp_setattro, reinterpret_cast<void*>(facts_setattro)},
+      {Py_tp_getset, facts_getset},
+      {Py_tp_methods, facts_methods},
+      {0, nullptr},
+  };
+  static PyType_Spec spec = {"scope.ScopeFacts", sizeof(FactsObject), 0,
+                             Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_IMMUTABLETYPE, slots};
+  PyObject* type = PyType_FromSpec(&spec);
+  if (type == nullptr) return false;
+  facts_type = reinterpret_cast<PyTypeObject*>(type);
+  return PyModule_AddObjectRef(module, "ScopeFacts", type) == 0;
+}
+
+// ---------------------------------------------------------------------------
+// Strings.
+
+std::string_view utf8_of(PyObject* text, PyRef& scratch, const char* what) {
+  if (!PyUnicode_Check(text))
+    raise_format(PyExc_TypeError, "%s must be str, not %.100s", what, Py_TYPE(text)->tp_name);
+  Py_ssize_t size = 0;
+  const char* bytes = PyUnicode_AsUTF8AndSize(text, &size);
+  if (bytes != nullptr) return {bytes, static_cast<std::size_t>(size)};
+  if (!PyErr_ExceptionMatches(PyExc_UnicodeEncodeError)) throw PyError{};
+  // Lone surrogates have no UTF-8 form; keep them as their three-byte
+  // encoding so that they come back unchanged and still sort by code point.
+  PyErr_Clear();
+  scratch = check(PyUnicode_AsEncodedString(text, "utf-8", "surrogatepass"));
+  return {PyBytes_AS_STRING(scratch.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(scratch.get()))};
+}
+
+PyRef str_from_utf8(std::string_view text) {
+  return check(PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogatepass"));
+}
+
+StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, const char* what) {
+  PyRef scratch;
+  std::string_view bytes = utf8_of(text, scratch, what);
+  StrId id = pool.intern(bytes);
+  if (id == strings.size()) strings.push_back(PyRef::borrow(text));
+  return id;
+}
+
+// ---------------------------------------------------------------------------
+// Loading the view.
+
+void need_files(FactsObject* facts, std::uint32_t fields) {
+  NativeFacts& native = native_of(facts);
+  load_columns(native, native.view.files, facts->fields[kFiles], kFileFields, file_names, fields, "ScopeFile");
+}
+
+void need_symbols(FactsObject* facts, std::uint32_t fields) {
+  NativeFacts& native = native_of(facts);
+  bool had_kind = native.view.symbols.has(bit(sym_f::kind));
+  load_columns(native, native.view.symbols, facts->fields[kSymbols], kSymbolFields, symbol_names, fields,
+               "ScopeSymbol");
+  if (!had_kind && native.view.symbols.has(bit(sym_f::kind)))
+    note_column(native.view, native.view.symbols, sym_f::kind, true);
+}
+
+void need_inbound(FactsObject* facts, std::uint32_t fields) {
+  NativeFacts& native = native_of(facts);
+  Table& table = native.view.inbound;
+  bool had_kind = table.has(bit(in_f::target_kind));
+  bool had_resolution = table.has(bit(in_f::resolution));
+  load_columns(native, table, facts->fields[kInbound], kInboundFields, inbound_names, fields, "InboundReference");
+  if (!had_kind && table.has(bit(in_f::target_kind))) note_column(native.view, table, in_f::target_kind, true);
+  if (!had_resolution && table.has(bit(in_f::resolution)))
+    note_column(native.view, table, in_f::resolution, false);
+}
+
+void need_outbound(FactsObject* facts, std::uint32_t fields) {
+  NativeFacts& native = native_of(facts);
+  Table& table = native.view.outbound;
+  const std::uint32_t via_target =
+      bit(out_f::target_id) | bit(out_f::target_path) | bit(out_f::target_kind) | bit(out_f::target_fqn);
+  if (fields & via_target) fields |= bit(out_f::target);
+  bool had_kind = table.has(bit(out_f::target_kind));
+  bool had_resolution = table.has(bit(out_f::resolution));
+  // The targets first: the target_* columns are read from them.
+  load_columns(native, table, facts->fields[kOutbound], kOutboundFields, outbound_names,
+               fields & (bit(out_f::target) | ~via_target), "OutboundReference");
+  load_columns(native, table, facts->fields[kOutbound], kOutboundFields, outbound_names, fields,
+               "OutboundReference");
+  if (!had_kind && table.has(bit(out_f::target_kind))) note_column(native.view, table, out_f::target_kind, true);
+  if (!had_resolution && table.has(bit(out_f::resolution)))
+    note_column(native.view, table, out_f::resolution, false);
+}
+
+namespace {
+
+// Marks every str member of a set field with `which`.
+void mark_paths(NativeFacts& native, PyObject* members, std::uint8_t which, const char* what) {
+  std::vector<StrId> marked;
+  PyRef iterator = check(PyObject_GetIter(members));
+  while (PyRef item = PyRef::steal(PyIter_Next(iterator.get()))) {
+    // Membership is by equality with a path string; other members never match.
+    if (!PyUnicode_Check(item.get())) continue;
+    marked.push_back(intern(native.view.pool, native.strings, item.get(), what));
+  }
+  if (PyErr_Occurred()) throw PyError{};
+  for (StrId path : marked) native.view.set_path_bit(path, which);
+  native.view.path_bits_loaded |= which;
+}
+
+}  // namespace
+
+void need_path_bits(FactsObject* facts, std::uint8_t which) {
+  NativeFacts& native = native_of(facts);
+  FactsView& view = native.view;
+  std::uint8_t missing = which & ~view.path_bits_loaded;
+  if (missing & path_bit::in_page) {
+    need_files(facts, bit(file_f::path));
+    if (!(view.path_bits_loaded & path_bit::in_page)) {
+      for (std::size_t row = 0; row < view.files.rows; ++row)
+        view.set_path_bit(view.files.str(file_f::path, row), path_bit::in_page);
+      view.path_bits_loaded |= path_bit::in_page;
+    }
+  }
+  if (missing & path_bit::import_resolved)
+    mark_paths(native, facts->fields[kImportResolvedPaths], path_bit::import_resolved, "import_resolved_paths item");
+  if (missing & path_bit::test_source)
+    mark_paths(native, facts->fields[kTestSources], path_bit::test_source, "test_sources item");
+}
+
+void need_line_counts(FactsObject* facts) {
+  NativeFacts& native = native_of(facts);
+  if (native.view.line_counts_loaded) return;
+  std::unordered_map<StrId, std::int64_t> counts;
+  PyRef items = check(PyMapping_Items(facts->fields[kLineCounts]));
+  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
+    PyObject* pair = PyList_GET_ITEM(items.get(), i);  // borrowed
+    PyObject* key = PyTuple_GET_ITEM(pair, 0);
+    if (!PyUnicode_Check(key)) continue;  // never equal to a path
+    StrId path = intern(native.view.pool, native.strings, key, "line_counts key");
+    counts[path] = as_int64(PyTuple_GET_ITEM(pair, 1), "line_counts value");
+  }
+  if (native.view.line_counts_loaded) return;
+  native.view.line_counts = std::move(counts);
+  native.view.line_counts_loaded = true;
+}
+
+void need_summaries(FactsObject* facts) {
+  NativeFacts& native = native_of(facts);
+  if (native.view.summaries_loaded) return;
+  std::unordered_map<StrId, StrId> summaries;
+  PyRef items = check(PyMapping_Items(facts->fields[kSummaries]));
+  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
+    PyObject* pair = PyList_GET_ITEM(items.get(), i);  // borrowed
+    PyObject* key = PyTuple_GET_ITEM(pair, 0);
+    if (!PyUnicode_Check(key)) continue;
+    StrId path = intern(native.view.pool, native.strings, key, "summaries key");
+    summaries[path] = intern(native.view.pool, native.strings, PyTuple_GET_ITEM(pair, 1), "summaries value");
+  }
+  if (native.view.summaries_loaded) return;
+  native.view.summaries = std::move(summaries);
+  native.view.summaries_loaded = true;
+}
+
+// ---------------------------------------------------------------------------
+// Vocabulary and fan-in.
+
+Vocab vocab_of(const StringPool& pool, const std::vector<PyRef>& strings, const std::vector<StrId>& kinds,
+               const std::vector<StrId>& resolutions) {
+  Vocab vocab;
+  vocab.bits.assign(pool.size(), 0);
+  if (!kinds.empty()) {
+    PyRef name_match = module_attr("NAME_MATCH_KINDS");
+    PyRef types = module_attr("_TYPE_KINDS");
+    PyRef callables = module_attr("_CALLABLE_KINDS");
+    for (StrId kind : kinds) {
+      PyObject* text = strings[kind].get();
+      if (check(PySequence_Contains(name_match.get(), text))) vocab.set(kind, vocab_bit::name_match);
+      if (check(PySequence_Contains(types.get(), text))) vocab.set(kind, vocab_bit::type);
+      if (check(PySequence_Contains(callables.get(), text))) vocab.set(kind, vocab_bit::callable);
+      vocab.set_literals(pool, kind);
+    }
+  }
+  if (!resolutions.empty()) {
+    PyRef evidence = module_attr("EVIDENCE_RESOLUTIONS");
+    PyRef trusted = module_attr("_TRUSTED");
+    for (StrId resolution : resolutions) {
+      PyObject* text = strings[resolution].get();
+      if (check(PySequence_Contains(evidence.get(), text))) vocab.set(resolution, vocab_bit::evidence);
+      if (check(PySequence_Contains(trusted.get(), text))) vocab.set(resolution, vocab_bit::trusted);
+      vocab.set_literals(pool, resolution);
+    }
+  }
+  return vocab;
+}
+
+Vocab vocab_for(FactsObject* facts) {
+  NativeFacts& native = native_of(facts);
+  return vocab_of(native.view.pool, native.strings, native.view.kind_ids, native.view.resolution_ids);
+}
+
+namespace {
+
+void read_counts(PyObject* mapping, std::unordered_map<std::int64_t, std::int64_t>& into, const char* what) {
+  PyRef items;
+  if (PyDict_Check(mapping)) {
+    PyObject* key;
+    PyObject* value;
+    Py_ssize_t position = 0;
+    while (PyDict_Next(mapping, &position, &key, &value)) {  // borrowed key and value
+      int overflow = 0;
+      if (!PyLong_Check(key)) continue;  // never equal to a symbol id
+      long long id = PyLong_AsLongLongAndOverflow(key, &overflow);
+      if (overflow != 0) continue;
+      if (id == -1 && PyErr_Occurred()) throw PyError{};
+      into[id] = as_int64(value, what);
+    }
+    return;
+  }
+  items = check(PyMapping_Items(mapping));
+  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
+    PyObject* pair = PyList_GET_ITEM(items.get(), i);
+    PyObject* key = PyTuple_GET_ITEM(pair, 0);
+    int overflow = 0;
+    if (!PyLong_Check(key)) continue;
+    long long id = PyLong_AsLongLongAndOverflow(key, &overflow);
+    if (overflow != 0) continue;
+    if (id == -1 && PyErr_Occurred()) throw PyError{};
+    into[id] = as_int64(PyTuple_GET_ITEM(pair, 1), what);
+  }
+}
+
+}  // namespace
+
+FanInView fan_in_view(PyObject* fan_in) {
+  FanInView view;
+  PyRef outside = check(PyObject_GetAttrString(fan_in, "outside"));
+  read_counts(outside.get(), view.outside, "fan_in.outside value");
+  PyRef inside = check(PyObject_GetAttrString(fan_in, "inside"));
+  read_counts(inside.get(), view.inside, "fan_in.inside value");
+  PyRef entry = check(PyObject_GetAttrString(fan_in, "entry"));
+  PyRef iterator = check(PyObject_GetIter(entry.get()));
+  while (PyRef item = PyRef::steal(PyIter_Next(iterator.get()))) {
+    int overflow = 0;
+    if (!PyLong_Check(item.get())) continue;
+    long long id = PyLong_AsLongLongAndOverflow(item.get(), &overflow);
+    if (overflow != 0) continue;
+    if (id == -1 && PyErr_Occurred()) throw PyError{};
+    view.entry.insert(id);
+  }
+  if (PyErr_Occurred()) throw PyError{};
+  return view;
+}
+
+// ---------------------------------------------------------------------------
+// Test hook: the converted columns of one table, decoded back to Python.
+
+PyObject* native_columns(PyObject*, PyObject* args, PyObject* kwargs) {
+  return guarded([&]() -> PyRef {
+    static const char* keywords[] = {"facts", "table", "fields", nullptr};
+    PyObject* object;
+    const char* table_name;
+    PyObject* names;
+    parse_args(args, kwargs, "OsO:_native_columns", keywords, &object, &table_name, &names);
+    FactsObject* facts = as_facts(object, "_native_columns");
+    const FieldSpec* specs;
+    unsigned count;
+    std::string table(table_name);
+    if (table == "files") {
+      specs = kFileFields, count = file_f::count;
+    } else if (table == "symbols") {
+      specs = kSymbolFields, count = sym_f::count;
+    } else if (table == "inbound") {
+      specs = kInboundFields, count = in_f::count;
+    } else if (table == "outbound") {
+      specs = kOutboundFields, count = out_f::count;
+    } else {
+      raise(PyExc_ValueError, "table must be files, symbols, inbound or outbound");
+    }
+    std::vector<unsigned> fields;
+    std::uint32_t mask = 0;
+    PyRef sequence = check(PySequence_Fast(names, "fields must be a sequence of names"));
+    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(sequence.get()); ++i) {
+      const char* name = PyUnicode_AsUTF8(PySequence_Fast_GET_ITEM(sequence.get(), i));
+      if (name == nullptr) throw PyError{};
+      unsigned field = 0;
+      while (field < count && std::strcmp(specs[field].attr, name) != 0) ++field;
+      if (field == count || specs[field].cell == Cell::object) raise(PyExc_ValueError, "unknown field");
+      fields.push_back(field);
+      mask |= bit(field);
+    }
+    if (table == "files") need_files(facts, mask);
+    if (table == "symbols") need_symbols(facts, mask);
+    if (table == "inbound") need_inbound(facts, mask);
+    if (table == "outbound") need_outbound(facts, mask);
+    NativeFacts& native = native_of(facts);
+    const Table& source = table == "files"     ? native.view.files
+                          : table == "symbols" ? native.view.symbols
+                          : table == "inbound" ? native.view.inbound
+                                               : native.view.outbound;
+    PyRef result = check(PyTuple_New(static_cast<Py_ssize_t>(fields.size())));
+    for (std::size_t k = 0; k < fields.size(); ++k) {
+      PyRef column = check(PyList_New(static_cast<Py_ssize_t>(source.rows)));
+      for (std::size_t row = 0; row < source.rows; ++row) {
+        std::int64_t cell = source.num(fields[k], row);
+        PyRef value;
+        switch (specs[fields[k]].cell) {
+          case Cell::integer:
+            value = new_int(cell);
+            break;
+          case Cell::truth:
+            value = new_bool(cell != 0);
+            break;
+          default:
+            value = cell == kNoStr ? PyRef::borrow(Py_None)
+                                   : str_from_utf8(native.view.pool.text(static_cast<StrId>(cell)));
+        }
+        PyList_SET_ITEM(column.get(), static_cast<Py_ssize_t>(row), value.release());
+      }
+      PyTuple_SET_ITEM(result.get(), static_cast<Py_ssize_t>(k), column.release());
+    }
+    return result;
+  });
+}
+
+}  // namespace scope::py

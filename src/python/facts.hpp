@@ -1,0 +1,86 @@
+// ScopeFacts: the module's immutable record of one page, and its native view.
+#pragma once
+
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "../core/counter.hpp"
+#include "../core/view.hpp"
+#include "pyref.hpp"
+
+namespace scope::py {
+
+// Field order of ScopeFacts.
+enum FactsField : int {
+  kFiles,
+  kSymbols,
+  kInbound,
+  kOutbound,
+  kImportResolvedPaths,
+  kTestSources,
+  kLineCounts,
+  kSummaries,
+  kTestImports,
+  kFactsFieldCount
+};
+
+// The native view of one ScopeFacts plus the Python objects that results hand
+// back: the str object of every interned string and the outbound targets.
+struct NativeFacts {
+  FactsView view;
+  std::vector<PyRef> strings;  // indexed by StrId
+  std::vector<PyRef> targets;  // outbound `target` objects, by row
+};
+
+struct FactsObject {
+  PyObject_HEAD
+  PyObject* fields[kFactsFieldCount];  // owned; maps are read-only proxies
+  NativeFacts* native;                 // owned; created on first use
+};
+
+bool facts_check(PyObject* object);
+// `object` as ScopeFacts, or TypeError naming function and argument.
+FactsObject* as_facts(PyObject* object, const char* function, const char* argument = "facts");
+NativeFacts& native_of(FactsObject* facts);
+bool init_facts_type(PyObject* module);
+
+// The field tuples (borrowed).
+inline PyObject* field(FactsObject* facts, FactsField which) { return facts->fields[which]; }
+
+// --- Loading the native view ------------------------------------------------
+// Each `need_*` converts the listed columns that are not converted yet and
+// keeps them; a later call converts nothing. Errors raised while reading a
+// record (a missing attribute, a property that raises, a value of the wrong
+// type or beyond 64 bits) propagate as PyError.
+void need_files(FactsObject* facts, std::uint32_t fields);
+void need_symbols(FactsObject* facts, std::uint32_t fields);
+void need_inbound(FactsObject* facts, std::uint32_t fields);
+void need_outbound(FactsObject* facts, std::uint32_t fields);
+// path_bit::in_page, import_resolved and/or test_source.
+void need_path_bits(FactsObject* facts, std::uint8_t which);
+void need_line_counts(FactsObject* facts);
+void need_summaries(FactsObject* facts);
+
+// Membership of every kind and resolution string of the view in the module's
+// sets, looked up now.
+Vocab vocab_for(FactsObject* facts);
+
+// Interning of strings read from Python objects.
+StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, const char* what);
+// UTF-8 bytes (surrogates pass through) of a str; the view lives as long as `text`
+// or `scratch`.
+std::string_view utf8_of(PyObject* text, PyRef& scratch, const char* what);
+PyRef str_from_utf8(std::string_view text);
+
+// Vocabulary bits for a set of kind and resolution ids of any pool.
+Vocab vocab_of(const StringPool& pool, const std::vector<PyRef>& strings, const std::vector<StrId>& kinds,
+               const std::vector<StrId>& resolutions);
+
+// A FanIn-like object (`outside`, `inside`, `entry`) as native maps.
+FanInView fan_in_view(PyObject* fan_in);
+
+// For tests: the converted columns of one table, as Python values.
+PyObject* native_columns(PyObject* self, PyObject* args, PyObject* kwargs);
+
+}  // namespace scope::py
