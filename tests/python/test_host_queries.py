@@ -131,7 +131,9 @@ def test_importing_tests_keeps_test_importers_only(db):
     db.add_file("tests/test_b.py")
     db.add_reference("tests/test_b.py", db.ids["helper"], "unique")  # not an import
     db.add_reference("tests/test_b.py", db.ids["alpha"], "import")
-    files = scope_files(db, PAGE)
+    own = db.add_symbol("tests/test_b.py", "fixture", "tests.test_b.fixture", "function", 1, 2)
+    db.add_reference("tests/test_b.py", own, "import")  # a file does not reach itself
+    files = scope_files(db, PAGE + ["tests/test_b.py"])
     before = db.query_count
     result = importing_tests(db, files)
     assert db.query_count == before + 1

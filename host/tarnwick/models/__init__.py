@@ -1,0 +1,1 @@
+"""Vocabulary of the index model: resolutions of references and kinds of declarations."""

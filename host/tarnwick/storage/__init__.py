@@ -1,0 +1,1 @@
+"""The SQLite index of a repository and the queries that read it."""

@@ -1,0 +1,276 @@
+"""The index database: one SQLite file (or an in-memory database) holding what
+the indexer knows about a repository.
+
+Opening a ``Database`` creates the schema below when it is absent (``PRAGMA
+user_version`` is then 1); reopening an existing index leaves its rows alone.
+
+``files``
+    ``id`` INTEGER PRIMARY KEY;
+    ``path`` TEXT NOT NULL UNIQUE: repository-relative with "/" separators,
+    stored exactly as given and never normalised;
+    ``language`` TEXT, NULL when the indexer assigned no language.
+
+``declarations``
+    ``id`` INTEGER PRIMARY KEY: the symbol id;
+    ``file_id`` INTEGER NOT NULL, references ``files(id)``;
+    ``name`` TEXT: the declared short name; ``fqn`` TEXT: the qualified name;
+    ``kind`` TEXT: "function", "class", "constant", ...;
+    ``start_line``, ``end_line`` INTEGER: 1-based, inclusive;
+    ``exported`` INTEGER 0 or 1: whether the file exports the declaration.
+
+``refs``
+    ``id`` INTEGER PRIMARY KEY;
+    ``source_file_id`` INTEGER NOT NULL, references ``files(id)``: the file
+    that holds the references;
+    ``target_id`` INTEGER NOT NULL, references ``declarations(id)``;
+    ``resolution`` TEXT: how the reference was tied to its target (see
+    ``tarnwick.models.edge``);
+    ``count`` INTEGER >= 0: how many references the row stands for.
+    The same (source, target, resolution) may appear on several rows;
+    readers sum ``count``.
+
+``resolved_languages``
+    ``language`` TEXT PRIMARY KEY: a language whose imports the indexer
+    resolves, so that its "import" references are reliable.
+
+Rows are loaded with the ``add_*`` methods; the bulk forms take iterables and
+insert with one ``executemany`` per call.  Readers go through ``query``, which
+counts the statements it runs in ``query_count``.
+"""
+
+from __future__ import annotations
+
+import json
+import os
+import sqlite3
+from collections.abc import Iterable, Sequence
+from typing import Any
+
+SCHEMA_VERSION = 1
+
+_SCHEMA = """
+CREATE TABLE IF NOT EXISTS files (
+    id       INTEGER PRIMARY KEY,
+    path     TEXT NOT NULL UNIQUE,
+    language TEXT
+);
+CREATE TABLE IF NOT EXISTS declarations (
+    id         INTEGER PRIMARY KEY,
+    file_id    INTEGER NOT NULL REFERENCES files(id),
+    name       TEXT NOT NULL,
+    fqn        TEXT NOT NULL,
+    kind       TEXT NOT NULL,
+    start_line INTEGER NOT NULL,
+    end_line   INTEGER NOT NULL,
+    exported   INTEGER NOT NULL DEFAULT 0 CHECK (exported IN (0, 1))
+);
+CREATE INDEX IF NOT EXISTS declarations_by_file ON declarations(file_id);
+CREATE TABLE IF NOT EXISTS refs (
+    id             INTEGER PRIMARY KEY,
+    source_file_id INTEGER NOT NULL REFERENCES files(id),
+    target_id      INTEGER NOT NULL REFERENCES declarations(id),
+    resolution     TEXT NOT NULL,
+    count          INTEGER NOT NULL DEFAULT 1 CHECK (count >= 0)
+);
+CREATE INDEX IF NOT EXISTS refs_by_target ON refs(target_id);
+CREATE INDEX IF NOT EXISTS refs_by_source ON refs(source_file_id);
+CREATE TABLE IF NOT EXISTS resolved_languages (
+    language TEXT PRIMARY KEY
+);
+"""
+
+# A file given to the loaders either by its path or by its id.
+FileRef = str | int
+
+
+class Database:
+    """Handle on one index database.
+
+    ``Database()`` or ``Database(":memory:")`` gives a fresh in-memory index;
+    any other path opens that file, creating it and its schema if needed.
+    The handle is a context manager that closes the connection on exit.
+    """
+
+    def __init__(self, path: str | os.PathLike[str] = ":memory:") -> None:
+        self.path = os.fspath(path)
+        self.connection = sqlite3.connect(self.path)
+        # Loading a reference to a declaration that does not exist is a bug in
+        # whatever fills the index; let SQLite refuse it.
+        self.connection.execute("PRAGMA foreign_keys = ON")
+        with self.connection:
+            self.connection.executescript(_SCHEMA)
+            if self.connection.execute("PRAGMA user_version").fetchone()[0] == 0:
+                self.connection.execute(f"PRAGMA user_version = {SCHEMA_VERSION}")
+        # Number of statements run through ``query``; loading does not count.
+        self.query_count = 0
+
+    # -- reading -----------------------------------------------------------
+
+    def query(self, sql: str, params: Sequence[Any] = ()) -> list[tuple]:
+        """Run one read statement with bound parameters and return all its rows."""
+        self.query_count += 1
+        return self.connection.execute(sql, params).fetchall()
+
+    # -- loading -----------------------------------------------------------
+
+    def add_file(self, path: str, language: str | None = None) -> int:
+        """Index one file and return its id; a path already indexed is an error."""
+        return self.add_files([(path, language)])[0]
+
+    def add_files(self, files: Iterable[str | tuple[str] | tuple[str, str | None]]) -> list[int]:
+        """Index many files, each a path or a (path, language) pair.
+
+        Returns their ids in the order given.
+        """
+        rows = []
+        for item in files:
+            if isinstance(item, str):
+                rows.append((item, None))
+            else:
+                path, *rest = item
+                if len(rest) > 1:
+                    raise ValueError(f"a file is (path, language), got {item!r}")
+                rows.append((path, rest[0] if rest else None))
+        with self.connection:
+            first = self._next_id("files")
+            params = [(first + i, path, language) for i, (path, language) in enumerate(rows)]
+            self.connection.executemany(
+                "INSERT INTO files (id, path, language) VALUES (?, ?, ?)", params
+            )
+        return [row[0] for row in params]
+
+    def add_symbol(
+        self,
+        file: FileRef,
+        name: str,
+        fqn: str,
+        kind: str,
+        start_line: int,
+        end_line: int,
+        exported: bool = False,
+    ) -> int:
+        """Record one declaration of ``file`` (a path or a file id); returns its symbol id."""
+        return self.add_symbols([(file, name, fqn, kind, start_line, end_line, exported)])[0]
+
+    def add_symbols(self, symbols: Iterable[Sequence[Any]]) -> list[int]:
+        """Record many declarations, each
+        ``(file, name, fqn, kind, start_line, end_line[, exported])``.
+
+        Returns their symbol ids in the order given.  A file path that is not
+        indexed raises ``KeyError``.
+        """
+        rows = [tuple(row) for row in symbols]
+        for row in rows:
+            if len(row) not in (6, 7):
+                raise ValueError(
+                    "a declaration is (file, name, fqn, kind, start_line, end_line[, exported]),"
+                    f" got {row!r}"
+                )
+        file_ids = self._file_ids(row[0] for row in rows)
+        with self.connection:
+            first = self._next_id("declarations")
+            params = [
+                (
+                    first + i,
+                    file_ids[row[0]],
+                    row[1],
+                    row[2],
+                    row[3],
+                    row[4],
+                    row[5],
+                    1 if len(row) == 7 and row[6] else 0,
+                )
+                for i, row in enumerate(rows)
+            ]
+            self.connection.executemany(
+                "INSERT INTO declarations"
+                " (id, file_id, name, fqn, kind, start_line, end_line, exported)"
+                " VALUES (?, ?, ?, ?, ?, ?, ?, ?)",
+                params,
+            )
+        return [row[0] for row in params]
+
+    def add_reference(
+        self, source: FileRef, target_id: int, resolution: str, count: int = 1
+    ) -> None:
+        """Record ``count`` references from ``source`` (a path or a file id) to a declaration."""
+        self.add_references([(source, target_id, resolution, count)])
+
+    def add_references(self, references: Iterable[Sequence[Any]]) -> None:
+        """Record many references, each ``(source, target_id, resolution[, count])``.
+
+        A source path that is not indexed raises ``KeyError``; a target id
+        that is not a declaration raises ``sqlite3.IntegrityError``.
+        """
+        rows = [tuple(row) for row in references]
+        for row in rows:
+            if len(row) not in (3, 4):
+                raise ValueError(
+                    f"a reference is (source, target_id, resolution[, count]), got {row!r}"
+                )
+        file_ids = self._file_ids(row[0] for row in rows)
+        params = [
+            (file_ids[row[0]], row[1], row[2], row[3] if len(row) == 4 else 1) for row in rows
+        ]
+        with self.connection:
+            self.connection.executemany(
+                "INSERT INTO refs (source_file_id, target_id, resolution, count)"
+                " VALUES (?, ?, ?, ?)",
+                params,
+            )
+
+    def add_resolved_language(self, language: str) -> None:
+        """Record that the indexer resolves the imports of ``language``."""
+        self.add_resolved_languages([language])
+
+    def add_resolved_languages(self, languages: Iterable[str]) -> None:
+        """Record several import-resolved languages; repeats are ignored."""
+        with self.connection:
+            self.connection.executemany(
+                "INSERT OR IGNORE INTO resolved_languages (language) VALUES (?)",
+                [(language,) for language in languages],
+            )
+
+    # -- lifecycle ---------------------------------------------------------
+
+    def close(self) -> None:
+        """Close the connection; closing twice is harmless."""
+        self.connection.close()
+
+    def __enter__(self) -> Database:
+        return self
+
+    def __exit__(self, *exc_info: object) -> None:
+        self.close()
+
+    def __repr__(self) -> str:
+        return f"Database({self.path!r})"
+
+    # -- internals ---------------------------------------------------------
+
+    def _next_id(self, table: str) -> int:
+        # Ids are assigned here rather than by SQLite so that the bulk
+        # loaders can report them without one statement per row.
+        return self.connection.execute(f"SELECT IFNULL(MAX(id), 0) + 1 FROM {table}").fetchone()[0]
+
+    def _file_ids(self, files: Iterable[FileRef]) -> dict[FileRef, int]:
+        """Map each given file (path or id) to its id; ids map to themselves."""
+        mapping: dict[FileRef, int] = {}
+        paths = []
+        for file in files:
+            if isinstance(file, str):
+                paths.append(file)
+            else:
+                mapping[file] = file
+        if paths:
+            found = dict(
+                self.connection.execute(
+                    "SELECT path, id FROM files WHERE path IN (SELECT value FROM json_each(?))",
+                    (json.dumps(paths),),
+                )
+            )
+            for path in paths:
+                if path not in found:
+                    raise KeyError(f"file not in the index: {path!r}")
+            mapping.update(found)
+        return mapping

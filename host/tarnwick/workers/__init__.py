@@ -1,0 +1,1 @@
+"""Background workers of the tool."""

@@ -1,0 +1,1 @@
+"""The wiki worker: writes one page about a set of files of an indexed repository."""

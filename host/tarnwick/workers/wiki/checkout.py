@@ -1,0 +1,32 @@
+"""Reads files of the repository checkout that a wiki page is written from."""
+
+from __future__ import annotations
+
+import os
+from collections.abc import Callable
+from pathlib import Path, PurePosixPath
+
+
+def checkout_reader(root: str | os.PathLike[str]) -> Callable[[str], list[str] | None]:
+    """Return ``read_lines(path)``: the lines of ``root/path``, or None.
+
+    ``path`` is repository-relative with "/" separators.  The lines are those
+    of ``str.splitlines()`` (no line ends); a UTF-8 byte order mark is
+    dropped.  None stands for a file that cannot be read as text: missing, a
+    directory, not permitted, not valid UTF-8, or a path that is absolute or
+    climbs out of the checkout with "..".  Those cases never raise.
+    """
+    base = Path(root)
+
+    def read_lines(path: str) -> list[str] | None:
+        relative = PurePosixPath(path)
+        if relative.is_absolute() or ".." in relative.parts:
+            return None
+        try:
+            text = (base / relative).read_bytes().decode("utf-8-sig")
+        except (OSError, UnicodeDecodeError, ValueError):
+            # ValueError covers paths the OS cannot even express (a NUL byte).
+            return None
+        return text.splitlines()
+
+    return read_lines
