@@ -439,10 +439,12 @@ void need_files(FactsObject* facts, std::uint32_t fields) {
 }
 
 void need_symbols(FactsObject* facts, std::uint32_t fields) {
-  NativeFacts& native = native_of(facts);
+  load_symbol_records(native_of(facts), facts->fields[kSymbols], fields);
+}
+
+void load_symbol_records(NativeFacts& native, PyObject* records, std::uint32_t fields) {
   bool had_kind = native.view.symbols.has(bit(sym_f::kind));
-  load_columns(native, native.view.symbols, facts->fields[kSymbols], kSymbolFields, symbol_names, fields,
-               "ScopeSymbol");
+  load_columns(native, native.view.symbols, records, kSymbolFields, symbol_names, fields, "ScopeSymbol");
   if (!had_kind && native.view.symbols.has(bit(sym_f::kind)))
     note_column(native.view, native.view.symbols, sym_f::kind, true);
 }
@@ -578,10 +580,11 @@ Vocab vocab_of(const StringPool& pool, const std::vector<PyRef>& strings, const 
   return vocab;
 }
 
-Vocab vocab_for(FactsObject* facts) {
-  NativeFacts& native = native_of(facts);
+Vocab vocab_for(NativeFacts& native) {
   return vocab_of(native.view.pool, native.strings, native.view.kind_ids, native.view.resolution_ids);
 }
+
+Vocab vocab_for(FactsObject* facts) { return vocab_for(native_of(facts)); }
 
 namespace {
 

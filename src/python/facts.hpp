@@ -65,6 +65,13 @@ void need_summaries(FactsObject* facts);
 // Membership of every kind and resolution string of the view in the module's
 // sets, looked up now.
 Vocab vocab_for(FactsObject* facts);
+Vocab vocab_for(NativeFacts& native);
+
+// Declarations that come from no ScopeFacts (a list the host passes): reads
+// the `fields` (sym_f bits) of every record of `records` (a tuple) into
+// `native.view.symbols`, interning into `native`'s pool. Kinds are noted, so
+// vocab_for(native) covers them.
+void load_symbol_records(NativeFacts& native, PyObject* records, std::uint32_t fields);
 
 // Interning of strings read from Python objects.
 StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, const char* what);
