@@ -1,9 +1,83 @@
+// Consumers of the page, its neighbours and its name-match counts.
+#include <unordered_set>
+
 #include "bindings.hpp"
 #include "facts.hpp"
+#include "neighbours.hpp"
 
 namespace scope::py {
 
+namespace {
+
+PyObject* neighbours(PyObject*, PyObject* args, PyObject* kwargs) {
+  return guarded([&]() -> PyRef {
+    static const char* const keywords[] = {"facts", "limit", nullptr};
+    PyObject* facts_arg;
+    PyObject* limit_arg;
+    parse_args(args, kwargs, "OO:neighbours", keywords, &facts_arg, &limit_arg);
+    FactsObject* facts = as_facts(facts_arg, "neighbours");
+    if (!PyIndex_Check(limit_arg)) wrong_type("neighbours", "limit", "int", limit_arg);
+    std::int64_t limit = as_int64(limit_arg, "neighbours() argument 'limit'");
+
+    need_path_bits(facts, path_bit::in_page);
+    need_outbound(facts, bit(out_f::resolution) | bit(out_f::refs) | bit(out_f::target_id) |
+                             bit(out_f::target_path) | bit(out_f::target_kind) | bit(out_f::target_fqn));
+    NativeFacts& native = native_of(facts);
+    Vocab vocab = vocab_for(facts);
+    // The path filter is asked once per distinct target path outside the
+    // page, in order of first sight: it is a pure function of the path.
+    std::unordered_set<StrId> test_paths;
+    if (limit > 0) {
+      PyRef is_test_path = module_attr("is_test_path");
+      for (StrId path : outside_target_paths(native.view)) {
+        PyRef answer = check(PyObject_CallOneArg(is_test_path.get(), native.strings[path].get()));
+        if (truth(answer.get())) test_paths.insert(path);
+      }
+    }
+    std::vector<Neighbour> ranked = scope::neighbours(native.view, vocab, test_paths, limit);
+    PyRef result = check(PyList_New(static_cast<Py_ssize_t>(ranked.size())));
+    for (std::size_t i = 0; i < ranked.size(); ++i) {
+      PyRef count = new_int(ranked[i].count);
+      PyRef pair = check(PyTuple_Pack(2, native.targets[ranked[i].row].get(), count.get()));
+      PyList_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i), pair.release());
+    }
+    return result;
+  });
+}
+
+PyObject* name_match_counts(PyObject*, PyObject* args, PyObject* kwargs) {
+  return guarded([&]() -> PyRef {
+    static const char* const keywords[] = {"facts", nullptr};
+    PyObject* facts_arg;
+    parse_args(args, kwargs, "O:name_match_counts", keywords, &facts_arg);
+    FactsObject* facts = as_facts(facts_arg, "name_match_counts");
+    need_inbound(facts, bit(in_f::source_path) | bit(in_f::target_path) | bit(in_f::target_kind) |
+                            bit(in_f::resolution) | bit(in_f::refs));
+    need_outbound(facts, bit(out_f::source_path) | bit(out_f::resolution) | bit(out_f::refs) |
+                             bit(out_f::target_path) | bit(out_f::target_kind));
+    NativeFacts& native = native_of(facts);
+    PathPairCounter counts = scope::name_match_counts(native.view, vocab_for(facts));
+    PyRef result = check(PyDict_New());
+    for (const auto& [pair, count] : counts.entries()) {
+      PyRef key = check(PyTuple_Pack(2, native.strings[pair.first].get(), native.strings[pair.second].get()));
+      check(PyDict_SetItem(result.get(), key.get(), new_int(count).get()));
+    }
+    return result;
+  });
+}
+
+}  // namespace
+
 PyMethodDef consumers_methods[] = {
+    {"neighbours", keywords_function(neighbours), METH_VARARGS | METH_KEYWORDS,
+     PyDoc_STR("neighbours(facts, limit)\n--\n\n"
+               "The declarations outside the page that its files use most: a list of (target record, count) "
+               "pairs, highest count first, then fqn, then first counted; at most `limit`. Targets in the page "
+               "or in test files are skipped, and a name match to an attribute or a constant does not count.")},
+    {"name_match_counts", keywords_function(name_match_counts), METH_VARARGS | METH_KEYWORDS,
+     PyDoc_STR("name_match_counts(facts)\n--\n\n"
+               "Counts of \"unique\" references to attributes and constants, keyed by (source path, target "
+               "path) in first-counted order: inbound references first, then outbound; every file counts.")},
     {nullptr, nullptr, 0, nullptr},
 };
 
