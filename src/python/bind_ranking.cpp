@@ -1,9 +1,203 @@
+// Ranking and selection.
+#include <vector>
+
 #include "bindings.hpp"
 #include "facts.hpp"
+#include "ranking.hpp"
 
 namespace scope::py {
 
+namespace {
+
+constexpr std::uint32_t kKeyFields =
+    bit(sym_f::id) | bit(sym_f::kind) | bit(sym_f::name) | bit(sym_f::start_line) | bit(sym_f::end_line);
+
+std::int64_t int_argument(PyObject* value, const char* function, const char* argument) {
+  if (!PyIndex_Check(value)) wrong_type(function, argument, "int", value);
+  return as_int64(value, argument);
+}
+
+PyRef key_tuple(const RankKey& key) {
+  PyRef items[] = {new_bool(key.not_api),       new_int(key.kind_group),   new_bool(key.is_private),
+                   new_int128(key.outside),     new_int128(key.size),      new_int128(key.inside),
+                   new_int(key.start_line)};
+  PyRef tuple = check(PyTuple_New(7));
+  for (Py_ssize_t i = 0; i < 7; ++i) PyTuple_SET_ITEM(tuple.get(), i, items[i].release());
+  return tuple;
+}
+
+PyObject* rank_key(PyObject*, PyObject* args, PyObject* kwargs) {
+  return guarded([&]() -> PyRef {
+    static const char* const keywords[] = {"symbol", "fan_in", nullptr};
+    PyObject* symbol;
+    PyObject* fan_in_arg;
+    parse_args(args, kwargs, "OO:rank_key", keywords, &symbol, &fan_in_arg);
+    NativeFacts scratch;
+    PyRef records = check(PyTuple_Pack(1, symbol));
+    load_symbol_records(scratch, records.get(), kKeyFields);
+    FanInView fan_in = fan_in_view(fan_in_arg);
+    return key_tuple(scope::rank_key(scratch.view.pool, scratch.view.symbols, 0, vocab_for(scratch), fan_in));
+  });
+}
+
+PyObject* ranked_by_file(PyObject*, PyObject* args, PyObject* kwargs) {
+  return guarded([&]() -> PyRef {
+    static const char* const keywords[] = {"facts", "fan_in", nullptr};
+    PyObject* facts_arg;
+    PyObject* fan_in_arg;
+    parse_args(args, kwargs, "OO:ranked_by_file", keywords, &facts_arg, &fan_in_arg);
+    FactsObject* facts = as_facts(facts_arg, "ranked_by_file");
+    need_symbols(facts, kKeyFields | bit(sym_f::path));
+    FanInView fan_in = fan_in_view(fan_in_arg);
+    NativeFacts& native = native_of(facts);
+    RankedFiles ranked = scope::ranked_by_file(native.view, vocab_for(facts), fan_in);
+    PyObject* symbols = field(facts, kSymbols);  // borrowed: the facts' own records
+    PyRef result = check(PyDict_New());
+    for (const auto& [path, rows] : ranked) {
+      PyRef list = check(PyList_New(static_cast<Py_ssize_t>(rows.size())));
+      for (std::size_t i = 0; i < rows.size(); ++i)
+        PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i),
+                        Py_NewRef(PyTuple_GET_ITEM(symbols, static_cast<Py_ssize_t>(rows[i]))));
+      check(PyDict_SetItem(result.get(), native.strings[path].get(), list.get()));
+    }
+    return result;
+  });
+}
+
+PyObject* file_seeds(PyObject*, PyObject* args, PyObject* kwargs) {
+  return guarded([&]() -> PyRef {
+    static const char* const keywords[] = {"facts", "fan_in", nullptr};
+    PyObject* facts_arg;
+    PyObject* fan_in_arg;
+    parse_args(args, kwargs, "OO:file_seeds", keywords, &facts_arg, &fan_in_arg);
+    FactsObject* facts = as_facts(facts_arg, "file_seeds");
+    need_symbols(facts, kKeyFields | bit(sym_f::path));
+    need_files(facts, bit(file_f::path));
+    need_line_counts(facts);
+    FanInView fan_in = fan_in_view(fan_in_arg);
+    NativeFacts& native = native_of(facts);
+    PyRef result = check(PyDict_New());
+    for (const auto& [path, seed] : scope::file_seeds(native.view, vocab_for(facts), fan_in)) {
+      PyRef range = check(Py_BuildValue("(LL)", static_cast<long long>(seed.first),
+                                        static_cast<long long>(seed.second)));
+      check(PyDict_SetItem(result.get(), native.strings[path].get(), range.get()));
+    }
+    return result;
+  });
+}
+
+PyObject* select_with_quota(PyObject*, PyObject* args, PyObject* kwargs) {
+  return guarded([&]() -> PyRef {
+    static const char* const keywords[] = {"ranked", "fan_in", "total", "floor", "max_share", nullptr};
+    PyObject *ranked, *fan_in_arg, *total_arg, *floor_arg, *share_arg;
+    parse_args(args, kwargs, "OOOOO:select_with_quota", keywords, &ranked, &fan_in_arg, &total_arg, &floor_arg,
+               &share_arg);
+    std::int64_t total = int_argument(total_arg, "select_with_quota", "total");
+    std::int64_t floor = int_argument(floor_arg, "select_with_quota", "floor");
+    if (!PyMapping_Check(ranked)) wrong_type("select_with_quota", "ranked", "a mapping", ranked);
+    PyRef items = check(PyMapping_Items(ranked));
+
+    // Every file's sequence, flattened into one tuple of records.
+    std::vector<PyRef> sequences;
+    std::vector<QuotaFile> files;
+    std::vector<PyRef> keep_alive;
+    std::size_t declarations = 0;
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
+      PyObject* pair = PyList_GET_ITEM(items.get(), i);  // borrowed from items
+      PyRef sequence = check(PySequence_Fast(PyTuple_GET_ITEM(pair, 1), "ranked values must be sequences"));
+      std::size_t count = static_cast<std::size_t>(PySequence_Fast_GET_SIZE(sequence.get()));
+      PyRef scratch;
+      std::string_view path = utf8_of(PyTuple_GET_ITEM(pair, 0), scratch, "select_with_quota() ranked key");
+      keep_alive.push_back(scratch);
+      files.push_back({path, declarations, count});
+      declarations += count;
+      sequences.push_back(sequence);
+    }
+    if (declarations == 0 || total <= 0) return check(PyList_New(0));
+
+    PyRef records = check(PyTuple_New(static_cast<Py_ssize_t>(declarations)));
+    Py_ssize_t at = 0;
+    for (const PyRef& sequence : sequences)
+      for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(sequence.get()); ++i)
+        PyTuple_SET_ITEM(records.get(), at++, Py_NewRef(PySequence_Fast_GET_ITEM(sequence.get(), i)));
+    NativeFacts scratch;
+    load_symbol_records(scratch, records.get(), kKeyFields);
+    FanInView fan_in = fan_in_view(fan_in_arg);
+    Vocab vocab = vocab_for(scratch);
+    std::vector<RankKey> keys;
+    keys.reserve(declarations);
+    for (std::size_t row = 0; row < declarations; ++row)
+      keys.push_back(scope::rank_key(scratch.view.pool, scratch.view.symbols, row, vocab, fan_in));
+
+    double max_share = PyFloat_AsDouble(share_arg);
+    if (max_share == -1.0 && PyErr_Occurred()) throw PyError{};
+    std::vector<std::size_t> chosen = scope::select_with_quota(files, keys, total, floor, max_share);
+    PyRef result = check(PyList_New(static_cast<Py_ssize_t>(chosen.size())));
+    for (std::size_t i = 0; i < chosen.size(); ++i)
+      PyList_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i),
+                      Py_NewRef(PyTuple_GET_ITEM(records.get(), static_cast<Py_ssize_t>(chosen[i]))));
+    return result;
+  });
+}
+
+PyObject* pick_spread(PyObject*, PyObject* args, PyObject* kwargs) {
+  return guarded([&]() -> PyRef {
+    static const char* const keywords[] = {"scored", "limit", "per_file", nullptr};
+    PyObject *scored, *limit_arg, *per_file_arg;
+    parse_args(args, kwargs, "OOO:pick_spread", keywords, &scored, &limit_arg, &per_file_arg);
+    std::int64_t limit = int_argument(limit_arg, "pick_spread", "limit");
+    std::int64_t per_file = int_argument(per_file_arg, "pick_spread", "per_file");
+    PyRef iterator = PyRef::steal(PyObject_GetIter(scored));
+    if (!iterator) {
+      PyErr_Clear();
+      wrong_type("pick_spread", "scored", "an iterable of (name, path) pairs", scored);
+    }
+    StringPool pool;
+    std::vector<PyRef> strings;
+    Spreader spreader(limit, per_file);
+    PyRef result = check(PyList_New(0));
+    // The limit is tested before each pair: once the result is full, no
+    // further pair is taken from the iterator.
+    while (!spreader.full()) {
+      PyRef pair = PyRef::steal(PyIter_Next(iterator.get()));
+      if (!pair) {
+        if (PyErr_Occurred()) throw PyError{};
+        break;
+      }
+      PyRef items = check(PySequence_Fast(pair.get(), "pick_spread() scored items must be (name, path) pairs"));
+      if (PySequence_Fast_GET_SIZE(items.get()) != 2)
+        raise(PyExc_ValueError, "pick_spread() scored items must be (name, path) pairs");
+      PyObject* name = PySequence_Fast_GET_ITEM(items.get(), 0);
+      StrId path = intern(pool, strings, PySequence_Fast_GET_ITEM(items.get(), 1), "pick_spread() path");
+      if (spreader.offer(path)) check(PyList_Append(result.get(), name));
+    }
+    return result;
+  });
+}
+
+}  // namespace
+
 PyMethodDef ranking_methods[] = {
+    {"rank_key", keywords_function(rank_key), METH_VARARGS | METH_KEYWORDS,
+     PyDoc_STR("rank_key(symbol, fan_in)\n--\n\n"
+               "The sort key of a declaration, lower first: (not API, kind group, private, -outside uses x "
+               "weight, -min(size, 40), -inside uses x weight, start line). A constant weighs 1, others 2.")},
+    {"ranked_by_file", keywords_function(ranked_by_file), METH_VARARGS | METH_KEYWORDS,
+     PyDoc_STR("ranked_by_file(facts, fan_in)\n--\n\n"
+               "Each file's declarations best first (stable by rank_key): a dict from path to list, paths in "
+               "order of their first declaration.")},
+    {"file_seeds", keywords_function(file_seeds), METH_VARARGS | METH_KEYWORDS,
+     PyDoc_STR("file_seeds(facts, fan_in)\n--\n\n"
+               "One citable (start, end) range per file: its best declaration that starts after line 0, else "
+               "its whole text when it was read and is not empty. Declaration seeds come first.")},
+    {"select_with_quota", keywords_function(select_with_quota), METH_VARARGS | METH_KEYWORDS,
+     PyDoc_STR("select_with_quota(ranked, fan_in, total, floor, max_share)\n--\n\n"
+               "Up to `total` declarations of `ranked` (path -> best-first sequence): `floor` per file first, "
+               "the rest by rank with no file above ceil(total * max_share) while another has some left, "
+               "interleaved so that every file's best comes before any file's second.")},
+    {"pick_spread", keywords_function(pick_spread), METH_VARARGS | METH_KEYWORDS,
+     PyDoc_STR("pick_spread(scored, limit, per_file)\n--\n\n"
+               "The first `limit` names of the best-first (name, path) pairs, at most `per_file` per path.")},
     {nullptr, nullptr, 0, nullptr},
 };
 

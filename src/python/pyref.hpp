@@ -80,6 +80,8 @@ PyObject* guarded(Body&& body) noexcept {
     PyErr_NoMemory();
   } catch (const std::overflow_error& error) {
     PyErr_SetString(PyExc_OverflowError, error.what());
+  } catch (const std::domain_error& error) {
+    PyErr_SetString(PyExc_ValueError, error.what());
   } catch (const std::length_error& error) {
     PyErr_SetString(PyExc_MemoryError, error.what());
   } catch (const std::exception& error) {

@@ -1,0 +1,159 @@
+#include "ranking.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numeric>
+#include <stdexcept>
+#include <unordered_map>
+
+namespace scope {
+
+RankKey rank_key(const StringPool& pool, const Table& table, std::size_t row, const Vocab& vocab,
+                 const FanInView& fan_in) {
+  std::int64_t id = table.num(sym_f::id, row);
+  StrId kind = table.str(sym_f::kind, row);
+  __int128 weight = vocab.has(kind, vocab_bit::constant) ? 1 : 2;
+  __int128 size = __int128{table.num(sym_f::end_line, row)} - table.num(sym_f::start_line, row);
+  return RankKey{
+      !fan_in.api(id),
+      vocab.has(kind, vocab_bit::callable | vocab_bit::type) ? 0 : 1,
+      pool.text(table.str(sym_f::name, row)).starts_with('_'),
+      -(weight * fan_in.outside_count(id)),
+      -std::min<__int128>(size, kSizeCap),
+      -(weight * fan_in.inside_count(id)),
+      table.num(sym_f::start_line, row),
+  };
+}
+
+RankedFiles ranked_by_file(const FactsView& view, const Vocab& vocab, const FanInView& fan_in) {
+  const Table& symbols = view.symbols;
+  RankedFiles ranked;
+  std::unordered_map<StrId, std::size_t> slot;
+  for (std::size_t row = 0; row < symbols.rows; ++row) {
+    auto [found, fresh] = slot.try_emplace(symbols.str(sym_f::path, row), ranked.size());
+    if (fresh) ranked.emplace_back(symbols.str(sym_f::path, row), std::vector<std::size_t>{});
+    ranked[found->second].second.push_back(row);
+  }
+  std::vector<RankKey> keys;
+  keys.reserve(symbols.rows);
+  for (std::size_t row = 0; row < symbols.rows; ++row) keys.push_back(rank_key(view.pool, symbols, row, vocab, fan_in));
+  for (auto& [path, rows] : ranked)
+    std::stable_sort(rows.begin(), rows.end(), [&](std::size_t a, std::size_t b) { return keys[a] < keys[b]; });
+  return ranked;
+}
+
+std::vector<std::pair<StrId, std::pair<std::int64_t, std::int64_t>>> file_seeds(const FactsView& view,
+                                                                                const Vocab& vocab,
+                                                                                const FanInView& fan_in) {
+  const Table& symbols = view.symbols;
+  std::vector<std::pair<StrId, std::pair<std::int64_t, std::int64_t>>> seeds;
+  std::unordered_map<StrId, bool> seeded;
+  for (const auto& [path, rows] : ranked_by_file(view, vocab, fan_in)) {
+    for (std::size_t row : rows) {
+      std::int64_t start = symbols.num(sym_f::start_line, row);
+      if (start <= 0) continue;  // line 0 cannot be cited
+      seeds.push_back({path, {start, std::max(start, symbols.num(sym_f::end_line, row))}});
+      seeded[path] = true;
+      break;
+    }
+  }
+  for (std::size_t row = 0; row < view.files.rows; ++row) {
+    StrId path = view.files.str(file_f::path, row);
+    auto count = view.line_counts.find(path);
+    std::int64_t lines = count == view.line_counts.end() ? 0 : count->second;
+    if (lines > 0 && !seeded[path]) {
+      seeds.push_back({path, {1, lines}});
+      seeded[path] = true;
+    }
+  }
+  return seeds;
+}
+
+std::int64_t quota_cap(std::int64_t total, double max_share, std::int64_t floor_each) {
+  double product = static_cast<double>(total) * max_share;
+  if (std::isnan(product)) throw std::domain_error("cannot convert float NaN to integer");
+  if (std::isinf(product)) throw std::overflow_error("cannot convert float infinity to integer");
+  double ceiling = std::ceil(product);
+  // Any cap at or beyond the total behaves alike; clamp instead of overflowing.
+  constexpr double kLimit = 9.0e18;
+  std::int64_t cap = ceiling >= kLimit    ? std::numeric_limits<std::int64_t>::max()
+                     : ceiling <= -kLimit ? std::numeric_limits<std::int64_t>::min()
+                                          : static_cast<std::int64_t>(ceiling);
+  return std::max(floor_each, cap);
+}
+
+std::vector<std::size_t> select_with_quota(const std::vector<QuotaFile>& all_files, const std::vector<RankKey>& keys,
+                                           std::int64_t total, std::int64_t floor, double max_share) {
+  std::vector<QuotaFile> files;
+  for (const QuotaFile& file : all_files)
+    if (file.count > 0) files.push_back(file);
+  if (files.empty() || total <= 0) return {};
+  const auto file_count = static_cast<std::int64_t>(files.size());
+  const std::int64_t floor_each = std::max<std::int64_t>(1, std::min(floor, total / file_count));
+  std::vector<std::int64_t> taken(files.size(), 0);
+  std::int64_t budget = total;
+  auto key_of = [&](std::size_t file, std::int64_t index) -> const RankKey& {
+    return keys[files[file].first + static_cast<std::size_t>(index)];
+  };
+  auto length = [&](std::size_t file) { return static_cast<std::int64_t>(files[file].count); };
+
+  // Floor stage: files by the key of their first declaration.
+  std::vector<std::size_t> order(files.size());
+  std::iota(order.begin(), order.end(), 0);
+  std::stable_sort(order.begin(), order.end(),
+                   [&](std::size_t a, std::size_t b) { return key_of(a, 0) < key_of(b, 0); });
+  for (std::size_t file : order) {
+    taken[file] = std::min({floor_each, length(file), budget});
+    budget -= taken[file];
+  }
+
+  // The rest by (key, path), stable.
+  std::vector<std::pair<std::size_t, std::int64_t>> rest;
+  for (std::size_t file = 0; file < files.size(); ++file)
+    for (std::int64_t index = taken[file]; index < length(file); ++index) rest.emplace_back(file, index);
+  std::stable_sort(rest.begin(), rest.end(), [&](const auto& a, const auto& b) {
+    const RankKey &ka = key_of(a.first, a.second), &kb = key_of(b.first, b.second);
+    if (ka != kb) return ka < kb;
+    return files[a.first].path < files[b.first].path;
+  });
+
+  const std::int64_t cap = quota_cap(total, max_share, floor_each);
+  for (std::int64_t limit : {cap, total}) {
+    for (const auto& [file, index] : rest) {
+      if (budget > 0 && taken[file] == index && taken[file] < limit) {
+        ++taken[file];
+        --budget;
+      }
+    }
+  }
+
+  // Interleave: every file's best, then every file's second, ...
+  struct Pick {
+    std::int64_t index;
+    std::size_t file;
+  };
+  std::vector<Pick> picked;
+  for (std::size_t file = 0; file < files.size(); ++file)
+    for (std::int64_t index = 0; index < taken[file]; ++index) picked.push_back({index, file});
+  std::stable_sort(picked.begin(), picked.end(), [&](const Pick& a, const Pick& b) {
+    if (a.index != b.index) return a.index < b.index;
+    const RankKey &ka = key_of(a.file, a.index), &kb = key_of(b.file, b.index);
+    if (ka != kb) return ka < kb;
+    return files[a.file].path < files[b.file].path;
+  });
+  std::vector<std::size_t> result;
+  result.reserve(picked.size());
+  for (const Pick& pick : picked) result.push_back(files[pick.file].first + static_cast<std::size_t>(pick.index));
+  return result;
+}
+
+bool Spreader::offer(StrId path) {
+  std::int64_t& count = counts_[path];
+  if (count >= per_file_) return false;
+  ++count;
+  ++taken_;
+  return true;
+}
+
+}  // namespace scope
