@@ -3,11 +3,73 @@
 
 #include "bindings.hpp"
 #include "facts.hpp"
+#include "consumers.hpp"
 #include "neighbours.hpp"
 
 namespace scope::py {
 
 namespace {
+
+// What the unused line reads of a declaration: every field but fqn.
+constexpr std::uint32_t kUnusedFields = bit(sym_f::id) | bit(sym_f::path) | bit(sym_f::kind) | bit(sym_f::name) |
+                                        bit(sym_f::is_export) | bit(sym_f::start_line) | bit(sym_f::end_line);
+
+PyObject* render_consumers(PyObject*, PyObject* args, PyObject* kwargs) {
+  return guarded([&]() -> PyRef {
+    static const char* const keywords[] = {"facts", "fan_in", "heading", nullptr};
+    PyObject* facts_arg;
+    PyObject* fan_in_arg;
+    PyObject* heading_arg;
+    parse_args(args, kwargs, "OOO:render_consumers", keywords, &facts_arg, &fan_in_arg, &heading_arg);
+    FactsObject* facts = as_facts(facts_arg, "render_consumers");
+    if (!PyUnicode_Check(heading_arg)) wrong_type("render_consumers", "heading", "str", heading_arg);
+    need_path_bits(facts, path_bit::in_page | path_bit::import_resolved | path_bit::test_source);
+    need_inbound(facts, bit(in_f::source_path) | bit(in_f::target_id) | bit(in_f::target_path) |
+                            bit(in_f::target_name) | bit(in_f::target_kind) | bit(in_f::resolution) |
+                            bit(in_f::refs));
+    need_files(facts, bit(file_f::path) | bit(file_f::language));
+    need_symbols(facts, kUnusedFields);
+    FanInView fan_in = fan_in_view(fan_in_arg);
+    PyRef scratch;
+    std::string_view heading = utf8_of(heading_arg, scratch, "render_consumers() argument 'heading'");
+    NativeFacts& native = native_of(facts);
+    return str_from_utf8(scope::render_consumers(native.view, vocab_for(facts), fan_in, heading));
+  });
+}
+
+PyObject* unused_outside(PyObject*, PyObject* args, PyObject* kwargs) {
+  return guarded([&]() -> PyRef {
+    static const char* const keywords[] = {"facts", "used", "fan_in", nullptr};
+    PyObject* facts_arg;
+    PyObject* used_arg;
+    PyObject* fan_in_arg;
+    parse_args(args, kwargs, "OOO:_unused_outside", keywords, &facts_arg, &used_arg, &fan_in_arg);
+    FactsObject* facts = as_facts(facts_arg, "_unused_outside");
+    std::unordered_set<std::int64_t> used;
+    PyRef iterator = PyRef::steal(PyObject_GetIter(used_arg));
+    if (!iterator) {
+      PyErr_Clear();
+      wrong_type("_unused_outside", "used", "an iterable of ids", used_arg);
+    }
+    while (PyRef item = PyRef::steal(PyIter_Next(iterator.get()))) {
+      int overflow = 0;
+      if (!PyLong_Check(item.get())) continue;  // never equal to a symbol id
+      long long id = PyLong_AsLongLongAndOverflow(item.get(), &overflow);
+      if (overflow == 0) used.insert(id);
+    }
+    if (PyErr_Occurred()) throw PyError{};
+    need_symbols(facts, kUnusedFields);
+    FanInView fan_in = fan_in_view(fan_in_arg);
+    NativeFacts& native = native_of(facts);
+    std::vector<std::size_t> rows = scope::unused_outside(native.view, vocab_for(facts), used, fan_in);
+    PyObject* symbols = field(facts, kSymbols);  // borrowed: the facts' own tuple
+    PyRef result = check(PyList_New(static_cast<Py_ssize_t>(rows.size())));
+    for (std::size_t i = 0; i < rows.size(); ++i)
+      PyList_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i),
+                      Py_NewRef(PyTuple_GET_ITEM(symbols, static_cast<Py_ssize_t>(rows[i]))));
+    return result;
+  });
+}
 
 PyObject* neighbours(PyObject*, PyObject* args, PyObject* kwargs) {
   return guarded([&]() -> PyRef {
@@ -69,6 +131,15 @@ PyObject* name_match_counts(PyObject*, PyObject* args, PyObject* kwargs) {
 }  // namespace
 
 PyMethodDef consumers_methods[] = {
+    {"render_consumers", keywords_function(render_consumers), METH_VARARGS | METH_KEYWORDS,
+     PyDoc_STR("render_consumers(facts, fan_in, heading)\n--\n\n"
+               "The Markdown section of the page's consumers: the production files outside the page that use "
+               "it through evidence (at most 12 rows), the references not counted because they only match a "
+               "name, and the public top-level types and callables that nothing outside uses.")},
+    {"_unused_outside", keywords_function(unused_outside), METH_VARARGS | METH_KEYWORDS,
+     PyDoc_STR("_unused_outside(facts, used, fan_in)\n--\n\n"
+               "The public, exported, top-level types and callables whose id is not in `used`: types first, "
+               "then best first by rank_key, then by path.")},
     {"neighbours", keywords_function(neighbours), METH_VARARGS | METH_KEYWORDS,
      PyDoc_STR("neighbours(facts, limit)\n--\n\n"
                "The declarations outside the page that its files use most: a list of (target record, count) "
