@@ -108,21 +108,56 @@ std::vector<std::size_t> select_with_quota(const std::vector<QuotaFile>& all_fil
     budget -= taken[file];
   }
 
-  // The rest by (key, path), stable.
-  std::vector<std::pair<std::size_t, std::int64_t>> rest;
+  // The rest, walked in ascending (key, path) order, ties in file and index
+  // order. Both passes only act while budget is left, so the order is
+  // produced lazily from a heap and only as far as the passes get.
+  std::vector<std::size_t> path_rank(files.size());
+  {
+    std::vector<std::size_t> by_path(files.size());
+    std::iota(by_path.begin(), by_path.end(), 0);
+    std::stable_sort(by_path.begin(), by_path.end(),
+                     [&](std::size_t a, std::size_t b) { return files[a].path < files[b].path; });
+    for (std::size_t rank = 0; rank < by_path.size(); ++rank)
+      path_rank[by_path[rank]] = rank == 0 || files[by_path[rank]].path != files[by_path[rank - 1]].path
+                                     ? rank
+                                     : path_rank[by_path[rank - 1]];
+  }
+  struct Pending {
+    const RankKey* key;
+    std::size_t path_rank;
+    std::size_t position;  // in file order, then index order
+    std::size_t file;
+    std::int64_t index;
+  };
+  std::vector<Pending> heap;
   for (std::size_t file = 0; file < files.size(); ++file)
-    for (std::int64_t index = taken[file]; index < length(file); ++index) rest.emplace_back(file, index);
-  std::stable_sort(rest.begin(), rest.end(), [&](const auto& a, const auto& b) {
-    const RankKey &ka = key_of(a.first, a.second), &kb = key_of(b.first, b.second);
-    if (ka != kb) return ka < kb;
-    return files[a.first].path < files[b.first].path;
-  });
+    for (std::int64_t index = taken[file]; index < length(file); ++index)
+      heap.push_back({&key_of(file, index), path_rank[file], heap.size(), file, index});
+  // std heaps put the largest first: "later" compares as larger.
+  auto later = [](const Pending& a, const Pending& b) {
+    if (*a.key != *b.key) return *b.key < *a.key;
+    if (a.path_rank != b.path_rank) return b.path_rank < a.path_rank;
+    return b.position < a.position;
+  };
+  std::make_heap(heap.begin(), heap.end(), later);
+  std::vector<Pending> walked;  // the part of the order produced so far
+  auto next = [&](std::size_t step) -> const Pending* {
+    if (step < walked.size()) return &walked[step];
+    if (heap.empty()) return nullptr;
+    std::pop_heap(heap.begin(), heap.end(), later);
+    walked.push_back(heap.back());
+    heap.pop_back();
+    return &walked.back();
+  };
 
   const std::int64_t cap = quota_cap(total, max_share, floor_each);
   for (std::int64_t limit : {cap, total}) {
-    for (const auto& [file, index] : rest) {
-      if (budget > 0 && taken[file] == index && taken[file] < limit) {
-        ++taken[file];
+    for (std::size_t step = 0; budget > 0; ++step) {
+      const Pending* pending = next(step);
+      if (pending == nullptr) break;
+      std::int64_t& count = taken[pending->file];
+      if (count == pending->index && count < limit) {
+        ++count;
         --budget;
       }
     }

@@ -86,6 +86,38 @@ PyObject* file_seeds(PyObject*, PyObject* args, PyObject* kwargs) {
   });
 }
 
+// The rank keys of `records`. Records of one ScopeFacts whose view already
+// holds their fields (the lists of ranked_by_file) are keyed from the view;
+// any other records are read attribute by attribute.
+std::vector<RankKey> quota_keys(PyObject* records, const FanInView& fan_in) {
+  const auto count = static_cast<std::size_t>(PyTuple_GET_SIZE(records));
+  std::vector<RankKey> keys;
+  keys.reserve(count);
+  NativeFacts* shared = nullptr;
+  std::vector<std::size_t> rows;
+  rows.reserve(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    KnownRecord known = known_record(PyTuple_GET_ITEM(records, static_cast<Py_ssize_t>(i)));
+    if (known.native == nullptr || (shared != nullptr && known.native != shared)) {
+      shared = nullptr;
+      break;
+    }
+    shared = known.native;
+    rows.push_back(known.row);
+  }
+  if (shared != nullptr && shared->view.symbols.has(kKeyFields)) {
+    Vocab vocab = vocab_for(*shared);
+    for (std::size_t row : rows) keys.push_back(scope::rank_key(shared->view.pool, shared->view.symbols, row, vocab, fan_in));
+    return keys;
+  }
+  NativeFacts scratch;
+  load_symbol_records(scratch, records, kKeyFields);
+  Vocab vocab = vocab_for(scratch);
+  for (std::size_t row = 0; row < count; ++row)
+    keys.push_back(scope::rank_key(scratch.view.pool, scratch.view.symbols, row, vocab, fan_in));
+  return keys;
+}
+
 PyObject* select_with_quota(PyObject*, PyObject* args, PyObject* kwargs) {
   return guarded([&]() -> PyRef {
     static const char* const keywords[] = {"ranked", "fan_in", "total", "floor", "max_share", nullptr};
@@ -120,15 +152,8 @@ PyObject* select_with_quota(PyObject*, PyObject* args, PyObject* kwargs) {
     for (const PyRef& sequence : sequences)
       for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(sequence.get()); ++i)
         PyTuple_SET_ITEM(records.get(), at++, Py_NewRef(PySequence_Fast_GET_ITEM(sequence.get(), i)));
-    NativeFacts scratch;
-    load_symbol_records(scratch, records.get(), kKeyFields);
     FanInView fan_in = fan_in_view(fan_in_arg);
-    Vocab vocab = vocab_for(scratch);
-    std::vector<RankKey> keys;
-    keys.reserve(declarations);
-    for (std::size_t row = 0; row < declarations; ++row)
-      keys.push_back(scope::rank_key(scratch.view.pool, scratch.view.symbols, row, vocab, fan_in));
-
+    std::vector<RankKey> keys = quota_keys(records.get(), fan_in);
     double max_share = PyFloat_AsDouble(share_arg);
     if (max_share == -1.0 && PyErr_Occurred()) throw PyError{};
     std::vector<std::size_t> chosen = scope::select_with_quota(files, keys, total, floor, max_share);

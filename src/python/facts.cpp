@@ -178,8 +178,27 @@ PyObject* facts_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
   });
 }
 
+// Record object -> its place in a facts' view. Entries are added when a
+// facts' declarations are first converted and removed before the facts lets
+// go of its records, so no key outlives its object.
+std::unordered_map<PyObject*, KnownRecord>& record_index() {
+  static auto* index = new std::unordered_map<PyObject*, KnownRecord>();
+  return *index;
+}
+
+void forget_records(FactsObject* facts) {
+  if (facts->native == nullptr || !facts->native->records_known || facts->fields[kSymbols] == nullptr) return;
+  auto& index = record_index();
+  PyObject* symbols = facts->fields[kSymbols];
+  for (Py_ssize_t row = 0; row < PyTuple_GET_SIZE(symbols); ++row) {
+    auto found = index.find(PyTuple_GET_ITEM(symbols, row));
+    if (found != index.end() && found->second.native == facts->native) index.erase(found);
+  }
+}
+
 int facts_clear(PyObject* self) {
   auto* facts = reinterpret_cast<FactsObject*>(self);
+  forget_records(facts);
   for (auto& slot : facts->fields) Py_CLEAR(slot);
   delete std::exchange(facts->native, nullptr);
   return 0;
@@ -439,7 +458,21 @@ void need_files(FactsObject* facts, std::uint32_t fields) {
 }
 
 void need_symbols(FactsObject* facts, std::uint32_t fields) {
-  load_symbol_records(native_of(facts), facts->fields[kSymbols], fields);
+  NativeFacts& native = native_of(facts);
+  load_symbol_records(native, facts->fields[kSymbols], fields);
+  if (!native.records_known) {
+    auto& index = record_index();
+    PyObject* symbols = facts->fields[kSymbols];
+    for (Py_ssize_t row = 0; row < PyTuple_GET_SIZE(symbols); ++row)
+      index[PyTuple_GET_ITEM(symbols, row)] = {&native, static_cast<std::size_t>(row)};
+    native.records_known = true;
+  }
+}
+
+KnownRecord known_record(PyObject* record) {
+  auto& index = record_index();
+  auto found = index.find(record);
+  return found == index.end() ? KnownRecord{nullptr, 0} : found->second;
 }
 
 void load_symbol_records(NativeFacts& native, PyObject* records, std::uint32_t fields) {

@@ -31,7 +31,19 @@ struct NativeFacts {
   FactsView view;
   std::vector<PyRef> strings;  // indexed by StrId
   std::vector<PyRef> targets;  // outbound `target` objects, by row
+  bool records_known = false;  // its declaration records are in the record index
 };
+
+// Where a declaration record of some ScopeFacts sits in that facts' native
+// view, so that a list of the facts' own records (as ranked_by_file hands
+// them out) is read from the view instead of attribute by attribute.
+struct KnownRecord {
+  NativeFacts* native;
+  std::size_t row;
+};
+// The view and row of a record, or {nullptr, 0} when no live ScopeFacts
+// holds it.
+KnownRecord known_record(PyObject* record);
 
 struct FactsObject {
   PyObject_HEAD
