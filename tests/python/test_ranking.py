@@ -213,3 +213,22 @@ def test_agrees_with_the_plain_implementation(seed):
         assert mine == pyscope.select_with_quota(theirs, fan_in, total, floor, share)
     scored = pages.make_scored(rng, list(facts.symbols), 40)
     assert scope.pick_spread(scored, 10, 2) == pyscope.pick_spread(scored, 10, 2)
+
+
+def test_a_facts_own_records_are_keyed_from_its_view_while_it_lives(counting):
+    import gc
+    records = [counting(id=i, path=f"p{i % 3}", name=f"n{i}", kind="function", start_line=i, end_line=i + 2)
+               for i in range(9)]
+    facts = make_facts(["p0", "p1", "p2"], symbols=records)
+    ranked = scope.ranked_by_file(facts, NO_USES)
+    reads = counting.reads
+    expected = scope.select_with_quota(ranked, NO_USES, 5, 1, 0.5)
+    assert counting.reads == reads
+    stranger = counting(id=99, path="p0", name="x", kind="function", start_line=1, end_line=1)
+    mixed = dict(ranked, p0=ranked["p0"] + [stranger])  # not all of one facts: read as given
+    scope.select_with_quota(mixed, NO_USES, 5, 1, 0.5)
+    assert counting.reads == reads + 5 * 10
+    del facts
+    gc.collect()
+    assert scope.select_with_quota(ranked, NO_USES, 5, 1, 0.5) == expected
+    assert counting.reads == reads + 5 * 10 + 5 * 9
