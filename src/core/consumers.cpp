@@ -139,8 +139,12 @@ std::string render_consumers(const FactsView& view, const Vocab& vocab, const Fa
   });
   for (std::size_t i = 0; i < ranked.size() && i < kConsumerRows; ++i) {
     std::vector<std::string> names;
-    for (const auto& [name, count] : ranked[i].names->most_common())
-      names.push_back("`" + std::string(pool.text(name)) + "`");
+    for (const auto& [name, count] : ranked[i].names->most_common()) {
+      std::string quoted(1, '`');
+      quoted += pool.text(name);
+      quoted += '`';
+      names.push_back(std::move(quoted));
+    }
     std::string row = "- `";
     row += ranked[i].path;
     row += "` uses ";

@@ -126,8 +126,11 @@ std::string render_file_cards(const FactsView& view, const Vocab& vocab, const F
     auto lines = view.line_counts.find(path);
     auto summary = view.summaries.find(path);
     std::vector<std::string> user_names;
-    if (auto found = users_of.find(path); found != users_of.end())
-      for (const auto& [user, count] : found->second->most_common()) user_names.push_back(short_path(pool.text(user)));
+    if (auto found = users_of.find(path); found != users_of.end()) {
+      // Only the names the cell shows are shortened; the rest are counted.
+      for (const auto& [user, count] : found->second->most_common())
+        user_names.push_back(user_names.size() < kCardNames ? short_path(pool.text(user)) : std::string());
+    }
     auto reaching = tests.find(path);
 
     out += "| `";
