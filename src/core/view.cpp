@@ -24,12 +24,21 @@ void FactsView::set_path_bit(StrId path, std::uint8_t which) {
   path_bits[path] |= which;
 }
 
+namespace {
+bool first_sight(std::vector<bool>& seen, StrId id) {
+  if (id >= seen.size()) seen.resize(std::size_t{id} + 1, false);
+  if (seen[id]) return false;
+  seen[id] = true;
+  return true;
+}
+}  // namespace
+
 void FactsView::note_kind(StrId id) {
-  if (kinds_seen_.insert(id).second) kind_ids.push_back(id);
+  if (first_sight(kinds_seen_, id)) kind_ids.push_back(id);
 }
 
 void FactsView::note_resolution(StrId id) {
-  if (resolutions_seen_.insert(id).second) resolution_ids.push_back(id);
+  if (first_sight(resolutions_seen_, id)) resolution_ids.push_back(id);
 }
 
 void Vocab::set(StrId id, std::uint16_t which) {

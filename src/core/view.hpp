@@ -102,7 +102,7 @@ struct FactsView {
   void note_resolution(StrId id);
 
  private:
-  std::unordered_set<StrId> kinds_seen_, resolutions_seen_;
+  std::vector<bool> kinds_seen_, resolutions_seen_;  // by StrId
 };
 
 // Membership of kind and resolution strings in the module's sets, computed

@@ -61,15 +61,34 @@ struct NameCache {
 };
 NameCache file_names, symbol_names, inbound_names, outbound_names;
 
-std::int64_t cell_value(NativeFacts& native, PyObject* value, Cell cell, const char* what) {
+// Records often share their string objects (one path object for every
+// reference from a file). A small direct-mapped cache by object identity
+// skips hashing their text again; each slot owns its object, so an address
+// cannot be reused by another string while it is cached.
+class InternCache {
+ public:
+  StrId intern(NativeFacts& native, PyObject* text, const char* what) {
+    auto& slot = slots_[(reinterpret_cast<std::uintptr_t>(text) >> 4) % kSlots];
+    if (slot.first.get() == text) return slot.second;
+    StrId id = py::intern(native.view.pool, native.strings, text, what);
+    slot = {PyRef::borrow(text), id};
+    return id;
+  }
+
+ private:
+  static constexpr std::size_t kSlots = 1024;
+  std::vector<std::pair<PyRef, StrId>> slots_ = std::vector<std::pair<PyRef, StrId>>(kSlots);
+};
+
+std::int64_t cell_value(NativeFacts& native, InternCache& cache, PyObject* value, Cell cell, const char* what) {
   switch (cell) {
     case Cell::integer:
       return as_int64(value, what);
     case Cell::text:
-      return intern(native.view.pool, native.strings, value, what);
+      return cache.intern(native, value, what);
     case Cell::optional_text:
       if (value == Py_None) return kNoStr;
-      return intern(native.view.pool, native.strings, value, what);
+      return cache.intern(native, value, what);
     case Cell::truth:
       return truth(value) ? 1 : 0;
     case Cell::object:
@@ -92,6 +111,7 @@ void load_columns(NativeFacts& native, Table& table, PyObject* rows, const Field
   std::vector<std::vector<std::int64_t>> columns(fields.size());
   for (auto& column : columns) column.reserve(static_cast<std::size_t>(count));
   std::vector<PyRef> targets;
+  InternCache cache;
   std::vector<std::string> labels;  // for error messages: "ScopeSymbol.kind"
   for (unsigned field : fields)
     labels.push_back(std::string(label) + "." + (specs[field].via_target ? "target." : "") + specs[field].attr);
@@ -111,7 +131,7 @@ void load_columns(NativeFacts& native, Table& table, PyObject* rows, const Field
         columns[k].push_back(0);
         continue;
       }
-      columns[k].push_back(cell_value(native, value.get(), spec.cell, labels[k].c_str()));
+      columns[k].push_back(cell_value(native, cache, value.get(), spec.cell, labels[k].c_str()));
     }
   }
   // A conversion run from inside a host callback may have finished first;
