@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The core's GoogleTest suite built with AddressSanitizer and UBSan.
+# The core's GoogleTest suite, then the module's pytest suite, built with
+# AddressSanitizer and UndefinedBehaviorSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/setup.sh
@@ -7,3 +8,12 @@ cmake -S . -B build/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DSCOPE_SANITIZE=ON -
   -DSCOPE_BUILD_TESTS=ON >/dev/null
 cmake --build build/asan
 ctest --test-dir build/asan --output-on-failure
+
+# The module under the same sanitizers, driven by the pytest suite. The tests
+# that start a fresh interpreter (it would lack the sanitizer runtime) and the
+# memory-growth test (the sanitizer's quarantine grows the process) are left out.
+cmake -S . -B build/asan-py -G Ninja -DCMAKE_BUILD_TYPE=Debug -DSCOPE_SANITIZE=ON -DSCOPE_BUILD_TESTS=OFF >/dev/null
+cmake --build build/asan-py
+LD_PRELOAD="$(g++ -print-file-name=libasan.so):$(g++ -print-file-name=libubsan.so)" ASAN_OPTIONS=detect_leaks=0 \
+  PYTHONPATH=build/asan-py/python:host python3 -m pytest tests/python -q -p no:cacheprovider \
+  -k "not tool and not demo and not missing_sibling and not grow_memory"
