@@ -18,28 +18,28 @@ const char* const kFieldNames[kFactsFieldCount] = {
 
 enum class Cell { integer, text, optional_text, truth, object };
 
-struct FieldSpec {
+struct FieldInfo {
   const char* attr;
   Cell cell;
   bool via_target;  // read from the record's `target` instead of the record
 };
 
-const FieldSpec kFileFields[] = {
+const FieldInfo kFileFields[] = {
     {"id", Cell::integer, false},
     {"path", Cell::text, false},
     {"language", Cell::optional_text, false},
 };
-const FieldSpec kSymbolFields[] = {
+const FieldInfo kSymbolFields[] = {
     {"id", Cell::integer, false},        {"path", Cell::text, false},       {"name", Cell::text, false},
     {"fqn", Cell::text, false},          {"kind", Cell::text, false},       {"start_line", Cell::integer, false},
     {"end_line", Cell::integer, false},  {"is_export", Cell::truth, false},
 };
-const FieldSpec kInboundFields[] = {
+const FieldInfo kInboundFields[] = {
     {"source_path", Cell::text, false}, {"target_id", Cell::integer, false}, {"target_path", Cell::text, false},
     {"target_name", Cell::text, false}, {"target_kind", Cell::text, false},  {"resolution", Cell::text, false},
     {"refs", Cell::integer, false},
 };
-const FieldSpec kOutboundFields[] = {
+const FieldInfo kOutboundFields[] = {
     {"source_path", Cell::text, false}, {"resolution", Cell::text, false}, {"refs", Cell::integer, false},
     {"target", Cell::object, false},    {"id", Cell::integer, true},       {"path", Cell::text, true},
     {"kind", Cell::text, true},         {"fqn", Cell::text, true},
@@ -54,8 +54,8 @@ PyObject* attr_name(const char* name) {
 
 struct NameCache {
   PyObject* names[8] = {};
-  PyObject* get(const FieldSpec* specs, unsigned field) {
-    if (names[field] == nullptr) names[field] = attr_name(specs[field].attr);
+  PyObject* get(const FieldInfo* infos, unsigned field) {
+    if (names[field] == nullptr) names[field] = attr_name(infos[field].attr);
     return names[field];
   }
 };
@@ -100,7 +100,7 @@ std::int64_t cell_value(NativeFacts& native, InternCache& cache, PyObject* value
 // Converts the `wanted` columns of `table` that are not converted yet.
 // The columns are built aside and committed only when every row was read, so
 // a record that raises leaves the view as it was.
-void load_columns(NativeFacts& native, Table& table, PyObject* rows, const FieldSpec* specs, NameCache& names,
+void load_columns(NativeFacts& native, Table& table, PyObject* rows, const FieldInfo* infos, NameCache& names,
                   std::uint32_t wanted, const char* label) {
   std::uint32_t missing = wanted & ~table.loaded;
   if (missing == 0) return;
@@ -114,24 +114,24 @@ void load_columns(NativeFacts& native, Table& table, PyObject* rows, const Field
   InternCache cache;
   std::vector<std::string> labels;  // for error messages: "ScopeSymbol.kind"
   for (unsigned field : fields)
-    labels.push_back(std::string(label) + "." + (specs[field].via_target ? "target." : "") + specs[field].attr);
+    labels.push_back(std::string(label) + "." + (infos[field].via_target ? "target." : "") + infos[field].attr);
   for (Py_ssize_t row = 0; row < count; ++row) {
     PyObject* record = PyTuple_GET_ITEM(rows, row);  // borrowed from the facts' own tuple
     for (std::size_t k = 0; k < fields.size(); ++k) {
-      const FieldSpec& spec = specs[fields[k]];
-      PyObject* owner = spec.via_target ? native.targets[static_cast<std::size_t>(row)].get() : record;
-      PyRef value = PyRef::steal(PyObject_GetAttr(owner, names.get(specs, fields[k])));
+      const FieldInfo& info = infos[fields[k]];
+      PyObject* owner = info.via_target ? native.targets[static_cast<std::size_t>(row)].get() : record;
+      PyRef value = PyRef::steal(PyObject_GetAttr(owner, names.get(infos, fields[k])));
       if (!value) {
-        if (spec.cell != Cell::optional_text || !PyErr_ExceptionMatches(PyExc_AttributeError)) throw PyError{};
+        if (info.cell != Cell::optional_text || !PyErr_ExceptionMatches(PyExc_AttributeError)) throw PyError{};
         PyErr_Clear();  // an absent optional field reads as None
         value = PyRef::borrow(Py_None);
       }
-      if (spec.cell == Cell::object) {
+      if (info.cell == Cell::object) {
         targets.push_back(value);
         columns[k].push_back(0);
         continue;
       }
-      columns[k].push_back(cell_value(native, cache, value.get(), spec.cell, labels[k].c_str()));
+      columns[k].push_back(cell_value(native, cache, value.get(), info.cell, labels[k].c_str()));
     }
   }
   // A conversion run from inside a host callback may have finished first;
@@ -139,7 +139,7 @@ void load_columns(NativeFacts& native, Table& table, PyObject* rows, const Field
   table.rows = static_cast<std::size_t>(count);
   for (std::size_t k = 0; k < fields.size(); ++k) {
     if (table.loaded & bit(fields[k])) continue;
-    if (specs[fields[k]].cell == Cell::object) native.targets = std::move(targets);
+    if (infos[fields[k]].cell == Cell::object) native.targets = std::move(targets);
     table.cols[fields[k]] = std::move(columns[k]);
     table.loaded |= bit(fields[k]);
   }
@@ -432,9 +432,9 @@ bool init_facts_type(PyObject* module) {
       {Py_tp_methods, facts_methods},
       {0, nullptr},
   };
-  static PyType_Spec spec = {"scope.ScopeFacts", sizeof(FactsObject), 0,
+  static PyType_Spec type_spec = {"scope.ScopeFacts", sizeof(FactsObject), 0,
                              Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_IMMUTABLETYPE, slots};
-  PyObject* type = PyType_FromSpec(&spec);
+  PyObject* type = PyType_FromSpec(&type_spec);
   if (type == nullptr) return false;
   facts_type = reinterpret_cast<PyTypeObject*>(type);
   return PyModule_AddObjectRef(module, "ScopeFacts", type) == 0;
@@ -703,17 +703,17 @@ PyObject* native_columns(PyObject*, PyObject* args, PyObject* kwargs) {
     PyObject* names;
     parse_args(args, kwargs, "OsO:_native_columns", keywords, &object, &table_name, &names);
     FactsObject* facts = as_facts(object, "_native_columns");
-    const FieldSpec* specs;
+    const FieldInfo* infos;
     unsigned count;
     std::string table(table_name);
     if (table == "files") {
-      specs = kFileFields, count = file_f::count;
+      infos = kFileFields, count = file_f::count;
     } else if (table == "symbols") {
-      specs = kSymbolFields, count = sym_f::count;
+      infos = kSymbolFields, count = sym_f::count;
     } else if (table == "inbound") {
-      specs = kInboundFields, count = in_f::count;
+      infos = kInboundFields, count = in_f::count;
     } else if (table == "outbound") {
-      specs = kOutboundFields, count = out_f::count;
+      infos = kOutboundFields, count = out_f::count;
     } else {
       raise(PyExc_ValueError, "table must be files, symbols, inbound or outbound");
     }
@@ -724,8 +724,8 @@ PyObject* native_columns(PyObject*, PyObject* args, PyObject* kwargs) {
       const char* name = PyUnicode_AsUTF8(PySequence_Fast_GET_ITEM(sequence.get(), i));
       if (name == nullptr) throw PyError{};
       unsigned field = 0;
-      while (field < count && std::strcmp(specs[field].attr, name) != 0) ++field;
-      if (field == count || specs[field].cell == Cell::object) raise(PyExc_ValueError, "unknown field");
+      while (field < count && std::strcmp(infos[field].attr, name) != 0) ++field;
+      if (field == count || infos[field].cell == Cell::object) raise(PyExc_ValueError, "unknown field");
       fields.push_back(field);
       mask |= bit(field);
     }
@@ -744,7 +744,7 @@ PyObject* native_columns(PyObject*, PyObject* args, PyObject* kwargs) {
       for (std::size_t row = 0; row < source.rows; ++row) {
         std::int64_t cell = source.num(fields[k], row);
         PyRef value;
-        switch (specs[fields[k]].cell) {
+        switch (infos[fields[k]].cell) {
           case Cell::integer:
             value = new_int(cell);
             break;

@@ -14,7 +14,7 @@ _TEST_FILE = re.compile(
     | .*_test\.py            # pytest: parser_test.py
     | conftest\.py           # pytest fixtures
     | .*_test\.go            # go test
-    | .*\.(?:test|spec)\.(?:ts|tsx|js|jsx|mjs|cjs)   # Jest, Vitest, Mocha
+    | .*(?:\.test|\.spec)\.(?:ts|tsx|js|jsx|mjs|cjs)   # Jest, Vitest, Mocha
     """,
     re.VERBOSE | re.DOTALL,
 )
