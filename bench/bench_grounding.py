@@ -18,7 +18,6 @@ sys.path[:0] = [str(Path(__file__).parent), str(Path(__file__).parents[1] / "hos
 import pages  # noqa: E402
 import pyscope  # noqa: E402
 import scope  # noqa: E402
-from tarnwick.storage import grounding_queries  # noqa: E402
 from timing import best_of, report  # noqa: E402
 
 
@@ -35,7 +34,7 @@ def grounding(module, facts):
 
 def main():
     fields = pages.make_page(random.Random(7), n_files=300, decls_per_file=100, n_inbound=100_000,
-                             n_outbound=20_000, n_outside=3_000, records=grounding_queries)
+                             n_outbound=20_000, n_outside=3_000)
     print(f"page: {len(fields['files'])} files, {len(fields['symbols'])} declarations, "
           f"{len(fields['inbound'])} inbound and {len(fields['outbound'])} outbound references")
     converted = scope.ScopeFacts(**fields)

@@ -13,13 +13,12 @@ sys.path[:0] = [str(Path(__file__).parent), str(Path(__file__).parents[1] / "hos
 import pages  # noqa: E402
 import pyscope  # noqa: E402
 import scope  # noqa: E402
-from tarnwick.storage import grounding_queries  # noqa: E402
 from timing import best_of, report  # noqa: E402
 
 
 def main():
     fields = pages.make_page(random.Random(5), n_files=300, decls_per_file=67, n_inbound=30_000,
-                             n_outbound=0, n_outside=2_000, records=grounding_queries)
+                             n_outbound=0, n_outside=2_000)
     facts = scope.ScopeFacts(**fields)
     fan_in = scope.production_fan_in(facts)
     ranked = scope.ranked_by_file(facts, fan_in)

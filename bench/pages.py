@@ -9,11 +9,10 @@ inbound references from outside production files, test files and the page's
 own files, and outbound references to declarations elsewhere.  The same
 generator state always yields the same page.
 
-The records are small frozen dataclasses defined here, so the generator does
-not depend on the host tool's modules; a caller that needs the host's own
-record types passes a module (or any object) that provides ``ScopeFile``,
-``ScopeSymbol``, ``InboundReference`` and ``OutboundReference`` as
-``records``.  The result is a dict meant to be splatted into a facts
+The records are the host's own (``tarnwick.storage.grounding_queries``, so
+``host/`` must be on the path); a caller that wants other record types passes
+a module (or any object) that provides ``ScopeFile``, ``ScopeSymbol``,
+``InboundReference`` and ``OutboundReference`` as ``records``.  The result is a dict meant to be splatted into a facts
 constructor: ``ScopeFacts(**make_page(rng))``, or ``SimpleFacts`` below when
 the native module is not wanted.
 """
@@ -21,15 +20,11 @@ the native module is not wanted.
 from __future__ import annotations
 
 import random
-import sys
-from dataclasses import dataclass
 from types import MappingProxyType
 
+from tarnwick.storage import grounding_queries
+
 __all__ = [
-    "ScopeFile",
-    "ScopeSymbol",
-    "InboundReference",
-    "OutboundReference",
     "SimpleFacts",
     "SIZES",
     "RESOLUTIONS",
@@ -40,48 +35,6 @@ __all__ = [
     "make_scored",
     "missing_paths",
 ]
-
-
-# ---------------------------------------------------------------------------
-# Records, with the fields that the grounding functions read
-
-
-@dataclass(frozen=True, slots=True)
-class ScopeFile:
-    id: int
-    path: str
-    language: str | None
-
-
-@dataclass(frozen=True, slots=True)
-class ScopeSymbol:
-    id: int
-    path: str
-    name: str
-    fqn: str
-    kind: str
-    start_line: int
-    end_line: int
-    is_export: bool
-
-
-@dataclass(frozen=True, slots=True)
-class InboundReference:
-    source_path: str
-    target_id: int
-    target_path: str
-    target_name: str
-    target_kind: str
-    resolution: str
-    refs: int
-
-
-@dataclass(frozen=True, slots=True)
-class OutboundReference:
-    source_path: str
-    target: ScopeSymbol
-    resolution: str
-    refs: int
 
 
 class SimpleFacts:
@@ -182,9 +135,7 @@ _SUMMARIES = (
 
 
 def _records_of(records):
-    if records is None:
-        return sys.modules[__name__]
-    return records
+    return grounding_queries if records is None else records
 
 
 def _pick_resolution(rng):

@@ -51,23 +51,15 @@ PyObject* unused_outside(PyObject*, PyObject* args, PyObject* kwargs) {
       PyErr_Clear();
       wrong_type("_unused_outside", "used", "an iterable of ids", used_arg);
     }
-    while (PyRef item = PyRef::steal(PyIter_Next(iterator.get()))) {
-      int overflow = 0;
-      if (!PyLong_Check(item.get())) continue;  // never equal to a symbol id
-      long long id = PyLong_AsLongLongAndOverflow(item.get(), &overflow);
-      if (overflow == 0) used.insert(id);
-    }
+    std::int64_t id;
+    while (PyRef item = PyRef::steal(PyIter_Next(iterator.get())))
+      if (symbol_id(item.get(), id)) used.insert(id);
     if (PyErr_Occurred()) throw PyError{};
     need_symbols(facts, kUnusedFields);
     FanInView fan_in = fan_in_view(fan_in_arg);
     NativeFacts& native = native_of(facts);
     std::vector<std::size_t> rows = scope::unused_outside(native.view, vocab_for(facts), used, fan_in);
-    PyObject* symbols = field(facts, kSymbols);  // borrowed: the facts' own tuple
-    PyRef result = check(PyList_New(static_cast<Py_ssize_t>(rows.size())));
-    for (std::size_t i = 0; i < rows.size(); ++i)
-      PyList_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i),
-                      Py_NewRef(PyTuple_GET_ITEM(symbols, static_cast<Py_ssize_t>(rows[i]))));
-    return result;
+    return records_at(field(facts, kSymbols), rows);
   });
 }
 

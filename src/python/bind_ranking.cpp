@@ -53,13 +53,8 @@ PyObject* ranked_by_file(PyObject*, PyObject* args, PyObject* kwargs) {
     RankedFiles ranked = scope::ranked_by_file(native.view, vocab_for(facts), fan_in);
     PyObject* symbols = field(facts, kSymbols);  // borrowed: the facts' own records
     PyRef result = check(PyDict_New());
-    for (const auto& [path, rows] : ranked) {
-      PyRef list = check(PyList_New(static_cast<Py_ssize_t>(rows.size())));
-      for (std::size_t i = 0; i < rows.size(); ++i)
-        PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i),
-                        Py_NewRef(PyTuple_GET_ITEM(symbols, static_cast<Py_ssize_t>(rows[i]))));
-      check(PyDict_SetItem(result.get(), native.strings[path].get(), list.get()));
-    }
+    for (const auto& [path, rows] : ranked)
+      check(PyDict_SetItem(result.get(), native.strings[path].get(), records_at(symbols, rows).get()));
     return result;
   });
 }
@@ -156,12 +151,7 @@ PyObject* select_with_quota(PyObject*, PyObject* args, PyObject* kwargs) {
     std::vector<RankKey> keys = quota_keys(records.get(), fan_in);
     double max_share = PyFloat_AsDouble(share_arg);
     if (max_share == -1.0 && PyErr_Occurred()) throw PyError{};
-    std::vector<std::size_t> chosen = scope::select_with_quota(files, keys, total, floor, max_share);
-    PyRef result = check(PyList_New(static_cast<Py_ssize_t>(chosen.size())));
-    for (std::size_t i = 0; i < chosen.size(); ++i)
-      PyList_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i),
-                      Py_NewRef(PyTuple_GET_ITEM(records.get(), static_cast<Py_ssize_t>(chosen[i]))));
-    return result;
+    return records_at(records.get(), scope::select_with_quota(files, keys, total, floor, max_share));
   });
 }
 

@@ -642,35 +642,41 @@ Vocab vocab_for(FactsObject* facts) { return vocab_for(native_of(facts)); }
 namespace {
 
 void read_counts(PyObject* mapping, std::unordered_map<std::int64_t, std::int64_t>& into, const char* what) {
-  PyRef items;
+  std::int64_t id;
   if (PyDict_Check(mapping)) {
     PyObject* key;
     PyObject* value;
     Py_ssize_t position = 0;
-    while (PyDict_Next(mapping, &position, &key, &value)) {  // borrowed key and value
-      int overflow = 0;
-      if (!PyLong_Check(key)) continue;  // never equal to a symbol id
-      long long id = PyLong_AsLongLongAndOverflow(key, &overflow);
-      if (overflow != 0) continue;
-      if (id == -1 && PyErr_Occurred()) throw PyError{};
-      into[id] = as_int64(value, what);
-    }
+    while (PyDict_Next(mapping, &position, &key, &value))  // borrowed key and value
+      if (symbol_id(key, id)) into[id] = as_int64(value, what);
     return;
   }
-  items = check(PyMapping_Items(mapping));
+  PyRef items = check(PyMapping_Items(mapping));
   for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
-    PyObject* pair = PyList_GET_ITEM(items.get(), i);
-    PyObject* key = PyTuple_GET_ITEM(pair, 0);
-    int overflow = 0;
-    if (!PyLong_Check(key)) continue;
-    long long id = PyLong_AsLongLongAndOverflow(key, &overflow);
-    if (overflow != 0) continue;
-    if (id == -1 && PyErr_Occurred()) throw PyError{};
-    into[id] = as_int64(PyTuple_GET_ITEM(pair, 1), what);
+    PyObject* pair = PyList_GET_ITEM(items.get(), i);  // borrowed from items
+    if (symbol_id(PyTuple_GET_ITEM(pair, 0), id)) into[id] = as_int64(PyTuple_GET_ITEM(pair, 1), what);
   }
 }
 
 }  // namespace
+
+bool symbol_id(PyObject* object, std::int64_t& id) {
+  if (!PyLong_Check(object)) return false;
+  int overflow = 0;
+  long long value = PyLong_AsLongLongAndOverflow(object, &overflow);
+  if (overflow != 0) return false;
+  if (value == -1 && PyErr_Occurred()) throw PyError{};
+  id = value;
+  return true;
+}
+
+PyRef records_at(PyObject* records, const std::vector<std::size_t>& rows) {
+  PyRef list = check(PyList_New(static_cast<Py_ssize_t>(rows.size())));
+  for (std::size_t i = 0; i < rows.size(); ++i)
+    PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i),
+                    Py_NewRef(PyTuple_GET_ITEM(records, static_cast<Py_ssize_t>(rows[i]))));
+  return list;
+}
 
 FanInView fan_in_view(PyObject* fan_in) {
   FanInView view;
@@ -680,14 +686,9 @@ FanInView fan_in_view(PyObject* fan_in) {
   read_counts(inside.get(), view.inside, "fan_in.inside value");
   PyRef entry = check(PyObject_GetAttrString(fan_in, "entry"));
   PyRef iterator = check(PyObject_GetIter(entry.get()));
-  while (PyRef item = PyRef::steal(PyIter_Next(iterator.get()))) {
-    int overflow = 0;
-    if (!PyLong_Check(item.get())) continue;
-    long long id = PyLong_AsLongLongAndOverflow(item.get(), &overflow);
-    if (overflow != 0) continue;
-    if (id == -1 && PyErr_Occurred()) throw PyError{};
-    view.entry.insert(id);
-  }
+  std::int64_t id;
+  while (PyRef item = PyRef::steal(PyIter_Next(iterator.get())))
+    if (symbol_id(item.get(), id)) view.entry.insert(id);
   if (PyErr_Occurred()) throw PyError{};
   return view;
 }

@@ -96,6 +96,14 @@ PyRef str_from_utf8(std::string_view text);
 Vocab vocab_of(const StringPool& pool, const std::vector<PyRef>& strings, const std::vector<StrId>& kinds,
                const std::vector<StrId>& resolutions);
 
+// A new list of the items of the tuple `records` at `rows`: the host's own
+// objects, not copies.
+PyRef records_at(PyObject* records, const std::vector<std::size_t>& rows);
+
+// A symbol id from a key or member of a host container: false for anything
+// that cannot equal a 64-bit symbol id (not an int, or beyond 64 bits).
+bool symbol_id(PyObject* object, std::int64_t& id);
+
 // A FanIn-like object (`outside`, `inside`, `entry`) as native maps.
 FanInView fan_in_view(PyObject* fan_in);
 

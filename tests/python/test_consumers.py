@@ -128,6 +128,6 @@ class TestUnusedOutside:
 
 @pytest.mark.parametrize("seed", range(30))
 def test_agrees_with_the_plain_implementation(seed):
-    facts = scope.ScopeFacts(**pages.make_page(random.Random(seed), records=grounding_queries))
+    facts = scope.ScopeFacts(**pages.make_page(random.Random(seed)))
     fan_in = pyscope.production_fan_in(facts)
     assert scope.render_consumers(facts, fan_in, "# C") == pyscope.render_consumers(facts, fan_in, "# C")

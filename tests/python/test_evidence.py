@@ -8,7 +8,6 @@ import pages
 import pyscope
 import scope
 from conftest import inref, make_facts, sym
-from tarnwick.storage import grounding_queries
 
 
 class TestIsUse:
@@ -129,7 +128,7 @@ class TestFanIn:
 
 @pytest.mark.parametrize("seed", range(60))
 def test_agrees_with_the_plain_implementation(seed):
-    facts = scope.ScopeFacts(**pages.make_page(random.Random(seed), records=grounding_queries))
+    facts = scope.ScopeFacts(**pages.make_page(random.Random(seed)))
     ours, theirs = scope.production_fan_in(facts), pyscope.production_fan_in(facts)
     assert ours == theirs
     assert list(ours.outside) == list(theirs.outside) and list(ours.inside) == list(theirs.inside)

@@ -8,7 +8,6 @@ import pages
 import pyscope
 import scope
 from conftest import inref, make_facts, outref, sym
-from tarnwick.storage import grounding_queries
 
 PAGE = ["lib/a.py", "lib/b.py"]
 HELPER = sym(10, "util/h.py", "helper", fqn="util.h.helper")
@@ -101,7 +100,7 @@ def test_rebound_name_match_kinds_take_effect(monkeypatch):
 
 @pytest.mark.parametrize("seed", range(40))
 def test_agrees_with_the_plain_implementation(seed):
-    facts = scope.ScopeFacts(**pages.make_page(random.Random(seed), records=grounding_queries))
+    facts = scope.ScopeFacts(**pages.make_page(random.Random(seed)))
     for limit in (1, 5, 10_000):
         ours, theirs = scope.neighbours(facts, limit), pyscope.neighbours(facts, limit)
         assert ours == theirs and all(a[0] is b[0] for a, b in zip(ours, theirs))

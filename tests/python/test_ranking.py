@@ -11,7 +11,6 @@ import pages
 import pyscope
 import scope
 from conftest import make_facts, sym
-from tarnwick.storage import grounding_queries
 
 NO_USES = scope.FanIn({})
 
@@ -184,7 +183,7 @@ class TestPickSpread:
         def pairs():
             for i in range(100):
                 pulled.append(i)
-                yield (name := object()), f"p{i % 3}"
+                yield object(), f"p{i % 3}"
         result = scope.pick_spread(pairs(), 2, 5)
         assert len(result) == 2 and pulled == [0, 1]
         names = [object(), object()]
@@ -203,7 +202,7 @@ class TestPickSpread:
 @pytest.mark.parametrize("seed", range(30))
 def test_agrees_with_the_plain_implementation(seed):
     rng = random.Random(seed)
-    facts = scope.ScopeFacts(**pages.make_page(rng, records=grounding_queries))
+    facts = scope.ScopeFacts(**pages.make_page(rng))
     fan_in = pyscope.production_fan_in(facts)
     ours, theirs = scope.ranked_by_file(facts, fan_in), pyscope.ranked_by_file(facts, fan_in)
     assert list(ours) == list(theirs) and all(a is b for p in ours for a, b in zip(ours[p], theirs[p]))

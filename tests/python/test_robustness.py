@@ -3,7 +3,6 @@ arguments, and repeated calls (results and errors alike) do not grow memory."""
 
 import gc
 import inspect
-import itertools
 import random
 import resource
 
@@ -14,7 +13,7 @@ import scope
 from conftest import make_facts, sym
 from tarnwick.storage import grounding_queries
 
-FACTS = scope.ScopeFacts(**pages.make_page(random.Random(1), records=grounding_queries))
+FACTS = scope.ScopeFacts(**pages.make_page(random.Random(1)))
 FAN_IN = scope.production_fan_in(FACTS)
 ODD = [None, 0, -1, 2**70, 1.5, float("nan"), "", "x", b"x", [], {}, (), {1: 2}, [None], object(), FACTS, FAN_IN,
        iter([]), [("a",)], {"p": [None]}]
@@ -64,7 +63,7 @@ def test_records_with_odd_fields_raise_instead_of_crashing():
 
 def test_repeated_calls_do_not_grow_memory():
     def round_of_calls():
-        facts = scope.ScopeFacts(**pages.make_page(random.Random(2), records=grounding_queries))
+        facts = scope.ScopeFacts(**pages.make_page(random.Random(2)))
         fan_in = scope.production_fan_in(facts)
         ranked = scope.ranked_by_file(facts, fan_in)
         scope.select_with_quota(ranked, fan_in, 20, 2, 0.3)

@@ -9,7 +9,6 @@ import pages
 import pyscope
 import scope
 from conftest import inref, make_facts, sym
-from tarnwick.storage import grounding_queries
 
 HEAD = ("## Files\n\nEvery file of this page, from the index. Lines and the summary come from the file; the most "
         "used declarations are ranked by the references production code outside the page makes to them (line, "
@@ -134,7 +133,7 @@ def test_most_used_reads_any_records():
 @pytest.mark.parametrize("seed", range(30))
 def test_agrees_with_the_plain_implementation(seed):
     rng = random.Random(seed)
-    facts = scope.ScopeFacts(**pages.make_page(rng, records=grounding_queries))
+    facts = scope.ScopeFacts(**pages.make_page(rng))
     fan_in = pyscope.production_fan_in(facts)
     missing = pages.missing_paths(rng, 2)
     assert scope.render_file_cards(facts, fan_in, "## F", missing) == \

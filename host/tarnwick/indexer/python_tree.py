@@ -261,11 +261,20 @@ class _Indexer:
         return "decl", found
 
     def reference(self, index: int, module: _Module) -> None:
-        names = self.names
         count = self.refs
         class_stack: list[int | None] = []
         # self/cls names of the methods being walked, with their class
         self_names: list[tuple[str, int | None]] = []
+
+        def through_module(module_name: str, attribute: str):
+            """`attribute` of an imported module: a submodule, or an imported declaration (counted)."""
+            what, found = self.lookup(module_name, attribute)
+            if what.startswith("module:"):
+                return ("module", what[len("module:"):])
+            if found is None:
+                return None
+            count[(index, found, "import")] += 1
+            return ("decl", found, "import")
 
         def resolve(node: ast.expr):
             """('module', name) | ('decl', index, resolution) | None, counting uses on the way."""
@@ -276,13 +285,7 @@ class _Indexer:
                     target_module, attribute = module.imports[node.id]
                     if attribute is None:
                         return ("module", target_module)
-                    what, found = self.lookup(target_module, attribute)
-                    if what.startswith("module:"):
-                        return ("module", what[7:])
-                    if found is not None:
-                        count[(index, found, "import")] += 1
-                        return ("decl", found, "import")
-                    return None
+                    return through_module(target_module, attribute)
                 if node.id in module.top:
                     found = module.top[node.id]
                     count[(index, found, "local")] += 1
@@ -297,13 +300,7 @@ class _Indexer:
                         self.name_match(index, node.attr)
                     return None
                 if base[0] == "module":
-                    what, found = self.lookup(base[1], node.attr)
-                    if what.startswith("module:"):
-                        return ("module", what[7:])
-                    if found is not None:
-                        count[(index, found, "import")] += 1
-                        return ("decl", found, "import")
-                    return None
+                    return through_module(base[1], node.attr)
                 owner = base[1]
                 resolution = "local" if base[0] == "self" else base[2]
                 member = self.member_of(owner, node.attr) if owner is not None else None
@@ -355,7 +352,6 @@ class _Indexer:
             for child in ast.iter_child_nodes(node):
                 visit(child)
 
-        del names
         visit(module.tree)
 
     def name_match(self, index: int, name: str) -> None:

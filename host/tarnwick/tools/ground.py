@@ -138,7 +138,7 @@ def ground(args: argparse.Namespace) -> str:
     name_matches = timer(scope.name_match_counts, facts)
 
     out = [f"# Grounding of {len(paths)} files in `{tree}`", "", cards, consumers]
-    out += [f"## Declaration blocks", "",
+    out += ["## Declaration blocks", "",
             f"{len(blocks)} of {len(facts.symbols)} declarations (total {args.total}, floor {args.floor}, "
             f"max share {args.max_share}), every file's best first:", ""]
     out += [f"- `{s.name}` ({s.kind}, `{s.path}:L{s.start_line}-{s.end_line}`)" for s in blocks]
