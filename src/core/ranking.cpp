@@ -125,28 +125,42 @@ std::vector<std::size_t> select_with_quota(const std::vector<QuotaFile>& all_fil
   struct Pending {
     const RankKey* key;
     std::size_t path_rank;
-    std::size_t position;  // in file order, then index order
     std::size_t file;
     std::int64_t index;
   };
-  std::vector<Pending> heap;
-  for (std::size_t file = 0; file < files.size(); ++file)
-    for (std::int64_t index = taken[file]; index < length(file); ++index)
-      heap.push_back({&key_of(file, index), path_rank[file], heap.size(), file, index});
-  // std heaps put the largest first: "later" compares as larger.
+  // std heaps put the largest first: "later" compares as larger. Equal keys
+  // and paths fall back to file order, then index order: the stable order.
   auto later = [](const Pending& a, const Pending& b) {
     if (*a.key != *b.key) return *b.key < *a.key;
     if (a.path_rank != b.path_rank) return b.path_rank < a.path_rank;
-    return b.position < a.position;
+    if (a.file != b.file) return b.file < a.file;
+    return b.index < a.index;
   };
+  // When every file's remaining declarations are already best first (as
+  // ranked_by_file gives them), the order is a merge of the files: the heap
+  // then holds one declaration per file. Otherwise it holds them all.
+  bool runs_sorted = true;
+  for (std::size_t file = 0; file < files.size() && runs_sorted; ++file)
+    for (std::int64_t index = taken[file]; index + 1 < length(file) && runs_sorted; ++index)
+      runs_sorted = !(key_of(file, index + 1) < key_of(file, index));
+  std::vector<Pending> heap;
+  for (std::size_t file = 0; file < files.size(); ++file)
+    for (std::int64_t index = taken[file]; index < (runs_sorted ? std::min(taken[file] + 1, length(file)) : length(file));
+         ++index)
+      heap.push_back({&key_of(file, index), path_rank[file], file, index});
   std::make_heap(heap.begin(), heap.end(), later);
   std::vector<Pending> walked;  // the part of the order produced so far
   auto next = [&](std::size_t step) -> const Pending* {
     if (step < walked.size()) return &walked[step];
     if (heap.empty()) return nullptr;
     std::pop_heap(heap.begin(), heap.end(), later);
-    walked.push_back(heap.back());
+    Pending popped = heap.back();
     heap.pop_back();
+    if (runs_sorted && popped.index + 1 < length(popped.file)) {
+      heap.push_back({&key_of(popped.file, popped.index + 1), popped.path_rank, popped.file, popped.index + 1});
+      std::push_heap(heap.begin(), heap.end(), later);
+    }
+    walked.push_back(popped);
     return &walked.back();
   };
 

@@ -207,9 +207,12 @@ def test_agrees_with_the_plain_implementation(seed):
     ours, theirs = scope.ranked_by_file(facts, fan_in), pyscope.ranked_by_file(facts, fan_in)
     assert list(ours) == list(theirs) and all(a is b for p in ours for a, b in zip(ours[p], theirs[p]))
     assert list(scope.file_seeds(facts, fan_in).items()) == list(pyscope.file_seeds(facts, fan_in).items())
+    shuffled = {path: rng.sample(records, len(records)) for path, records in ours.items()}
     for total, floor, share in [(1, 1, 0.2), (12, 2, 0.3), (40, 3, 0.14), (200, 0, 1.0)]:
         mine = scope.select_with_quota(ours, fan_in, total, floor, share)
         assert mine == pyscope.select_with_quota(theirs, fan_in, total, floor, share)
+        mine = scope.select_with_quota(shuffled, fan_in, total, floor, share)
+        assert mine == pyscope.select_with_quota(shuffled, fan_in, total, floor, share)
     scored = pages.make_scored(rng, list(facts.symbols), 40)
     assert scope.pick_spread(scored, 10, 2) == pyscope.pick_spread(scored, 10, 2)
 
