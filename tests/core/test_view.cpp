@@ -33,15 +33,6 @@ TEST(StringPool, KeepsTextsValidWhileGrowing) {
   EXPECT_EQ(pool.find("path/9999"), pool.size() - 1);
 }
 
-TEST(StringPool, ByteOrderIsCodePointOrder) {
-  // U+D7FF < U+D800 (a surrogate, three bytes) < U+E000 < U+10000.
-  const std::string below = "\xed\x9f\xbf", surrogate = "\xed\xa0\x80", above = "\xee\x80\x80",
-                    astral = "\xf0\x90\x80\x80";
-  EXPECT_LT(below, surrogate);
-  EXPECT_LT(surrogate, above);
-  EXPECT_LT(above, astral);
-}
-
 TEST(FactsView, PathBitsAreIndependentAndGrowOnDemand) {
   FactsView view;
   StrId a = view.pool.intern("a"), b = view.pool.intern("b");
@@ -50,16 +41,6 @@ TEST(FactsView, PathBitsAreIndependentAndGrowOnDemand) {
   EXPECT_TRUE(view.path_has(b, path_bit::test_source));
   EXPECT_FALSE(view.path_has(b, path_bit::in_page));
   EXPECT_FALSE(view.path_has(12345, path_bit::in_page));
-}
-
-TEST(FactsView, NotesEachKindAndResolutionOnceInFirstSeenOrder) {
-  FactsView view;
-  StrId method = view.pool.intern("method"), klass = view.pool.intern("class");
-  view.note_kind(method);
-  view.note_kind(klass);
-  view.note_kind(method);
-  EXPECT_EQ(view.kind_ids, (std::vector<StrId>{method, klass}));
-  EXPECT_TRUE(view.resolution_ids.empty());
 }
 
 TEST(Vocab, LiteralBitsMatchExactTextOnly) {
