@@ -101,6 +101,8 @@ std::vector<RankKey> quota_keys(PyObject* records, const FanInView& fan_in) {
     rows.push_back(known.row);
   }
   if (shared != nullptr && shared->view.symbols.has(kKeyFields)) {
+    // The facts must outlive its view's use here, whatever the host's sets do.
+    PyRef owner = PyRef::borrow(reinterpret_cast<PyObject*>(known_record(PyTuple_GET_ITEM(records, 0)).facts));
     Vocab vocab = vocab_for(*shared);
     for (std::size_t row : rows) keys.push_back(scope::rank_key(shared->view.pool, shared->view.symbols, row, vocab, fan_in));
     return keys;

@@ -484,7 +484,7 @@ void need_symbols(FactsObject* facts, std::uint32_t fields) {
     auto& index = record_index();
     PyObject* symbols = facts->fields[kSymbols];
     for (Py_ssize_t row = 0; row < PyTuple_GET_SIZE(symbols); ++row)
-      index[PyTuple_GET_ITEM(symbols, row)] = {&native, static_cast<std::size_t>(row)};
+      index[PyTuple_GET_ITEM(symbols, row)] = {facts, &native, static_cast<std::size_t>(row)};
     native.records_known = true;
   }
 }
@@ -492,7 +492,7 @@ void need_symbols(FactsObject* facts, std::uint32_t fields) {
 KnownRecord known_record(PyObject* record) {
   auto& index = record_index();
   auto found = index.find(record);
-  return found == index.end() ? KnownRecord{nullptr, 0} : found->second;
+  return found == index.end() ? KnownRecord{nullptr, nullptr, 0} : found->second;
 }
 
 void load_symbol_records(NativeFacts& native, PyObject* records, std::uint32_t fields) {
@@ -604,8 +604,10 @@ void need_summaries(FactsObject* facts) {
 // ---------------------------------------------------------------------------
 // Vocabulary and fan-in.
 
-Vocab vocab_of(const StringPool& pool, const std::vector<PyRef>& strings, const std::vector<StrId>& kinds,
-               const std::vector<StrId>& resolutions) {
+Vocab vocab_of(const StringPool& pool, const std::vector<PyRef>& strings, std::vector<StrId> kinds,
+               std::vector<StrId> resolutions) {
+  // The id lists are copies and each string is held while the host's sets
+  // are asked: a set's __contains__ may convert more of the same facts.
   Vocab vocab;
   vocab.bits.assign(pool.size(), 0);
   if (!kinds.empty()) {
@@ -613,7 +615,8 @@ Vocab vocab_of(const StringPool& pool, const std::vector<PyRef>& strings, const 
     PyRef types = module_attr("_TYPE_KINDS");
     PyRef callables = module_attr("_CALLABLE_KINDS");
     for (StrId kind : kinds) {
-      PyObject* text = strings[kind].get();
+      PyRef held = strings[kind];
+      PyObject* text = held.get();
       if (check(PySequence_Contains(name_match.get(), text))) vocab.set(kind, vocab_bit::name_match);
       if (check(PySequence_Contains(types.get(), text))) vocab.set(kind, vocab_bit::type);
       if (check(PySequence_Contains(callables.get(), text))) vocab.set(kind, vocab_bit::callable);
@@ -624,7 +627,8 @@ Vocab vocab_of(const StringPool& pool, const std::vector<PyRef>& strings, const 
     PyRef evidence = module_attr("EVIDENCE_RESOLUTIONS");
     PyRef trusted = module_attr("_TRUSTED");
     for (StrId resolution : resolutions) {
-      PyObject* text = strings[resolution].get();
+      PyRef held = strings[resolution];
+      PyObject* text = held.get();
       if (check(PySequence_Contains(evidence.get(), text))) vocab.set(resolution, vocab_bit::evidence);
       if (check(PySequence_Contains(trusted.get(), text))) vocab.set(resolution, vocab_bit::trusted);
       vocab.set_literals(pool, resolution);

@@ -37,7 +37,9 @@ struct NativeFacts {
 // Where a declaration record of some ScopeFacts sits in that facts' native
 // view, so that a list of the facts' own records (as ranked_by_file hands
 // them out) is read from the view instead of attribute by attribute.
+struct FactsObject;
 struct KnownRecord {
+  FactsObject* facts;  // borrowed: hold a reference while the view is in use
   NativeFacts* native;
   std::size_t row;
 };
@@ -93,8 +95,8 @@ std::string_view utf8_of(PyObject* text, PyRef& scratch, const char* what);
 PyRef str_from_utf8(std::string_view text);
 
 // Vocabulary bits for a set of kind and resolution ids of any pool.
-Vocab vocab_of(const StringPool& pool, const std::vector<PyRef>& strings, const std::vector<StrId>& kinds,
-               const std::vector<StrId>& resolutions);
+Vocab vocab_of(const StringPool& pool, const std::vector<PyRef>& strings, std::vector<StrId> kinds,
+               std::vector<StrId> resolutions);
 
 // A new list of the items of the tuple `records` at `rows`: the host's own
 // objects, not copies.

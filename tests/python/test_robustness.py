@@ -88,3 +88,36 @@ def test_repeated_calls_do_not_grow_memory():
         round_of_calls()
     gc.collect()
     assert resource.getrusage(resource.RUSAGE_SELF).ru_maxrss - before < 10_000
+
+
+def test_host_sets_that_call_back_into_the_module(monkeypatch):
+    """A kind set whose membership test converts more of a page (and drops
+    the last reference to the facts whose records are being ranked) while the
+    module is asking it."""
+    page = pages.make_page(random.Random(4))
+    reference = scope.ScopeFacts(**page)
+    fan_in = scope.production_fan_in(reference)
+    expected = (scope.render_consumers(reference, fan_in, "#"), scope.neighbours(reference, 9),
+                scope.select_with_quota(scope.ranked_by_file(reference, fan_in), fan_in, 30, 1, 0.3))
+    holder = {"facts": scope.ScopeFacts(**page)}
+    ranked = scope.ranked_by_file(holder["facts"], fan_in)  # keyed from that facts' view
+    fresh = scope.ScopeFacts(**page)
+    kinds = scope.NAME_MATCH_KINDS
+
+    class Meddling(frozenset):
+        busy = False
+
+        def __contains__(self, item):
+            if not Meddling.busy:
+                Meddling.busy = True
+                holder.clear()
+                gc.collect()
+                scope.name_match_counts(fresh)
+                scope.render_file_cards(fresh, fan_in, "#")
+                Meddling.busy = False
+            return item in kinds
+
+    monkeypatch.setattr(scope, "NAME_MATCH_KINDS", Meddling(kinds))
+    assert scope.select_with_quota(ranked, fan_in, 30, 1, 0.3) == expected[2]
+    assert scope.render_consumers(fresh, fan_in, "#") == expected[0]
+    assert scope.neighbours(fresh, 9) == expected[1]
