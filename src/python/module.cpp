@@ -98,9 +98,9 @@ void populate(PyObject* module) {
   add(module, "_SIZE_CAP", new_int(40));
 
   PyRef globals = check(PyDict_New());
-  check(PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()));
-  check(PyDict_SetItemString(globals.get(), "__name__", PyModule_GetNameObject(module)));
-  check(PyRun_String(kFanInSource, Py_file_input, globals.get(), globals.get()));
+  check(PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()));  // borrowed
+  check(PyDict_SetItemString(globals.get(), "__name__", check(PyModule_GetNameObject(module)).get()));
+  check(PyRun_String(kFanInSource, Py_file_input, globals.get(), globals.get()));  // the result is None
   PyObject* fan_in = PyDict_GetItemString(globals.get(), "FanIn");  // borrowed from globals
   if (fan_in == nullptr) raise(PyExc_SystemError, "FanIn was not defined");
   fan_in_class = PyRef::borrow(fan_in);
