@@ -1,6 +1,8 @@
 // ScopeFacts and the conversion of the host's records into the native view.
 #include "facts.hpp"
 
+#include <structmember.h>
+
 #include <cstring>
 #include <string>
 
@@ -97,6 +99,45 @@ std::int64_t cell_value(NativeFacts& native, InternCache& cache, PyObject* value
   return 0;
 }
 
+// Reads one attribute of many records. For the host's records (frozen,
+// slotted dataclasses) the attribute is a member descriptor of the type, and
+// the value is read from its slot directly; the type and its version tag are
+// checked on every record, so any other type, a changed type, an unset slot
+// or a custom attribute lookup goes through PyObject_GetAttr as usual.
+class AttributeReader {
+ public:
+  explicit AttributeReader(PyObject* name) : name_(name) {}
+
+  // A new reference, or NULL with the exception that attribute access raises.
+  PyObject* read(PyObject* record) {
+    PyTypeObject* type = Py_TYPE(record);
+    if (type != type_ || type->tp_version_tag != version_) learn(type);
+    if (offset_ >= 0) {
+      PyObject* value = *reinterpret_cast<PyObject**>(reinterpret_cast<char*>(record) + offset_);
+      if (value != nullptr) return Py_NewRef(value);
+    }
+    return PyObject_GetAttr(record, name_);
+  }
+
+ private:
+  void learn(PyTypeObject* type) {
+    type_ = type;
+    offset_ = -1;
+    PyObject* descriptor = _PyType_Lookup(type, name_);  // borrowed; also sets the version tag
+    version_ = type->tp_version_tag;
+    if (type->tp_getattro != PyObject_GenericGetAttr || !PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG))
+      return;
+    if (descriptor == nullptr || !Py_IS_TYPE(descriptor, &PyMemberDescr_Type)) return;
+    const PyMemberDef* member = reinterpret_cast<PyMemberDescrObject*>(descriptor)->d_member;
+    if (member->type == T_OBJECT_EX || member->type == T_OBJECT) offset_ = member->offset;
+  }
+
+  PyObject* name_;  // borrowed from the interned names
+  PyTypeObject* type_ = nullptr;
+  unsigned int version_ = 0;
+  Py_ssize_t offset_ = -1;
+};
+
 // Converts the `wanted` columns of `table` that are not converted yet.
 // The columns are built aside and committed only when every row was read, so
 // a record that raises leaves the view as it was.
@@ -112,6 +153,8 @@ void load_columns(NativeFacts& native, Table& table, PyObject* rows, const Field
   for (auto& column : columns) column.reserve(static_cast<std::size_t>(count));
   std::vector<PyRef> targets;
   InternCache cache;
+  std::vector<AttributeReader> readers;
+  for (unsigned field : fields) readers.emplace_back(names.get(infos, field));
   std::vector<std::string> labels;  // for error messages: "ScopeSymbol.kind"
   for (unsigned field : fields)
     labels.push_back(std::string(label) + "." + (infos[field].via_target ? "target." : "") + infos[field].attr);
@@ -120,7 +163,7 @@ void load_columns(NativeFacts& native, Table& table, PyObject* rows, const Field
     for (std::size_t k = 0; k < fields.size(); ++k) {
       const FieldInfo& info = infos[fields[k]];
       PyObject* owner = info.via_target ? native.targets[static_cast<std::size_t>(row)].get() : record;
-      PyRef value = PyRef::steal(PyObject_GetAttr(owner, names.get(infos, fields[k])));
+      PyRef value = PyRef::steal(readers[k].read(owner));
       if (!value) {
         if (info.cell != Cell::optional_text || !PyErr_ExceptionMatches(PyExc_AttributeError)) throw PyError{};
         PyErr_Clear();  // an absent optional field reads as None

@@ -81,3 +81,30 @@ def test_a_property_error_propagates_unchanged():
     facts = make_facts(files=["a"], inbound=[inref("b", sym(1, "a", "f"))], symbols=[Exploding()])
     with pytest.raises(KeyError, match="from the host"):
         scope._native_columns(facts, "symbols", ["path"])
+
+
+def test_slotted_records_read_like_attribute_access():
+    class Slotted:
+        __slots__ = ("id", "path", "name", "fqn", "kind", "start_line", "end_line", "is_export")
+
+    class Overriding(Slotted):
+        __slots__ = ()
+
+        @property
+        def name(self):
+            return "from a property"
+
+    records = []
+    for i, cls in enumerate([Slotted, Overriding, Slotted]):
+        record = cls()
+        for field in Slotted.__slots__:
+            if not (cls is Overriding and field == "name"):
+                setattr(record, field, f"{field}{i}" if field in ("path", "name", "fqn", "kind") else i)
+        records.append(record)
+    facts = make_facts(["a"], symbols=records)
+    assert scope._native_columns(facts, "symbols", ["name", "id"]) == (
+        ["name0", "from a property", "name2"], [0, 1, 2])
+    unset = Slotted()
+    unset.id = 5
+    with pytest.raises(AttributeError, match="path"):
+        scope._native_columns(make_facts(["a"], symbols=[records[0], unset]), "symbols", ["path"])
