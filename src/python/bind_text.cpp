@@ -29,6 +29,24 @@ std::vector<std::string> text_items(PyObject* sequence, const char* what) {
   return texts;
 }
 
+// The length of a list of names and, as UTF-8, the first of them that a cell
+// with `limit` shows; the others are only counted, as a slice would leave
+// them untouched.
+NameList shown_names(PyObject* names, std::int64_t limit, const char* what) {
+  Py_ssize_t size = PySequence_Size(names);
+  if (size < 0) throw PyError{};
+  NameList list;
+  list.total = static_cast<std::size_t>(size);
+  std::size_t shown = named_shown(list.total, limit);
+  list.head.reserve(shown);
+  for (std::size_t i = 0; i < shown; ++i) {
+    PyRef item = check(PySequence_GetItem(names, static_cast<Py_ssize_t>(i)));
+    PyRef scratch;
+    list.head.emplace_back(utf8_of(item.get(), scratch, what));
+  }
+  return list;
+}
+
 PyObject* short_path(PyObject*, PyObject* args, PyObject* kwargs) {
   return guarded([&]() -> PyRef {
     static const char* const keywords[] = {"path", nullptr};
@@ -53,13 +71,14 @@ PyObject* named(PyObject*, PyObject* args, PyObject* kwargs) {
     PyObject* names;
     PyObject* limit_arg = nullptr;
     parse_args(args, kwargs, "O|O:_named", keywords, &names, &limit_arg);
+    if (!PySequence_Check(names)) wrong_type("_named", "names", "a sequence of str", names);
     std::int64_t limit = kCardNames;
     if (limit_arg != nullptr) {
       if (!PyIndex_Check(limit_arg)) wrong_type("_named", "limit", "int", limit_arg);
       limit = as_int64(limit_arg, "_named() argument 'limit'");
     }
-    if (!PySequence_Check(names)) wrong_type("_named", "names", "a sequence of str", names);
-    return str_from_utf8(scope::named(text_items(names, "_named() names item"), limit));
+    NameList list = shown_names(names, limit, "_named() names item");
+    return str_from_utf8(scope::named(list.head, list.total, limit));
   });
 }
 
@@ -77,8 +96,9 @@ PyObject* file_users(PyObject*, PyObject* args, PyObject* kwargs) {
     NativeFacts& native = native_of(facts);
     PyRef result = check(PyDict_New());
     for (const auto& [target, users] : scope::file_users(native.view, vocab_for(facts))) {
+      // Counter is a dict subclass: filling it as a dict keeps its order.
       PyRef counter = check(PyObject_CallNoArgs(counter_type()));
-      for (const auto& [user, count] : users.entries())
+      for (const auto& [user, count] : users)
         check(PyDict_SetItem(counter.get(), native.strings[user].get(), new_int(count).get()));
       check(PyDict_SetItem(result.get(), native.strings[target].get(), counter.get()));
     }
@@ -99,33 +119,44 @@ PyObject* most_used(PyObject*, PyObject* args, PyObject* kwargs) {
     PyObject* declarations;
     PyObject* fan_in_arg;
     parse_args(args, kwargs, "OO:_most_used", keywords, &declarations, &fan_in_arg);
+    if (!PySequence_Check(declarations))
+      wrong_type("_most_used", "declarations", "a sequence of ScopeSymbol", declarations);
     PyRef records = check(PySequence_Tuple(declarations));
     NativeFacts scratch;
     load_symbol_records(scratch, records.get(), bit(sym_f::id) | bit(sym_f::name) | bit(sym_f::start_line));
-    FanInView fan_in = fan_in_view(fan_in_arg);
+    FanInView fan_in = fan_in_view(fan_in_arg, false);
     std::vector<std::size_t> rows(scratch.view.symbols.rows);
     for (std::size_t row = 0; row < rows.size(); ++row) rows[row] = row;
     return list_of_texts(scope::most_used(scratch.view.pool, scratch.view.symbols, rows, fan_in));
   });
 }
 
-// The test names that `tests_reaching(facts)` gives each page file.
-std::unordered_map<StrId, std::vector<std::string>> tests_by_file(FactsObject* facts) {
+// The test names that `tests_reaching(facts)` gives each page file: the
+// second element of its pair, a mapping asked as `.get(path)` would ask it
+// (a dict's missing-key hook is not run; an entry of None means no tests).
+std::unordered_map<StrId, NameList> tests_by_file(FactsObject* facts) {
   PyRef reaching = module_attr("tests_reaching");
   PyRef pair = check(PyObject_CallOneArg(reaching.get(), reinterpret_cast<PyObject*>(facts)));
-  PyRef by_file = check(PySequence_GetItem(pair.get(), 1));
+  PyRef by_file = check(PyObject_GetItem(pair.get(), new_int(1).get()));
+  const bool is_dict = PyDict_Check(by_file.get());
+  PyRef get;
+  if (!is_dict) get = check(PyObject_GetAttrString(by_file.get(), "get"));
   NativeFacts& native = native_of(facts);
-  std::unordered_map<StrId, std::vector<std::string>> tests;
+  std::unordered_map<StrId, NameList> tests;
   for (std::size_t row = 0; row < native.view.files.rows; ++row) {
     StrId path = native.view.files.str(file_f::path, row);
     if (tests.count(path)) continue;
-    PyRef names = PyRef::steal(PyObject_GetItem(by_file.get(), native.strings[path].get()));
-    if (!names) {
-      if (!PyErr_ExceptionMatches(PyExc_KeyError)) throw PyError{};
-      PyErr_Clear();  // no test reaches this file
-      continue;
+    PyObject* key = native.strings[path].get();
+    PyRef names;
+    if (is_dict) {
+      names = PyRef::borrow(PyDict_GetItemWithError(by_file.get(), key));
+      if (!names && PyErr_Occurred()) throw PyError{};
+    } else {
+      names = check(PyObject_CallOneArg(get.get(), key));
     }
-    tests[path] = text_items(names.get(), "tests_reaching() test name");
+    if (!names || names.get() == Py_None) continue;  // no test reaches this file
+    PyRef items = check(PySequence_Fast(names.get(), "tests_reaching() test names must be iterable"));
+    tests[path] = shown_names(items.get(), kCardNames, "tests_reaching() test name");
   }
   return tests;
 }
@@ -138,13 +169,12 @@ PyObject* render_file_cards(PyObject*, PyObject* args, PyObject* kwargs) {
                &missing_arg);
     FactsObject* facts = as_facts(facts_arg, "render_file_cards");
     std::string heading = text_argument(heading_arg, "render_file_cards", "heading");
-    std::vector<std::string> missing_texts;
+    std::vector<std::string> missing;
     if (missing_arg != nullptr) {
       if (PyUnicode_Check(missing_arg) || !PySequence_Check(missing_arg))
         wrong_type("render_file_cards", "missing", "a sequence of str", missing_arg);
-      missing_texts = text_items(missing_arg, "render_file_cards() missing item");
+      missing = text_items(missing_arg, "render_file_cards() missing item");
     }
-    std::vector<std::string_view> missing(missing_texts.begin(), missing_texts.end());
 
     need_files(facts, bit(file_f::path));
     need_symbols(facts, bit(sym_f::path) | bit(sym_f::id) | bit(sym_f::name) | bit(sym_f::start_line));
@@ -152,10 +182,11 @@ PyObject* render_file_cards(PyObject*, PyObject* args, PyObject* kwargs) {
     need_inbound(facts, kUserFields);
     need_line_counts(facts);
     need_summaries(facts);
-    FanInView fan_in = fan_in_view(fan_in_arg);
     Vocab vocab = vocab_for(facts);
     auto tests = tests_by_file(facts);
     NativeFacts& native = native_of(facts);
+    // Only a row asks the fan-in: a page without files never reads it.
+    FanInView fan_in = native.view.files.rows ? fan_in_view(fan_in_arg, false) : FanInView{};
     return str_from_utf8(scope::render_file_cards(native.view, vocab, fan_in, heading, missing, tests));
   });
 }

@@ -701,6 +701,9 @@ void read_counts(PyObject* mapping, std::unordered_map<std::int64_t, std::int64_
   PyRef items = check(PyMapping_Items(mapping));
   for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
     PyObject* pair = PyList_GET_ITEM(items.get(), i);  // borrowed from items
+    if (!PyTuple_Check(pair) || PyTuple_GET_SIZE(pair) != 2)
+      raise_format(PyExc_TypeError, "fan-in counts: items() must give (id, count) pairs, not %.100s",
+                   Py_TYPE(pair)->tp_name);
     if (symbol_id(PyTuple_GET_ITEM(pair, 0), id)) into[id] = as_int64(PyTuple_GET_ITEM(pair, 1), what);
   }
 }
@@ -725,12 +728,13 @@ PyRef records_at(PyObject* records, const std::vector<std::size_t>& rows) {
   return list;
 }
 
-FanInView fan_in_view(PyObject* fan_in) {
+FanInView fan_in_view(PyObject* fan_in, bool with_entry) {
   FanInView view;
   PyRef outside = check(PyObject_GetAttrString(fan_in, "outside"));
   read_counts(outside.get(), view.outside, "fan_in.outside value");
   PyRef inside = check(PyObject_GetAttrString(fan_in, "inside"));
   read_counts(inside.get(), view.inside, "fan_in.inside value");
+  if (!with_entry) return view;
   PyRef entry = check(PyObject_GetAttrString(fan_in, "entry"));
   PyRef iterator = check(PyObject_GetIter(entry.get()));
   std::int64_t id;

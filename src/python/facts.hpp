@@ -106,8 +106,9 @@ PyRef records_at(PyObject* records, const std::vector<std::size_t>& rows);
 // that cannot equal a 64-bit symbol id (not an int, or beyond 64 bits).
 bool symbol_id(PyObject* object, std::int64_t& id);
 
-// A FanIn-like object (`outside`, `inside`, `entry`) as native maps.
-FanInView fan_in_view(PyObject* fan_in);
+// A FanIn-like object (`outside`, `inside`, `entry`) as native maps; `entry`
+// is read only when `with_entry` is set.
+FanInView fan_in_view(PyObject* fan_in, bool with_entry = true);
 
 // For tests: the converted columns of one table, as Python values.
 PyObject* native_columns(PyObject* self, PyObject* args, PyObject* kwargs);
