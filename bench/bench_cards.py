@@ -1,5 +1,5 @@
-"""render_file_cards, native module against the plain Python implementation,
-on a page of 300 files and 100,000 inbound references.
+"""render_file_cards and file_users, native module against the plain Python
+implementation, on a page of 300 files and 100,000 inbound references.
 
     PYTHONPATH=build/dev/python:host python3 bench/bench_cards.py
 """
@@ -39,6 +39,12 @@ def main():
                  best_of(lambda: scope.render_file_cards(facts, fan_in, "## Files")),
                  best_of(lambda: pyscope.render_file_cards(facts, fan_in, "## Files"))))
     report("render_file_cards", rows)
+    report("file_users", [
+        ("fresh facts",
+         best_of(lambda: scope.file_users(scope.ScopeFacts(**fields))),
+         best_of(lambda: pyscope.file_users(scope.ScopeFacts(**fields)))),
+        ("converted facts", best_of(lambda: scope.file_users(facts)), best_of(lambda: pyscope.file_users(facts))),
+    ])
 
 
 if __name__ == "__main__":
