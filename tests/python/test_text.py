@@ -62,7 +62,7 @@ class Names:
     ("_named", (list("abcdef"), 4), "a, b, c, d +2"),
     ("_named", (["a", "b"], 0), " +2"),
     ("_named", ([], 0), ""),
-    (("_named"), (("z", "a"), 5), "z, a"),
+    ("_named", (("z", "a"), 5), "z, a"),
     ("_named", (Names("z", "y", "x", "w"),), "z, y, x +1"),
     ("_named", ("abcd",), "a, b, c +1"),
     ("_named", (["a", "b", "c"], -1), "a, b +4"),
@@ -197,8 +197,8 @@ def test_file_users_asks_the_module_sets_at_call_time(monkeypatch, name, value, 
     before = scope.file_users(facts)
     monkeypatch.setattr(scope, name, value)
     after = scope.file_users(facts)
-    assert after["go/wire.go"] == (wire_users or before["go/wire.go"])
-    assert after["lib/store.py"] == (store_users or before["lib/store.py"])
+    assert after["go/wire.go"] == (before["go/wire.go"] if wire_users is None else wire_users)
+    assert after["lib/store.py"] == (before["lib/store.py"] if store_users is None else store_users)
 
 
 def test_file_users_sums_beyond_64_bits_raise():
