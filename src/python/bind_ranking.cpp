@@ -124,7 +124,7 @@ PyObject* select_with_quota(PyObject*, PyObject* args, PyObject* kwargs) {
     std::int64_t total = int_argument(total_arg, "select_with_quota", "total");
     std::int64_t floor = int_argument(floor_arg, "select_with_quota", "floor");
     if (!PyMapping_Check(ranked)) wrong_type("select_with_quota", "ranked", "a mapping", ranked);
-    PyRef items = check(PyMapping_Items(ranked));
+    PyRef items = pair_items(ranked, "select_with_quota() argument 'ranked'");
 
     // Every file's sequence, flattened into one tuple of records.
     std::vector<PyRef> sequences;

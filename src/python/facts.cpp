@@ -614,7 +614,7 @@ void need_line_counts(FactsObject* facts) {
   NativeFacts& native = native_of(facts);
   if (native.view.line_counts_loaded) return;
   std::unordered_map<StrId, std::int64_t> counts;
-  PyRef items = check(PyMapping_Items(facts->fields[kLineCounts]));
+  PyRef items = pair_items(facts->fields[kLineCounts], "line_counts");
   for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
     PyObject* pair = PyList_GET_ITEM(items.get(), i);  // borrowed
     PyObject* key = PyTuple_GET_ITEM(pair, 0);
@@ -631,7 +631,7 @@ void need_summaries(FactsObject* facts) {
   NativeFacts& native = native_of(facts);
   if (native.view.summaries_loaded) return;
   std::unordered_map<StrId, StrId> summaries;
-  PyRef items = check(PyMapping_Items(facts->fields[kSummaries]));
+  PyRef items = pair_items(facts->fields[kSummaries], "summaries");
   for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
     PyObject* pair = PyList_GET_ITEM(items.get(), i);  // borrowed
     PyObject* key = PyTuple_GET_ITEM(pair, 0);
@@ -698,17 +698,25 @@ void read_counts(PyObject* mapping, std::unordered_map<std::int64_t, std::int64_
       if (symbol_id(key, id)) into[id] = as_int64(value, what);
     return;
   }
-  PyRef items = check(PyMapping_Items(mapping));
+  PyRef items = pair_items(mapping, "fan-in counts");
   for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
     PyObject* pair = PyList_GET_ITEM(items.get(), i);  // borrowed from items
-    if (!PyTuple_Check(pair) || PyTuple_GET_SIZE(pair) != 2)
-      raise_format(PyExc_TypeError, "fan-in counts: items() must give (id, count) pairs, not %.100s",
-                   Py_TYPE(pair)->tp_name);
     if (symbol_id(PyTuple_GET_ITEM(pair, 0), id)) into[id] = as_int64(PyTuple_GET_ITEM(pair, 1), what);
   }
 }
 
 }  // namespace
+
+PyRef pair_items(PyObject* mapping, const char* what) {
+  PyRef items = check(PyMapping_Items(mapping));
+  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
+    PyObject* pair = PyList_GET_ITEM(items.get(), i);  // borrowed from items
+    if (!PyTuple_Check(pair) || PyTuple_GET_SIZE(pair) != 2)
+      raise_format(PyExc_TypeError, "%s: items() must give (key, value) pairs, not %.100s", what,
+                   Py_TYPE(pair)->tp_name);
+  }
+  return items;
+}
 
 bool symbol_id(PyObject* object, std::int64_t& id) {
   if (!PyLong_Check(object)) return false;

@@ -102,6 +102,10 @@ Vocab vocab_of(const StringPool& pool, const std::vector<PyRef>& strings, std::v
 // objects, not copies.
 PyRef records_at(PyObject* records, const std::vector<std::size_t>& rows);
 
+// The items of a mapping as a list of (key, value) tuples; TypeError naming
+// `what` when its items() gives anything else.
+PyRef pair_items(PyObject* mapping, const char* what);
+
 // A symbol id from a key or member of a host container: false for anything
 // that cannot equal a 64-bit symbol id (not an int, or beyond 64 bits).
 bool symbol_id(PyObject* object, std::int64_t& id);

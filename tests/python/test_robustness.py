@@ -5,6 +5,7 @@ import gc
 import inspect
 import random
 import resource
+from types import SimpleNamespace
 
 import pytest
 
@@ -121,3 +122,26 @@ def test_host_sets_that_call_back_into_the_module(monkeypatch):
     assert scope.select_with_quota(ranked, fan_in, 30, 1, 0.3) == expected[2]
     assert scope.render_consumers(fresh, fan_in, "#") == expected[0]
     assert scope.neighbours(fresh, 9) == expected[1]
+
+
+def test_mappings_whose_items_are_not_pairs_raise():
+    class Odd(dict):
+        def items(self):
+            return [1, ("a",), ("a", 1, 2)]
+
+    class OddMapping:
+        def keys(self):
+            return ["a"]
+
+        def __getitem__(self, key):
+            return 1
+
+        items = Odd.items
+
+    record = sym(1, "a", "f")
+    odd_fan_in = SimpleNamespace(outside=OddMapping(), inside={}, entry=())
+    for call in (lambda: scope.select_with_quota(Odd(a=[record]), FAN_IN, 3, 1, 0.5),
+                 lambda: scope.rank_key(record, odd_fan_in),
+                 lambda: scope.render_file_cards(FACTS, odd_fan_in, "#")):
+        with pytest.raises(TypeError, match=r"items\(\) must give \(key, value\) pairs"):
+            call()
