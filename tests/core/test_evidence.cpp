@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <random>
+#include <stdexcept>
 
 #include "builders.hpp"
 #include "evidence.hpp"
@@ -100,4 +102,53 @@ TEST(FanIn, EntryCandidatesPassEveryTestButThePathFilter) {
       {7, "a.py", "Free", "class", 12, 14},
   });
   EXPECT_EQ(entry_candidates(page.view, page.vocab, {5}), (std::vector<std::size_t>{0, 6}));
+}
+
+// Many targets with ids from the whole 64-bit range, against a plain
+// recount: sums, first-counted order and the referenced set.
+TEST(FanIn, AgreesWithAPlainRecount) {
+  const std::vector<std::int64_t> pool = {0, -1, 1, INT64_MIN, INT64_MAX, 64, 128, -64, 1LL << 40};
+  const char* resolutions[] = {"import", "local", "unique", "ambiguous", "legacy"};
+  const char* kinds[] = {"function", "constant", "class"};
+  const char* sources[] = {"lib/a.py", "app/x.py", "app/y.py", "tests/t.py"};
+  std::mt19937 random(11);
+  for (int round = 0; round < 50; ++round) {
+    Page page;
+    page.files({"lib/a.py"});
+    page.tests({"tests/t.py"});
+    std::vector<In> rows;
+    int count = static_cast<int>(random() % 400);
+    for (int i = 0; i < count; ++i) {
+      std::int64_t target = random() % 2 ? pool[random() % pool.size()] : static_cast<std::int64_t>(random() % 300);
+      rows.push_back({sources[random() % 4], target, "lib/a.py", "n", kinds[random() % 3],
+                      resolutions[random() % 5], static_cast<std::int64_t>(random() % 5)});
+    }
+    page.inbound(rows);
+    FanInCounts counts = count_fan_in(page.view, page.vocab);
+
+    std::vector<std::pair<std::int64_t, std::int64_t>> outside, inside;
+    std::unordered_set<std::int64_t> referenced;
+    auto add = [](auto& into, std::int64_t id, std::int64_t refs) {
+      for (auto& entry : into)
+        if (entry.first == id) return void(entry.second += refs);
+      into.emplace_back(id, refs);
+    };
+    for (const In& r : rows) {
+      if (r.source == "tests/t.py") continue;
+      if (r.resolution != "legacy") referenced.insert(r.target);
+      bool counted = r.resolution == "import" || r.resolution == "local" ||
+                     (r.resolution == "unique" && r.target_kind != "constant");
+      if (counted) add(r.source == "lib/a.py" ? inside : outside, r.target, r.refs);
+    }
+    EXPECT_EQ(counts.outside.entries(), outside) << "round " << round;
+    EXPECT_EQ(counts.inside.entries(), inside) << "round " << round;
+    EXPECT_EQ(counts.referenced, referenced) << "round " << round;
+  }
+}
+
+TEST(FanIn, ASumBeyond64BitsIsAnError) {
+  Page page;
+  page.inbound({{"app/x.py", 1, "lib/a.py", "f", "function", "import", INT64_MAX},
+                {"app/y.py", 1, "lib/a.py", "f", "function", "import", 1}});
+  EXPECT_THROW(count_fan_in(page.view, page.vocab), std::overflow_error);
 }
