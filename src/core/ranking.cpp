@@ -9,21 +9,30 @@
 
 namespace scope {
 
+RankKey rank_key(const KeyFields& symbol, const KeyUses& uses) {
+  const __int128 weight = symbol.kind == "constant" ? 1 : 2;
+  const __int128 size = __int128{symbol.end_line} - symbol.start_line;
+  return RankKey{
+      !(uses.outside > 0 || uses.entry),  // as FanIn.api
+      symbol.type_or_callable ? 0 : 1,
+      symbol.name.starts_with('_'),
+      -(weight * uses.outside),
+      -std::min<__int128>(size, kSizeCap),
+      -(weight * uses.inside),
+      symbol.start_line,
+  };
+}
+
 RankKey rank_key(const StringPool& pool, const Table& table, std::size_t row, const Vocab& vocab,
                  const FanInView& fan_in) {
-  std::int64_t id = table.num(sym_f::id, row);
-  StrId kind = table.str(sym_f::kind, row);
-  __int128 weight = vocab.has(kind, vocab_bit::constant) ? 1 : 2;
-  __int128 size = __int128{table.num(sym_f::end_line, row)} - table.num(sym_f::start_line, row);
-  return RankKey{
-      !fan_in.api(id),
-      vocab.has(kind, vocab_bit::callable | vocab_bit::type) ? 0 : 1,
-      pool.text(table.str(sym_f::name, row)).starts_with('_'),
-      -(weight * fan_in.outside_count(id)),
-      -std::min<__int128>(size, kSizeCap),
-      -(weight * fan_in.inside_count(id)),
-      table.num(sym_f::start_line, row),
-  };
+  const std::int64_t id = table.num(sym_f::id, row);
+  const StrId kind = table.str(sym_f::kind, row);
+  KeyUses uses{fan_in.outside_count(id), fan_in.inside_count(id), false};
+  uses.entry = uses.outside <= 0 && fan_in.entry.count(id) != 0;
+  return rank_key(KeyFields{id, pool.text(kind), vocab.has(kind, vocab_bit::callable | vocab_bit::type),
+                            pool.text(table.str(sym_f::name, row)), table.num(sym_f::start_line, row),
+                            table.num(sym_f::end_line, row)},
+                  uses);
 }
 
 RankedFiles ranked_by_file(const FactsView& view, const Vocab& vocab, const FanInView& fan_in) {
@@ -37,7 +46,8 @@ RankedFiles ranked_by_file(const FactsView& view, const Vocab& vocab, const FanI
   }
   std::vector<RankKey> keys;
   keys.reserve(symbols.rows);
-  for (std::size_t row = 0; row < symbols.rows; ++row) keys.push_back(rank_key(view.pool, symbols, row, vocab, fan_in));
+  for (std::size_t row = 0; row < symbols.rows; ++row)
+    keys.push_back(rank_key(view.pool, symbols, row, vocab, fan_in));
   for (auto& [path, rows] : ranked)
     std::stable_sort(rows.begin(), rows.end(), [&](std::size_t a, std::size_t b) { return keys[a] < keys[b]; });
   return ranked;
@@ -75,11 +85,12 @@ std::int64_t quota_cap(std::int64_t total, double max_share, std::int64_t floor_
   if (std::isnan(product)) throw std::domain_error("cannot convert float NaN to integer");
   if (std::isinf(product)) throw std::overflow_error("cannot convert float infinity to integer");
   double ceiling = std::ceil(product);
-  // Any cap at or beyond the total behaves alike; clamp instead of overflowing.
-  constexpr double kLimit = 9.0e18;
-  std::int64_t cap = ceiling >= kLimit    ? std::numeric_limits<std::int64_t>::max()
-                     : ceiling <= -kLimit ? std::numeric_limits<std::int64_t>::min()
-                                          : static_cast<std::int64_t>(ceiling);
+  // Any cap at or beyond the total behaves alike; clamp instead of
+  // overflowing. Every whole double in [-2^63, 2^63) converts exactly.
+  constexpr double kTwo63 = 0x1p63;
+  std::int64_t cap = ceiling >= kTwo63   ? std::numeric_limits<std::int64_t>::max()
+                     : ceiling < -kTwo63 ? std::numeric_limits<std::int64_t>::min()
+                                         : static_cast<std::int64_t>(ceiling);
   return std::max(floor_each, cap);
 }
 

@@ -33,7 +33,26 @@ struct RankKey {
   friend auto operator<=>(const RankKey&, const RankKey&) = default;
 };
 
-// Needs symbols id, kind, name, start_line, end_line of `table`.
+// The fields of a declaration that its key reads.
+struct KeyFields {
+  std::int64_t id;
+  std::string_view kind;
+  bool type_or_callable;  // kind is in _TYPE_KINDS or _CALLABLE_KINDS
+  std::string_view name;
+  std::int64_t start_line;
+  std::int64_t end_line;
+};
+// The production uses of one declaration that its key reads. `entry` only
+// matters when `outside` is 0 or less: an outside use already makes it API.
+struct KeyUses {
+  std::int64_t outside = 0;
+  std::int64_t inside = 0;
+  bool entry = false;
+};
+RankKey rank_key(const KeyFields& symbol, const KeyUses& uses);
+
+// The key of one row. Needs symbols id, kind, name, start_line, end_line of
+// `table`.
 RankKey rank_key(const StringPool& pool, const Table& table, std::size_t row, const Vocab& vocab,
                  const FanInView& fan_in);
 

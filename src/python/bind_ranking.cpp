@@ -26,17 +26,98 @@ PyRef key_tuple(const RankKey& key) {
   return tuple;
 }
 
+// Attribute and module names, interned once for the life of the process.
+struct Names {
+  PyObject *id, *kind, *name, *start_line, *end_line, *outside, *inside, *entry, *get, *type_kinds,
+      *callable_kinds;
+};
+const Names& names() {
+  static const Names interned = [] {
+    auto name = [](const char* text) {
+      PyObject* object = PyUnicode_InternFromString(text);
+      if (object == nullptr) throw PyError{};
+      return object;
+    };
+    return Names{name("id"),     name("kind"),    name("name"),  name("start_line"), name("end_line"),
+                 name("outside"), name("inside"), name("entry"), name("get"),        name("_TYPE_KINDS"),
+                 name("_CALLABLE_KINDS")};
+  }();
+  return interned;
+}
+
+// The count of `mapping` for `key` into `count`, left alone when it has
+// none. A dict (a Counter among them) is read directly, so that no
+// __missing__ hook runs; any other mapping through its `get`.
+void count_for(PyObject* mapping, PyObject* key, std::int64_t& count, const char* what) {
+  PyRef value;
+  if (PyDict_Check(mapping)) {
+    value = PyRef::borrow(PyDict_GetItemWithError(mapping, key));
+    if (!value) {
+      if (PyErr_Occurred()) throw PyError{};
+      return;
+    }
+  } else {
+    PyRef absent = check(PyObject_CallNoArgs(reinterpret_cast<PyObject*>(&PyBaseObject_Type)));
+    value = check(PyObject_CallMethodObjArgs(mapping, names().get, key, absent.get(), nullptr));
+    if (value.get() == absent.get()) return;
+  }
+  count = as_int64(value.get(), what);
+}
+
+// What one declaration's key needs of a FanIn-like object, looked up for its
+// id alone, so that a key costs the same however large the fan-in is (a host
+// may key every declaration one call at a time). As FanIn.api, `entry` is
+// asked only when there is no outside use.
+KeyUses uses_of(PyObject* fan_in, std::int64_t id) {
+  const Names& n = names();
+  KeyUses uses;
+  PyRef key = new_int(id);
+  PyRef outside = check(PyObject_GetAttr(fan_in, n.outside));
+  count_for(outside.get(), key.get(), uses.outside, "fan_in.outside value");
+  PyRef inside = check(PyObject_GetAttr(fan_in, n.inside));
+  count_for(inside.get(), key.get(), uses.inside, "fan_in.inside value");
+  if (uses.outside <= 0) {
+    PyRef entry = check(PyObject_GetAttr(fan_in, n.entry));
+    uses.entry = check(PySequence_Contains(entry.get(), key.get())) != 0;
+  }
+  return uses;
+}
+
+// One declaration's key fields, read straight from its attributes (a single
+// record needs no interned view). `held` keeps the str objects that the
+// fields' text views point into.
+KeyFields key_fields(PyObject* symbol, PyRef (&held)[4]) {
+  const Names& n = names();
+  KeyFields fields{};
+  PyRef id = check(PyObject_GetAttr(symbol, n.id));
+  fields.id = as_int64(id.get(), "ScopeSymbol.id");
+  held[0] = check(PyObject_GetAttr(symbol, n.name));
+  fields.name = utf8_of(held[0].get(), held[1], "ScopeSymbol.name");
+  held[2] = check(PyObject_GetAttr(symbol, n.kind));
+  fields.kind = utf8_of(held[2].get(), held[3], "ScopeSymbol.kind");
+  PyRef start = check(PyObject_GetAttr(symbol, n.start_line));
+  fields.start_line = as_int64(start.get(), "ScopeSymbol.start_line");
+  PyRef end = check(PyObject_GetAttr(symbol, n.end_line));
+  fields.end_line = as_int64(end.get(), "ScopeSymbol.end_line");
+  // Membership in the module's kind sets, looked up now: the host may rebind them.
+  PyRef callables = check(PyObject_GetAttr(module_object(), n.callable_kinds));
+  fields.type_or_callable = check(PySequence_Contains(callables.get(), held[2].get())) != 0;
+  if (!fields.type_or_callable) {
+    PyRef types = check(PyObject_GetAttr(module_object(), n.type_kinds));
+    fields.type_or_callable = check(PySequence_Contains(types.get(), held[2].get())) != 0;
+  }
+  return fields;
+}
+
 PyObject* rank_key(PyObject*, PyObject* args, PyObject* kwargs) {
   return guarded([&]() -> PyRef {
     static const char* const keywords[] = {"symbol", "fan_in", nullptr};
     PyObject* symbol;
     PyObject* fan_in_arg;
     parse_args(args, kwargs, "OO:rank_key", keywords, &symbol, &fan_in_arg);
-    NativeFacts scratch;
-    PyRef records = check(PyTuple_Pack(1, symbol));
-    load_symbol_records(scratch, records.get(), kKeyFields);
-    FanInView fan_in = fan_in_view(fan_in_arg);
-    return key_tuple(scope::rank_key(scratch.view.pool, scratch.view.symbols, 0, vocab_for(scratch), fan_in));
+    PyRef held[4];
+    KeyFields fields = key_fields(symbol, held);
+    return key_tuple(scope::rank_key(fields, uses_of(fan_in_arg, fields.id)));
   });
 }
 
@@ -104,7 +185,8 @@ std::vector<RankKey> quota_keys(PyObject* records, const FanInView& fan_in) {
     // The facts must outlive its view's use here, whatever the host's sets do.
     PyRef owner = PyRef::borrow(reinterpret_cast<PyObject*>(known_record(PyTuple_GET_ITEM(records, 0)).facts));
     Vocab vocab = vocab_for(*shared);
-    for (std::size_t row : rows) keys.push_back(scope::rank_key(shared->view.pool, shared->view.symbols, row, vocab, fan_in));
+    for (std::size_t row : rows)
+      keys.push_back(scope::rank_key(shared->view.pool, shared->view.symbols, row, vocab, fan_in));
     return keys;
   }
   NativeFacts scratch;
@@ -115,6 +197,38 @@ std::vector<RankKey> quota_keys(PyObject* records, const FanInView& fan_in) {
   return keys;
 }
 
+// The (key, value) items of a mapping, as a list or tuple that only this call
+// holds.
+PyRef mapping_items(PyObject* ranked) {
+  if (PyDict_Check(ranked)) return check(PyDict_Items(ranked));
+  PyRef method = PyRef::steal(PyObject_GetAttrString(ranked, "items"));
+  if (!method) {
+    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw PyError{};
+    PyErr_Clear();
+    wrong_type("select_with_quota", "ranked", "a mapping", ranked);
+  }
+  // A tuple of our own: the host's code that runs later (a value's
+  // __iter__, say) cannot change it under our feet.
+  PyRef items = check(PyObject_CallNoArgs(method.get()));
+  return check(PySequence_Tuple(items.get()));
+}
+
+// `max_share` as the double whose product with `total` gives the cap. An int
+// share multiplies exactly and never makes an infinite product: any int of 1
+// or more lets a file take the whole total and any of 0 or less holds it to
+// its floor, which 1.0 and 0.0 do as well, whatever the int's size.
+double share_of(PyObject* share) {
+  if (PyLong_Check(share)) {
+    int overflow = 0;
+    long long value = PyLong_AsLongLongAndOverflow(share, &overflow);
+    if (value == -1 && PyErr_Occurred()) throw PyError{};
+    return overflow > 0 || (overflow == 0 && value >= 1) ? 1.0 : 0.0;
+  }
+  double value = PyFloat_AsDouble(share);
+  if (value == -1.0 && PyErr_Occurred()) throw PyError{};
+  return value;
+}
+
 PyObject* select_with_quota(PyObject*, PyObject* args, PyObject* kwargs) {
   return guarded([&]() -> PyRef {
     static const char* const keywords[] = {"ranked", "fan_in", "total", "floor", "max_share", nullptr};
@@ -123,18 +237,25 @@ PyObject* select_with_quota(PyObject*, PyObject* args, PyObject* kwargs) {
                &share_arg);
     std::int64_t total = int_argument(total_arg, "select_with_quota", "total");
     std::int64_t floor = int_argument(floor_arg, "select_with_quota", "floor");
-    if (!PyMapping_Check(ranked)) wrong_type("select_with_quota", "ranked", "a mapping", ranked);
-    PyRef items = pair_items(ranked, "select_with_quota() argument 'ranked'");
+    PyRef items = mapping_items(ranked);
 
-    // Every file's sequence, flattened into one tuple of records.
+    // Every file's sequence, flattened into one tuple of records. The items
+    // hold the paths' str objects, which hold the UTF-8 that `files` views.
     std::vector<PyRef> sequences;
     std::vector<QuotaFile> files;
     std::vector<PyRef> keep_alive;
     std::size_t declarations = 0;
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
-      PyObject* pair = PyList_GET_ITEM(items.get(), i);  // borrowed from items
-      PyRef sequence = check(PySequence_Fast(PyTuple_GET_ITEM(pair, 1), "ranked values must be sequences"));
+    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(items.get()); ++i) {
+      PyObject* pair = PySequence_Fast_GET_ITEM(items.get(), i);  // borrowed from our own items
+      if (!PyTuple_Check(pair) || PyTuple_GET_SIZE(pair) != 2)
+        raise(PyExc_TypeError, "select_with_quota() ranked items must be (path, declarations) pairs");
+      PyRef sequence = check(
+          PySequence_Fast(PyTuple_GET_ITEM(pair, 1), "select_with_quota() ranked values must be sequences"));
+      // A snapshot of a list: the host's code that runs before the records
+      // are gathered (another value's __iter__, say) might change the list.
+      if (PyList_Check(sequence.get())) sequence = check(PyList_AsTuple(sequence.get()));
       std::size_t count = static_cast<std::size_t>(PySequence_Fast_GET_SIZE(sequence.get()));
+      if (count == 0) continue;  // a file without declarations takes no part
       PyRef scratch;
       std::string_view path = utf8_of(PyTuple_GET_ITEM(pair, 0), scratch, "select_with_quota() ranked key");
       keep_alive.push_back(scratch);
@@ -151,8 +272,7 @@ PyObject* select_with_quota(PyObject*, PyObject* args, PyObject* kwargs) {
         PyTuple_SET_ITEM(records.get(), at++, Py_NewRef(PySequence_Fast_GET_ITEM(sequence.get(), i)));
     FanInView fan_in = fan_in_view(fan_in_arg);
     std::vector<RankKey> keys = quota_keys(records.get(), fan_in);
-    double max_share = PyFloat_AsDouble(share_arg);
-    if (max_share == -1.0 && PyErr_Occurred()) throw PyError{};
+    double max_share = share_of(share_arg);
     return records_at(records.get(), scope::select_with_quota(files, keys, total, floor, max_share));
   });
 }

@@ -694,6 +694,7 @@ void read_counts(PyObject* mapping, std::unordered_map<std::int64_t, std::int64_
     PyObject* key;
     PyObject* value;
     Py_ssize_t position = 0;
+    into.reserve(static_cast<std::size_t>(PyDict_GET_SIZE(mapping)));
     while (PyDict_Next(mapping, &position, &key, &value))  // borrowed key and value
       if (symbol_id(key, id)) into[id] = as_int64(value, what);
     return;

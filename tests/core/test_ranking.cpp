@@ -57,6 +57,9 @@ TEST(Quota, CapIsTheCeilingOfTheDoubleProduct) {
   EXPECT_EQ(quota_cap(10, 0.0, 2), 2);   // never below floor_each
   EXPECT_EQ(quota_cap(10, -1e300, 2), 2);
   EXPECT_EQ(quota_cap(10, 1e300, 2), std::numeric_limits<std::int64_t>::max());
+  // Below 2^63 the ceiling converts exactly; from 2^63 on it is clamped.
+  EXPECT_EQ(quota_cap(1'000'000'000'000'000'000, 9.0, 1), 9'000'000'000'000'000'000);
+  EXPECT_EQ(quota_cap(std::numeric_limits<std::int64_t>::max(), 1.0, 1), std::numeric_limits<std::int64_t>::max());
 }
 
 TEST(RankKey, OrderAndExactness) {
@@ -72,6 +75,21 @@ TEST(RankKey, OrderAndExactness) {
   EXPECT_EQ(key(2), (RankKey{true, 0, true, 0, 2, 0, 5}));
   EXPECT_EQ(key(3).outside, -2 * static_cast<__int128>(INT64_MAX));
   EXPECT_LT(key(1), key(0));  // the kind group decides before the uses
+}
+
+TEST(RankKey, ApiIsAnOutsideUseOrAnEntryPoint) {
+  Page page;
+  page.symbols({{1, "a", "entry", "function"}, {2, "a", "zero", "function"}, {3, "a", "used", "function"}});
+  FanInView fan_in;
+  fan_in.outside = {{2, 0}, {3, 1}};
+  fan_in.inside = {{2, 9}};
+  fan_in.entry = {1};
+  auto not_api = [&](std::size_t row) {
+    return rank_key(page.view.pool, page.view.symbols, row, page.vocab, fan_in).not_api;
+  };
+  EXPECT_FALSE(not_api(0));  // an entry point nothing references
+  EXPECT_TRUE(not_api(1));   // an outside count of 0 is no use; inside uses never make API
+  EXPECT_FALSE(not_api(2));
 }
 
 TEST(Spreader, CountsPerPathAndStopsAtTheLimit) {

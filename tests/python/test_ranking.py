@@ -2,7 +2,9 @@
 
 import itertools
 import random
-from collections import Counter
+from collections import Counter, defaultdict
+from collections.abc import Mapping
+from fractions import Fraction
 from types import MappingProxyType, SimpleNamespace
 
 import pytest
@@ -50,6 +52,34 @@ class TestRankKey:
         fan_in = make({1: 3}, {1: 1}, [2])
         assert scope.rank_key(sym(1, "a", "f"), fan_in)[:6] == (False, 0, False, -6, 0, -2)
         assert scope.rank_key(sym(2, "a", "g"), fan_in)[0] is False
+
+    def test_fan_in_is_read_for_the_one_id_and_left_unchanged(self):
+        class Plain(Mapping):  # a mapping that is no dict
+            def __init__(self, counts):
+                self.counts = counts
+
+            def __getitem__(self, key):
+                return self.counts[key]
+
+            def __iter__(self):
+                return iter(self.counts)
+
+            def __len__(self):
+                return len(self.counts)
+
+        outside = defaultdict(int, {1: 2})
+        fan_in = SimpleNamespace(outside=MappingProxyType(outside), inside=Plain({1: 5}), entry=frozenset())
+        assert scope.rank_key(sym(1, "a", "f"), fan_in)[:6] == (False, 0, False, -4, 0, -10)
+        assert scope.rank_key(sym(2, "a", "f"), fan_in)[:6] == (True, 0, False, 0, 0, 0)
+        assert dict(outside) == {1: 2}  # no __missing__ hook ran
+
+        class Failing(dict):
+            def __contains__(self, key):
+                raise KeyError("host error")
+        with pytest.raises(KeyError, match="host error"):
+            scope.rank_key(sym(1, "a", "f"), SimpleNamespace(outside={}, inside={}, entry=Failing()))
+        with pytest.raises(TypeError):
+            scope.rank_key(sym(1, "a", "f"), SimpleNamespace(outside={1: "many"}, inside={}, entry=()))
 
     def test_records_need_only_the_fields_they_read(self):
         record = SimpleNamespace(id=1, kind="function", name="f", start_line=3, end_line=4)
@@ -138,25 +168,68 @@ class TestSelectWithQuota:
         ranked = {"a": [worse, middle, best]}
         assert scope.select_with_quota(ranked, NO_USES, 3, 1, 0) == [worse, middle]
 
-    @pytest.mark.parametrize("share, error", [(float("inf"), OverflowError), (float("-inf"), OverflowError),
-                                              (float("nan"), ValueError), ("half", TypeError)])
-    def test_impossible_shares(self, share, error):
+    @pytest.mark.parametrize("total, share, error", [
+        (1, float("inf"), OverflowError), (1, float("-inf"), OverflowError), (1, float("nan"), ValueError),
+        (1, "half", TypeError),
+        (3, 1e308, OverflowError),  # the double product itself is infinite
+    ])
+    def test_impossible_shares(self, total, share, error):
         with pytest.raises(error):
-            scope.select_with_quota({"a": chain("a", ["x"])}, NO_USES, 1, 1, share)
+            ranked = {"a": chain("a", ["x", "y"]), "b": chain("b", ["z"])}
+            scope.select_with_quota(ranked, NO_USES, total, 1, share)
+
+    @pytest.mark.parametrize("ranked, total, floor, error", [
+        ([("a", [])], 1, 1, TypeError),  # a list of pairs is no mapping
+        (5, 1, 1, TypeError),
+        ({"a": 5}, 1, 1, TypeError),
+        ({"a": chain("a", ["x"])}, 2**64, 1, OverflowError),
+        ({"a": chain("a", ["x"])}, 1, -(2**64), OverflowError),
+        ({"a": chain("a", ["x"])}, 1.0, 1, TypeError),
+    ])
+    def test_bad_arguments(self, ranked, total, floor, error):
+        with pytest.raises(error, match="select_with_quota|total|floor"):
+            scope.select_with_quota(ranked, NO_USES, total, floor, 0.5)
+
+    def test_items_of_any_mapping_are_checked(self):
+        class Odd:
+            def __init__(self, items):
+                self._items = items
+
+            def items(self):
+                return self._items
+        records = chain("a", ["x", "y"])
+        assert scope.select_with_quota(Odd([("a", records)]), NO_USES, 1, 1, 0.5) == records[:1]
+        for items in ([["a", records]], [("a", records, 3)], 7):
+            with pytest.raises(TypeError):
+                scope.select_with_quota(Odd(items), NO_USES, 1, 1, 0.5)
+        # Empty sequences take no part, whatever their key.
+        assert scope.select_with_quota({None: [], "a": records}, NO_USES, 1, 1, 0.5) == records[:1]
+
+    def test_host_code_that_changes_a_list_midway_is_harmless(self):
+        victim = chain("a", ["x", "y", "z"])
+        others = chain("b", ["u", "v"])
+
+        class Sneaky:  # iterating it empties another file's list
+            def __iter__(self):
+                victim.clear()
+                return iter(others)
+        before = list(victim)
+        chosen = scope.select_with_quota({"a": victim, "b": Sneaky()}, NO_USES, 5, 1, 1.0)
+        assert sorted(s.name for s in chosen) == sorted(s.name for s in before + others)
 
     def test_share_is_not_looked_at_when_nothing_is_selected(self):
         for ranked, total in [({}, 5), ({"a": [], "b": ()}, 5), ({"a": chain("a", ["x"])}, 0),
                               ({"a": [object()]}, -1)]:
             assert scope.select_with_quota(ranked, NO_USES, total, 1, float("nan")) == []
 
-    def test_huge_shares_and_int_shares(self):
-        ranked = {"a": chain("a", ["x", "y"]), "b": chain("b", ["z"])}
-        assert len(scope.select_with_quota(ranked, NO_USES, 3, 1, 1e300)) == 3
-        assert len(scope.select_with_quota(ranked, NO_USES, 3, 1, 2)) == 3
-        with pytest.raises(OverflowError):  # the product itself is infinite
-            scope.select_with_quota(ranked, NO_USES, 3, 1, 1e308)
-        with pytest.raises(OverflowError):
-            scope.select_with_quota(ranked, NO_USES, 2**64, 1, 1)
+    @pytest.mark.parametrize("share", [1e300, 2, 10**400, True, -(10**400), 0, False, 0.3, Fraction(1, 3)])
+    def test_huge_and_int_shares_agree_with_the_plain_implementation(self, share):
+        # The first worked example, where the cap decides: a share of 1 or more takes a4, 0.5 takes c2.
+        files = {"A": ["a1", "a2", "a3", "a4", "a5", "a6"], "B": ["b1"], "C": ["c1", "c2", "c3"]}
+        ranked = self.ranked_in_order(["a1", "c1", "a2", "a3", "a4", "b1", "c2", "a5", "c3", "a6"], files)
+        for total in (6, 9):
+            chosen = scope.select_with_quota(ranked, NO_USES, total, 1, share)
+            assert chosen == pyscope.select_with_quota(ranked, NO_USES, total, 1, share)
 
     def test_records_from_no_facts_and_keyword_arguments(self):
         records = [SimpleNamespace(id=i, kind="function", name=f"f{i}", start_line=1, end_line=i) for i in range(5)]
@@ -190,31 +263,54 @@ class TestPickSpread:
         assert scope.pick_spread(iter([(names[0], "a"), (names[1], "b")]), 5, 1) == names
         assert scope.pick_spread(iter([(1, "a")]), 0, 1) == []
 
-    def test_bad_input(self):
-        with pytest.raises(TypeError, match="pick_spread.*'scored'"):
-            scope.pick_spread(5, 1, 1)
-        with pytest.raises(ValueError):
-            scope.pick_spread([("only",)], 1, 1)
-        with pytest.raises(TypeError, match="'limit' must be int"):
-            scope.pick_spread([], 1.5, 1)
+    @pytest.mark.parametrize("scored, limit, per_file, error", [
+        (5, 1, 1, TypeError),
+        ([("only",)], 1, 1, ValueError),
+        ([("f", 3)], 1, 1, TypeError),  # paths are str
+        ([], 1.5, 1, TypeError),
+        ([], 2**64, 1, OverflowError),
+        ([], 1, -(2**64), OverflowError),
+    ])
+    def test_bad_input(self, scored, limit, per_file, error):
+        with pytest.raises(error):
+            scope.pick_spread(scored, limit, per_file)
+
+    def test_errors_of_the_iterable_reach_the_caller(self):
+        def pairs():
+            yield "f", "a"
+            raise LookupError("scoring failed")
+        with pytest.raises(LookupError, match="scoring failed"):
+            scope.pick_spread(pairs(), 5, 1)
+
+
+def same_records(ours, theirs):
+    return len(ours) == len(theirs) and all(a is b for a, b in zip(ours, theirs))
 
 
 @pytest.mark.parametrize("seed", range(30))
 def test_agrees_with_the_plain_implementation(seed):
     rng = random.Random(seed)
-    facts = scope.ScopeFacts(**pages.make_page(rng))
+    facts = scope.ScopeFacts(**pages.make_page(rng, n_files=rng.randint(1, 9), decls_per_file=rng.randint(1, 25),
+                                               n_inbound=rng.randint(0, 150)))
     fan_in = pyscope.production_fan_in(facts)
+    for symbol in facts.symbols:
+        assert scope.rank_key(symbol, fan_in) == pyscope.rank_key(symbol, fan_in)
     ours, theirs = scope.ranked_by_file(facts, fan_in), pyscope.ranked_by_file(facts, fan_in)
-    assert list(ours) == list(theirs) and all(a is b for p in ours for a, b in zip(ours[p], theirs[p]))
+    assert list(ours) == list(theirs) and all(same_records(ours[path], theirs[path]) for path in ours)
     assert list(scope.file_seeds(facts, fan_in).items()) == list(pyscope.file_seeds(facts, fan_in).items())
     shuffled = {path: rng.sample(records, len(records)) for path, records in ours.items()}
-    for total, floor, share in [(1, 1, 0.2), (12, 2, 0.3), (40, 3, 0.14), (200, 0, 1.0)]:
-        mine = scope.select_with_quota(ours, fan_in, total, floor, share)
-        assert mine == pyscope.select_with_quota(theirs, fan_in, total, floor, share)
-        mine = scope.select_with_quota(shuffled, fan_in, total, floor, share)
-        assert mine == pyscope.select_with_quota(shuffled, fan_in, total, floor, share)
+    # The same declarations as records of no facts.
+    key_fields = ("id", "kind", "name", "start_line", "end_line")
+    strangers = {path: [SimpleNamespace(**{f: getattr(s, f) for f in key_fields}) for s in records]
+                 for path, records in ours.items()}
+    for total, floor, share in [(1, 1, 0.2), (12, 2, 0.3), (40, 3, 0.14), (200, 0, 1.0), (25, -1, 0.0),
+                                (rng.randint(1, 60), rng.randint(-1, 5), rng.random())]:
+        for ranked in (ours, shuffled, strangers):
+            mine = scope.select_with_quota(ranked, fan_in, total, floor, share)
+            assert same_records(mine, pyscope.select_with_quota(ranked, fan_in, total, floor, share))
     scored = pages.make_scored(rng, list(facts.symbols), 40)
-    assert scope.pick_spread(scored, 10, 2) == pyscope.pick_spread(scored, 10, 2)
+    for limit, per_file in [(10, 2), (40, 1), (3, 5), (0, 1), (rng.randint(1, 40), rng.randint(1, 4))]:
+        assert scope.pick_spread(scored, limit, per_file) == pyscope.pick_spread(scored, limit, per_file)
 
 
 def test_a_facts_own_records_are_keyed_from_its_view_while_it_lives(counting):
