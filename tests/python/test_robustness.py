@@ -140,7 +140,7 @@ def test_mappings_whose_items_are_not_pairs_raise():
 
     record = sym(1, "a", "f")
     odd_fan_in = SimpleNamespace(outside=OddMapping(), inside={}, entry=())
-    for call in (lambda: scope.select_with_quota(Odd(a=[record]), FAN_IN, 3, 1, 0.5),
+    for call in (lambda: scope.select_with_quota(OddMapping(), FAN_IN, 3, 1, 0.5),
                  lambda: scope.ranked_by_file(FACTS, odd_fan_in),
                  lambda: scope.render_file_cards(FACTS, odd_fan_in, "#")):
         with pytest.raises(TypeError, match="pairs"):
