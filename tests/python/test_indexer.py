@@ -2,6 +2,8 @@
 through the grounding queries."""
 
 import io
+import os
+import sqlite3
 import textwrap
 
 import pytest
@@ -427,3 +429,18 @@ def test_progress_only_for_larger_trees(tmp_path, count, shown):
         assert any(line.endswith(f"declared {count}/{count} files") for line in lines)
     else:
         assert lines == []
+
+
+def test_roots_and_names_the_index_cannot_take(tmp_path):
+    with pytest.raises(NotADirectoryError):
+        index_tree(tmp_path / "missing", Database(), progress=None)
+    write_tree(tmp_path, {"ok.py": "def fine():\n    pass\n"})
+    (tmp_path / os.fsdecode(b"bad\xff.py")).write_text("def lost():\n    pass\n")
+    db = Database()
+    stats = index_tree(tmp_path, db, progress=None)
+    assert (stats.files, stats.declarations, stats.unnamed) == (1, 1, [os.fsdecode(b"bad\xff.py")])
+    # Indexing the same tree into the same index again stores nothing more.
+    with pytest.raises(sqlite3.IntegrityError):
+        index_tree(tmp_path, db, progress=None)
+    assert db.query("SELECT count(*) FROM files") == [(1,)]
+    assert db.query("SELECT count(*) FROM declarations") == [(1,)]

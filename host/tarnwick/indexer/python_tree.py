@@ -138,7 +138,9 @@ class IndexStats:
 
     `references` counts rows, one per (source file, target, resolution);
     `by_resolution` sums their counts per resolution.  `unparsable` lists the
-    files indexed without declarations because they do not parse.
+    files indexed without declarations because they do not parse;
+    `unnamed` the files left out because their paths are no valid UTF-8
+    (as `os.fsdecode` gives them), which the index cannot store.
     """
 
     files: int = 0
@@ -146,6 +148,7 @@ class IndexStats:
     references: int = 0
     by_resolution: dict[str, int] = field(default_factory=dict)
     unparsable: list[str] = field(default_factory=list)
+    unnamed: list[str] = field(default_factory=list)
     seconds: float = 0.0
 
 
@@ -203,11 +206,11 @@ def _skipped(directory: str, name: str, top: bool) -> bool:
     return os.path.isfile(os.path.join(path, "pyvenv.cfg"))  # a virtual environment
 
 
-def _python_files(root: Path, exclude=(), keep=()) -> list[_Source]:
+def _python_files(root: Path, exclude=(), keep=(), unnamed=None) -> list[_Source]:
     """The `.py` files under `root`, sorted by path.
 
     A path that matches a glob of `exclude` is left out unless it matches one
-    of `keep`.
+    of `keep`; one that is no valid UTF-8 is left out and added to `unnamed`.
     """
     prefix = []
     up = root.resolve()
@@ -236,6 +239,12 @@ def _python_files(root: Path, exclude=(), keep=()) -> list[_Source]:
             if not name.endswith(".py"):
                 continue
             path = f"{relative}/{name}" if relative else name
+            try:
+                path.encode()
+            except UnicodeEncodeError:  # undecodable bytes in a name, kept as surrogates
+                if unnamed is not None:
+                    unnamed.append(path)
+                continue
             if any(fnmatch.fnmatchcase(path, glob) for glob in exclude) and not any(
                     fnmatch.fnmatchcase(path, glob) for glob in keep):
                 continue
@@ -933,7 +942,9 @@ class _Indexer:
     def run(self, db) -> IndexStats:
         started = time.perf_counter()
         stats = IndexStats()
-        files = _python_files(self.root, self.exclude, self.keep)
+        if not self.root.is_dir():
+            raise NotADirectoryError(f"not a directory: {self.root}")
+        files = _python_files(self.root, self.exclude, self.keep, stats.unnamed)
         show = self.progress is not None and len(files) > PROGRESS_MIN_FILES
         last = started
 
@@ -969,8 +980,9 @@ class _Indexer:
                     stats.unparsable.append(module.path)
             tick("declared", index + 1)
 
+        production = [not is_test_path(module.path) for module in self.modules]
         for decl_index, decl in enumerate(self.decls):
-            if not is_test_path(self.modules[decl.module].path):
+            if production[decl.module]:
                 self.names.setdefault(decl.name, []).append(decl_index)
         for index, module in enumerate(self.modules):
             for chain, weight in module.chains.items():
@@ -1006,7 +1018,9 @@ def index_tree(root, db, progress=sys.stderr, exclude=(), keep=()) -> IndexStats
     `keep`.  Progress goes to `progress` (a text stream, or None for quiet)
     for trees of more than `PROGRESS_MIN_FILES` files.  The tree is analysed
     completely before anything is written, then loaded with one bulk insert
-    per table.
+    per table (files first: a path the index already holds raises
+    `sqlite3.IntegrityError` before anything of this run is stored).
+    A `root` that is no directory raises `NotADirectoryError`.
     """
     collecting = gc.isenabled()
     # The walk builds millions of small objects that all stay alive until the
