@@ -15,7 +15,7 @@ namespace scope {
 // never a wrapped value.
 inline std::int64_t checked_add(std::int64_t a, std::int64_t b) {
   std::int64_t sum;
-  if (__builtin_add_overflow(a, b, &sum)) throw std::overflow_error("count does not fit in 64 bits");
+  if (__builtin_add_overflow(a, b, &sum)) throw std::overflow_error("a sum of refs does not fit in 64 bits");
   return sum;
 }
 

@@ -82,8 +82,10 @@ std::vector<std::pair<StrId, std::pair<std::int64_t, std::int64_t>>> file_seeds(
 
 std::int64_t quota_cap(std::int64_t total, double max_share, std::int64_t floor_each) {
   double product = static_cast<double>(total) * max_share;
-  if (std::isnan(product)) throw std::domain_error("cannot convert float NaN to integer");
-  if (std::isinf(product)) throw std::overflow_error("cannot convert float infinity to integer");
+  if (std::isnan(product))
+    throw std::domain_error("max_share: ceil(total * max_share) of NaN is not an integer");
+  if (std::isinf(product))
+    throw std::overflow_error("max_share: ceil(total * max_share) of infinity is not an integer");
   double ceiling = std::ceil(product);
   // Any cap at or beyond the total behaves alike; clamp instead of
   // overflowing. Every whole double in [-2^63, 2^63) converts exactly.

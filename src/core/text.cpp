@@ -124,12 +124,11 @@ std::size_t named_shown(std::size_t total, std::int64_t limit) {
   return from_end >= total ? 0 : total - from_end;
 }
 
-std::string named(std::span<const std::string> head, std::size_t total, std::int64_t limit) {
-  std::size_t shown = named_shown(total, limit);
+std::string named(std::span<const std::string> shown, std::size_t total, std::int64_t limit) {
   std::string out;
-  for (std::size_t i = 0; i < shown; ++i) {
+  for (std::size_t i = 0; i < shown.size(); ++i) {
     if (i) out += ", ";
-    out += head[i];
+    out += shown[i];
   }
   if (limit < 0 || total > static_cast<std::size_t>(limit)) {
     out += " +";

@@ -24,16 +24,16 @@ std::string short_path(std::string_view path);
 // Text safe inside one table cell: "|" escaped, line feeds made spaces.
 std::string cell(std::string_view text);
 
-// How many of `total` names `named` shows for `limit`. A negative limit
-// counts from the end, as a slice of the list would.
+// How many of `total` names a slice [:limit] keeps. A negative limit counts
+// from the end, as a slice of the list would.
 std::size_t named_shown(std::size_t total, std::int64_t limit);
-// The first `limit` names joined by ", ", then " +N" when the list is longer
-// than `limit`, N being its length minus `limit`. `head` holds at least the
-// named_shown(total, limit) first names of a list of `total` names; the rest
-// are only counted.
-std::string named(std::span<const std::string> head, std::size_t total, std::int64_t limit);
+// The `shown` names joined by ", ", then " +N" when a list of `total` names
+// is longer than `limit`, N being `total` minus `limit`. `shown` is what a
+// slice [:limit] of the list gave.
+std::string named(std::span<const std::string> shown, std::size_t total, std::int64_t limit);
+// The same for a whole list.
 inline std::string named(std::span<const std::string> names, std::int64_t limit) {
-  return named(names, names.size(), limit);
+  return named(names.first(named_shown(names.size(), limit)), names.size(), limit);
 }
 
 // The production files that use one page file (`target`) through evidence,
@@ -53,8 +53,8 @@ std::vector<FileUsers> file_users(const FactsView& view, const Vocab& vocab);
 std::vector<std::string> most_used(const StringPool& pool, const Table& table, std::span<const std::size_t> rows,
                                    const FanInView& fan_in);
 
-// The names of one cell as the host gave them: at least the first kCardNames
-// names, and how many there are in all.
+// The names of one cell as the host gave them: those a slice [:kCardNames]
+// gave, and how many there are in all.
 struct NameList {
   std::vector<std::string> head;
   std::size_t total = 0;

@@ -15,48 +15,39 @@ constexpr std::uint32_t kUnusedFields = bit(sym_f::id) | bit(sym_f::path) | bit(
                                         bit(sym_f::is_export) | bit(sym_f::start_line) | bit(sym_f::end_line);
 
 PyObject* render_consumers(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("render_consumers", [&]() -> PyRef {
     static const char* const keywords[] = {"facts", "fan_in", "heading", nullptr};
     PyObject* facts_arg;
     PyObject* fan_in_arg;
     PyObject* heading_arg;
     parse_args(args, kwargs, "OOO:render_consumers", keywords, &facts_arg, &fan_in_arg, &heading_arg);
-    FactsObject* facts = as_facts(facts_arg, "render_consumers");
-    if (!PyUnicode_Check(heading_arg)) wrong_type("render_consumers", "heading", "str", heading_arg);
+    FactsObject* facts = as_facts(facts_arg);
+    if (!PyUnicode_Check(heading_arg)) wrong_type(Where{"heading"}, "str", heading_arg);
     need_path_bits(facts, path_bit::in_page | path_bit::import_resolved | path_bit::test_source);
     need_inbound(facts, bit(in_f::source_path) | bit(in_f::target_id) | bit(in_f::target_path) |
                             bit(in_f::target_name) | bit(in_f::target_kind) | bit(in_f::resolution) |
                             bit(in_f::refs));
     need_files(facts, bit(file_f::path) | bit(file_f::language));
     need_symbols(facts, kUnusedFields);
-    FanInView fan_in = fan_in_view(fan_in_arg);
+    FanInView fan_in = fan_in_view(fan_in_arg, symbol_ids(facts));
     PyRef scratch;
-    std::string_view heading = utf8_of(heading_arg, scratch, "render_consumers() argument 'heading'");
+    std::string_view heading = utf8_of(heading_arg, scratch, Where{"heading"});
     NativeFacts& native = native_of(facts);
     return str_from_utf8(scope::render_consumers(native.view, vocab_for(facts), fan_in, heading));
   });
 }
 
 PyObject* unused_outside(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("_unused_outside", [&]() -> PyRef {
     static const char* const keywords[] = {"facts", "used", "fan_in", nullptr};
     PyObject* facts_arg;
     PyObject* used_arg;
     PyObject* fan_in_arg;
     parse_args(args, kwargs, "OOO:_unused_outside", keywords, &facts_arg, &used_arg, &fan_in_arg);
-    FactsObject* facts = as_facts(facts_arg, "_unused_outside");
-    std::unordered_set<std::int64_t> used;
-    PyRef iterator = PyRef::steal(PyObject_GetIter(used_arg));
-    if (!iterator) {
-      PyErr_Clear();
-      wrong_type("_unused_outside", "used", "an iterable of ids", used_arg);
-    }
-    std::int64_t id;
-    while (PyRef item = PyRef::steal(PyIter_Next(iterator.get())))
-      if (symbol_id(item.get(), id)) used.insert(id);
-    if (PyErr_Occurred()) throw PyError{};
+    FactsObject* facts = as_facts(facts_arg);
     need_symbols(facts, kUnusedFields);
-    FanInView fan_in = fan_in_view(fan_in_arg);
+    std::unordered_set<std::int64_t> used = ids_in(used_arg, symbol_ids(facts), Where{"used"});
+    FanInView fan_in = fan_in_view(fan_in_arg, symbol_ids(facts));
     NativeFacts& native = native_of(facts);
     std::vector<std::size_t> rows = scope::unused_outside(native.view, vocab_for(facts), used, fan_in);
     return records_at(field(facts, kSymbols), rows);
@@ -64,14 +55,13 @@ PyObject* unused_outside(PyObject*, PyObject* args, PyObject* kwargs) {
 }
 
 PyObject* neighbours(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("neighbours", [&]() -> PyRef {
     static const char* const keywords[] = {"facts", "limit", nullptr};
     PyObject* facts_arg;
     PyObject* limit_arg;
     parse_args(args, kwargs, "OO:neighbours", keywords, &facts_arg, &limit_arg);
-    FactsObject* facts = as_facts(facts_arg, "neighbours");
-    if (!PyIndex_Check(limit_arg)) wrong_type("neighbours", "limit", "int", limit_arg);
-    std::int64_t limit = as_int64(limit_arg, "neighbours() argument 'limit'");
+    FactsObject* facts = as_facts(facts_arg);
+    std::int64_t limit = int_arg(limit_arg, "limit");
 
     need_path_bits(facts, path_bit::in_page);
     need_outbound(facts, bit(out_f::resolution) | bit(out_f::refs) | bit(out_f::target_id) |
@@ -100,11 +90,11 @@ PyObject* neighbours(PyObject*, PyObject* args, PyObject* kwargs) {
 }
 
 PyObject* name_match_counts(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("name_match_counts", [&]() -> PyRef {
     static const char* const keywords[] = {"facts", nullptr};
     PyObject* facts_arg;
     parse_args(args, kwargs, "O:name_match_counts", keywords, &facts_arg);
-    FactsObject* facts = as_facts(facts_arg, "name_match_counts");
+    FactsObject* facts = as_facts(facts_arg);
     need_inbound(facts, bit(in_f::source_path) | bit(in_f::target_path) | bit(in_f::target_kind) |
                             bit(in_f::resolution) | bit(in_f::refs));
     need_outbound(facts, bit(out_f::source_path) | bit(out_f::resolution) | bit(out_f::refs) |

@@ -11,7 +11,7 @@ constexpr std::uint32_t kMemberFields =
     bit(sym_f::id) | bit(sym_f::path) | bit(sym_f::kind) | bit(sym_f::start_line) | bit(sym_f::end_line);
 
 PyObject* is_use(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("is_use", [&]() -> PyRef {
     static const char* const keywords[] = {"resolution", "target_kind", "import_resolved", nullptr};
     PyObject* resolution;
     PyObject* target_kind;
@@ -29,11 +29,11 @@ PyObject* is_use(PyObject*, PyObject* args, PyObject* kwargs) {
 }
 
 PyObject* members(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("_members", [&]() -> PyRef {
     static const char* const keywords[] = {"facts", nullptr};
     PyObject* facts_arg;
     parse_args(args, kwargs, "O:_members", keywords, &facts_arg);
-    FactsObject* facts = as_facts(facts_arg, "_members");
+    FactsObject* facts = as_facts(facts_arg);
     need_symbols(facts, kMemberFields);
     const FactsView& view = native_of(facts).view;
     std::vector<bool> member = scope::members(view, vocab_for(facts));
@@ -52,11 +52,11 @@ PyRef counts_dict(const OrderedCounter<std::int64_t>& counts) {
 }
 
 PyObject* production_fan_in(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("production_fan_in", [&]() -> PyRef {
     static const char* const keywords[] = {"facts", nullptr};
     PyObject* facts_arg;
     parse_args(args, kwargs, "O:production_fan_in", keywords, &facts_arg);
-    FactsObject* facts = as_facts(facts_arg, "production_fan_in");
+    FactsObject* facts = as_facts(facts_arg);
     need_path_bits(facts, path_bit::in_page | path_bit::test_source);
     need_inbound(facts, bit(in_f::source_path) | bit(in_f::resolution) | bit(in_f::target_id) |
                             bit(in_f::target_kind) | bit(in_f::refs));

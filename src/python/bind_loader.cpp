@@ -37,7 +37,7 @@ PyRef language_list(PyObject* files) {
     PyRef language = language_of(PyTuple_GET_ITEM(files, i));
     if (language.get() == Py_None) continue;
     PyRef scratch;
-    std::string_view text = utf8_of(language.get(), scratch, "ScopeFile.language");
+    std::string_view text = utf8_of(language.get(), scratch, Where{"db", "ScopeFile.language from scope_files()"});
     if (!text.empty()) languages.emplace_back(std::string(text), language);
   }
   std::stable_sort(languages.begin(), languages.end(),
@@ -52,21 +52,22 @@ PyRef language_list(PyObject* files) {
 }
 
 PyObject* load_scope_facts(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("load_scope_facts", [&]() -> PyRef {
     static const char* const keywords[] = {"db", "paths", "read_lines", nullptr};
     PyObject* db;
     PyObject* paths;
     PyObject* read_lines;
     parse_args(args, kwargs, "OOO:load_scope_facts", keywords, &db, &paths, &read_lines);
-    if (!PyCallable_Check(read_lines)) wrong_type("load_scope_facts", "read_lines", "callable", read_lines);
+    if (!PyCallable_Check(read_lines)) wrong_type(Where{"read_lines"}, "callable", read_lines);
 
     PyRef returned_files = call("scope_files", {db, paths});
-    PyRef files = check(PySequence_Tuple(returned_files.get()));
+    PyRef files = snapshot(returned_files.get(), Where{"db", "the result of scope_files()"}, "a sequence");
     PyRef ids = check(PyList_New(PyTuple_GET_SIZE(files.get())));
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(files.get()); ++i)
       PyList_SET_ITEM(ids.get(), i, check(PyObject_GetAttrString(PyTuple_GET_ITEM(files.get(), i), "id")).release());
 
-    PyRef inbound = check(PySequence_Tuple(call("inbound_references", {db, ids.get()}).get()));
+    PyRef inbound = snapshot(call("inbound_references", {db, ids.get()}).get(),
+                             Where{"db", "the result of inbound_references()"}, "a sequence");
     PyRef languages = language_list(files.get());
     PyRef resolved = call("import_resolved_languages", {db, languages.get()});
 
@@ -84,8 +85,10 @@ PyObject* load_scope_facts(PyObject*, PyObject* args, PyObject* kwargs) {
       check(PyDict_SetItem(summaries.get(), path.get(), summary.get()));
     }
 
-    PyRef symbols = check(PySequence_Tuple(call("scope_symbols", {db, ids.get()}).get()));
-    PyRef outbound = check(PySequence_Tuple(call("outbound_references", {db, ids.get()}).get()));
+    PyRef symbols = snapshot(call("scope_symbols", {db, ids.get()}).get(), Where{"db", "the result of scope_symbols()"},
+                             "a sequence");
+    PyRef outbound = snapshot(call("outbound_references", {db, ids.get()}).get(),
+                              Where{"db", "the result of outbound_references()"}, "a sequence");
 
     PyRef resolved_paths = check(PyFrozenSet_New(nullptr));
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(files.get()); ++i) {

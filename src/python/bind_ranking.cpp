@@ -12,11 +12,6 @@ namespace {
 constexpr std::uint32_t kKeyFields =
     bit(sym_f::id) | bit(sym_f::kind) | bit(sym_f::name) | bit(sym_f::start_line) | bit(sym_f::end_line);
 
-std::int64_t int_argument(PyObject* value, const char* function, const char* argument) {
-  if (!PyIndex_Check(value)) wrong_type(function, argument, "int", value);
-  return as_int64(value, argument);
-}
-
 PyRef key_tuple(const RankKey& key) {
   PyRef items[] = {new_bool(key.not_api),       new_int(key.kind_group),   new_bool(key.is_private),
                    new_int128(key.outside),     new_int128(key.size),      new_int128(key.inside),
@@ -48,7 +43,7 @@ const Names& names() {
 // The count of `mapping` for `key` into `count`, left alone when it has
 // none. A dict (a Counter among them) is read directly, so that no
 // __missing__ hook runs; any other mapping through its `get`.
-void count_for(PyObject* mapping, PyObject* key, std::int64_t& count, const char* what) {
+void count_for(PyObject* mapping, PyObject* key, std::int64_t& count, Where where) {
   PyRef value;
   if (PyDict_Check(mapping)) {
     value = PyRef::borrow(PyDict_GetItemWithError(mapping, key));
@@ -61,7 +56,7 @@ void count_for(PyObject* mapping, PyObject* key, std::int64_t& count, const char
     value = check(PyObject_CallMethodObjArgs(mapping, names().get, key, absent.get(), nullptr));
     if (value.get() == absent.get()) return;
   }
-  count = as_int64(value.get(), what);
+  count = as_int64(value.get(), where);
 }
 
 // What one declaration's key needs of a FanIn-like object, looked up for its
@@ -73,9 +68,9 @@ KeyUses uses_of(PyObject* fan_in, std::int64_t id) {
   KeyUses uses;
   PyRef key = new_int(id);
   PyRef outside = check(PyObject_GetAttr(fan_in, n.outside));
-  count_for(outside.get(), key.get(), uses.outside, "fan_in.outside value");
+  count_for(outside.get(), key.get(), uses.outside, Where{"fan_in", "outside value"});
   PyRef inside = check(PyObject_GetAttr(fan_in, n.inside));
-  count_for(inside.get(), key.get(), uses.inside, "fan_in.inside value");
+  count_for(inside.get(), key.get(), uses.inside, Where{"fan_in", "inside value"});
   if (uses.outside <= 0) {
     PyRef entry = check(PyObject_GetAttr(fan_in, n.entry));
     uses.entry = check(PySequence_Contains(entry.get(), key.get())) != 0;
@@ -90,15 +85,15 @@ KeyFields key_fields(PyObject* symbol, PyRef (&held)[4]) {
   const Names& n = names();
   KeyFields fields{};
   PyRef id = check(PyObject_GetAttr(symbol, n.id));
-  fields.id = as_int64(id.get(), "ScopeSymbol.id");
+  fields.id = as_int64(id.get(), Where{"symbol", "ScopeSymbol.id"});
   held[0] = check(PyObject_GetAttr(symbol, n.name));
-  fields.name = utf8_of(held[0].get(), held[1], "ScopeSymbol.name");
+  fields.name = utf8_of(held[0].get(), held[1], Where{"symbol", "ScopeSymbol.name"});
   held[2] = check(PyObject_GetAttr(symbol, n.kind));
-  fields.kind = utf8_of(held[2].get(), held[3], "ScopeSymbol.kind");
+  fields.kind = utf8_of(held[2].get(), held[3], Where{"symbol", "ScopeSymbol.kind"});
   PyRef start = check(PyObject_GetAttr(symbol, n.start_line));
-  fields.start_line = as_int64(start.get(), "ScopeSymbol.start_line");
+  fields.start_line = as_int64(start.get(), Where{"symbol", "ScopeSymbol.start_line"});
   PyRef end = check(PyObject_GetAttr(symbol, n.end_line));
-  fields.end_line = as_int64(end.get(), "ScopeSymbol.end_line");
+  fields.end_line = as_int64(end.get(), Where{"symbol", "ScopeSymbol.end_line"});
   // Membership in the module's kind sets, looked up now: the host may rebind them.
   PyRef callables = check(PyObject_GetAttr(module_object(), n.callable_kinds));
   fields.type_or_callable = check(PySequence_Contains(callables.get(), held[2].get())) != 0;
@@ -110,7 +105,7 @@ KeyFields key_fields(PyObject* symbol, PyRef (&held)[4]) {
 }
 
 PyObject* rank_key(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("rank_key", [&]() -> PyRef {
     static const char* const keywords[] = {"symbol", "fan_in", nullptr};
     PyObject* symbol;
     PyObject* fan_in_arg;
@@ -122,14 +117,14 @@ PyObject* rank_key(PyObject*, PyObject* args, PyObject* kwargs) {
 }
 
 PyObject* ranked_by_file(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("ranked_by_file", [&]() -> PyRef {
     static const char* const keywords[] = {"facts", "fan_in", nullptr};
     PyObject* facts_arg;
     PyObject* fan_in_arg;
     parse_args(args, kwargs, "OO:ranked_by_file", keywords, &facts_arg, &fan_in_arg);
-    FactsObject* facts = as_facts(facts_arg, "ranked_by_file");
+    FactsObject* facts = as_facts(facts_arg);
     need_symbols(facts, kKeyFields | bit(sym_f::path));
-    FanInView fan_in = fan_in_view(fan_in_arg);
+    FanInView fan_in = fan_in_view(fan_in_arg, symbol_ids(facts));
     NativeFacts& native = native_of(facts);
     RankedFiles ranked = scope::ranked_by_file(native.view, vocab_for(facts), fan_in);
     PyObject* symbols = field(facts, kSymbols);  // borrowed: the facts' own records
@@ -141,16 +136,16 @@ PyObject* ranked_by_file(PyObject*, PyObject* args, PyObject* kwargs) {
 }
 
 PyObject* file_seeds(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("file_seeds", [&]() -> PyRef {
     static const char* const keywords[] = {"facts", "fan_in", nullptr};
     PyObject* facts_arg;
     PyObject* fan_in_arg;
     parse_args(args, kwargs, "OO:file_seeds", keywords, &facts_arg, &fan_in_arg);
-    FactsObject* facts = as_facts(facts_arg, "file_seeds");
+    FactsObject* facts = as_facts(facts_arg);
     need_symbols(facts, kKeyFields | bit(sym_f::path));
     need_files(facts, bit(file_f::path));
     need_line_counts(facts);
-    FanInView fan_in = fan_in_view(fan_in_arg);
+    FanInView fan_in = fan_in_view(fan_in_arg, symbol_ids(facts));
     NativeFacts& native = native_of(facts);
     PyRef result = check(PyDict_New());
     for (const auto& [path, seed] : scope::file_seeds(native.view, vocab_for(facts), fan_in)) {
@@ -162,10 +157,11 @@ PyObject* file_seeds(PyObject*, PyObject* args, PyObject* kwargs) {
   });
 }
 
-// The rank keys of `records`. Records of one ScopeFacts whose view already
-// holds their fields (the lists of ranked_by_file) are keyed from the view;
-// any other records are read attribute by attribute.
-std::vector<RankKey> quota_keys(PyObject* records, const FanInView& fan_in) {
+// The rank keys of `records` under the FanIn-like `fan_in_arg`. Records of
+// one ScopeFacts whose view already holds their fields (the lists of
+// ranked_by_file) are keyed from the view; any other records are read
+// attribute by attribute.
+std::vector<RankKey> quota_keys(PyObject* records, PyObject* fan_in_arg) {
   const auto count = static_cast<std::size_t>(PyTuple_GET_SIZE(records));
   std::vector<RankKey> keys;
   keys.reserve(count);
@@ -184,33 +180,23 @@ std::vector<RankKey> quota_keys(PyObject* records, const FanInView& fan_in) {
   if (shared != nullptr && shared->view.symbols.has(kKeyFields)) {
     // The facts must outlive its view's use here, whatever the host's sets do.
     PyRef owner = PyRef::borrow(reinterpret_cast<PyObject*>(known_record(PyTuple_GET_ITEM(records, 0)).facts));
+    const std::vector<std::int64_t>& id_column = shared->view.symbols.cols[sym_f::id];
+    std::vector<std::int64_t> ids;
+    ids.reserve(rows.size());
+    for (std::size_t row : rows) ids.push_back(id_column[row]);
+    FanInView fan_in = fan_in_view(fan_in_arg, ids);
     Vocab vocab = vocab_for(*shared);
     for (std::size_t row : rows)
       keys.push_back(scope::rank_key(shared->view.pool, shared->view.symbols, row, vocab, fan_in));
     return keys;
   }
   NativeFacts scratch;
-  load_symbol_records(scratch, records, kKeyFields);
+  load_symbol_records(scratch, records, kKeyFields, "ranked");
+  FanInView fan_in = fan_in_view(fan_in_arg, scratch.view.symbols.cols[sym_f::id]);
   Vocab vocab = vocab_for(scratch);
   for (std::size_t row = 0; row < count; ++row)
     keys.push_back(scope::rank_key(scratch.view.pool, scratch.view.symbols, row, vocab, fan_in));
   return keys;
-}
-
-// The (key, value) items of a mapping, as a list or tuple that only this call
-// holds.
-PyRef mapping_items(PyObject* ranked) {
-  if (PyDict_Check(ranked)) return check(PyDict_Items(ranked));
-  PyRef method = PyRef::steal(PyObject_GetAttrString(ranked, "items"));
-  if (!method) {
-    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw PyError{};
-    PyErr_Clear();
-    wrong_type("select_with_quota", "ranked", "a mapping", ranked);
-  }
-  // A tuple of our own: the host's code that runs later (a value's
-  // __iter__, say) cannot change it under our feet.
-  PyRef items = check(PyObject_CallNoArgs(method.get()));
-  return check(PySequence_Tuple(items.get()));
 }
 
 // `max_share` as the double whose product with `total` gives the cap. An int
@@ -224,40 +210,33 @@ double share_of(PyObject* share) {
     if (value == -1 && PyErr_Occurred()) throw PyError{};
     return overflow > 0 || (overflow == 0 && value >= 1) ? 1.0 : 0.0;
   }
-  double value = PyFloat_AsDouble(share);
-  if (value == -1.0 && PyErr_Occurred()) throw PyError{};
-  return value;
+  return real_arg(share, "max_share");
 }
 
 PyObject* select_with_quota(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("select_with_quota", [&]() -> PyRef {
     static const char* const keywords[] = {"ranked", "fan_in", "total", "floor", "max_share", nullptr};
     PyObject *ranked, *fan_in_arg, *total_arg, *floor_arg, *share_arg;
     parse_args(args, kwargs, "OOOOO:select_with_quota", keywords, &ranked, &fan_in_arg, &total_arg, &floor_arg,
                &share_arg);
-    std::int64_t total = int_argument(total_arg, "select_with_quota", "total");
-    std::int64_t floor = int_argument(floor_arg, "select_with_quota", "floor");
-    PyRef items = mapping_items(ranked);
+    std::int64_t total = int_arg(total_arg, "total");
+    std::int64_t floor = int_arg(floor_arg, "floor");
 
     // Every file's sequence, flattened into one tuple of records. The items
     // hold the paths' str objects, which hold the UTF-8 that `files` views.
+    // Each sequence is a snapshot: host code that runs before the records
+    // are gathered (another value's __iter__, say) cannot change it.
+    std::vector<std::pair<PyRef, PyRef>> items = mapping_items(ranked, Where{"ranked"});
     std::vector<PyRef> sequences;
     std::vector<QuotaFile> files;
     std::vector<PyRef> keep_alive;
     std::size_t declarations = 0;
-    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(items.get()); ++i) {
-      PyObject* pair = PySequence_Fast_GET_ITEM(items.get(), i);  // borrowed from our own items
-      if (!PyTuple_Check(pair) || PyTuple_GET_SIZE(pair) != 2)
-        raise(PyExc_TypeError, "select_with_quota() ranked items must be (path, declarations) pairs");
-      PyRef sequence = check(
-          PySequence_Fast(PyTuple_GET_ITEM(pair, 1), "select_with_quota() ranked values must be sequences"));
-      // A snapshot of a list: the host's code that runs before the records
-      // are gathered (another value's __iter__, say) might change the list.
-      if (PyList_Check(sequence.get())) sequence = check(PyList_AsTuple(sequence.get()));
-      std::size_t count = static_cast<std::size_t>(PySequence_Fast_GET_SIZE(sequence.get()));
+    for (const auto& [path_object, value] : items) {
+      PyRef sequence = snapshot(value.get(), Where{"ranked", "a value"}, "a sequence of ScopeSymbol");
+      std::size_t count = static_cast<std::size_t>(PyTuple_GET_SIZE(sequence.get()));
       if (count == 0) continue;  // a file without declarations takes no part
       PyRef scratch;
-      std::string_view path = utf8_of(PyTuple_GET_ITEM(pair, 0), scratch, "select_with_quota() ranked key");
+      std::string_view path = utf8_of(path_object.get(), scratch, Where{"ranked", "a key"});
       keep_alive.push_back(scratch);
       files.push_back({path, declarations, count});
       declarations += count;
@@ -268,27 +247,24 @@ PyObject* select_with_quota(PyObject*, PyObject* args, PyObject* kwargs) {
     PyRef records = check(PyTuple_New(static_cast<Py_ssize_t>(declarations)));
     Py_ssize_t at = 0;
     for (const PyRef& sequence : sequences)
-      for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(sequence.get()); ++i)
-        PyTuple_SET_ITEM(records.get(), at++, Py_NewRef(PySequence_Fast_GET_ITEM(sequence.get(), i)));
-    FanInView fan_in = fan_in_view(fan_in_arg);
-    std::vector<RankKey> keys = quota_keys(records.get(), fan_in);
+      for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(sequence.get()); ++i)
+        PyTuple_SET_ITEM(records.get(), at++, Py_NewRef(PyTuple_GET_ITEM(sequence.get(), i)));
+    std::vector<RankKey> keys = quota_keys(records.get(), fan_in_arg);
     double max_share = share_of(share_arg);
     return records_at(records.get(), scope::select_with_quota(files, keys, total, floor, max_share));
   });
 }
 
 PyObject* pick_spread(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("pick_spread", [&]() -> PyRef {
     static const char* const keywords[] = {"scored", "limit", "per_file", nullptr};
     PyObject *scored, *limit_arg, *per_file_arg;
     parse_args(args, kwargs, "OOO:pick_spread", keywords, &scored, &limit_arg, &per_file_arg);
-    std::int64_t limit = int_argument(limit_arg, "pick_spread", "limit");
-    std::int64_t per_file = int_argument(per_file_arg, "pick_spread", "per_file");
-    PyRef iterator = PyRef::steal(PyObject_GetIter(scored));
-    if (!iterator) {
-      PyErr_Clear();
-      wrong_type("pick_spread", "scored", "an iterable of (name, path) pairs", scored);
-    }
+    std::int64_t limit = int_arg(limit_arg, "limit");
+    std::int64_t per_file = int_arg(per_file_arg, "per_file");
+    if (Py_TYPE(scored)->tp_iter == nullptr && !PySequence_Check(scored))
+      wrong_type(Where{"scored"}, "an iterable of (name, path) pairs", scored);
+    PyRef iterator = check(PyObject_GetIter(scored));
     StringPool pool;
     std::vector<PyRef> strings;
     Spreader spreader(limit, per_file);
@@ -301,12 +277,9 @@ PyObject* pick_spread(PyObject*, PyObject* args, PyObject* kwargs) {
         if (PyErr_Occurred()) throw PyError{};
         break;
       }
-      PyRef items = check(PySequence_Fast(pair.get(), "pick_spread() scored items must be (name, path) pairs"));
-      if (PySequence_Fast_GET_SIZE(items.get()) != 2)
-        raise(PyExc_ValueError, "pick_spread() scored items must be (name, path) pairs");
-      PyObject* name = PySequence_Fast_GET_ITEM(items.get(), 0);
-      StrId path = intern(pool, strings, PySequence_Fast_GET_ITEM(items.get(), 1), "pick_spread() path");
-      if (spreader.offer(path)) check(PyList_Append(result.get(), name));
+      auto [name, path] = unpack_pair(pair.get(), Where{"scored", "an item"});
+      if (spreader.offer(intern(pool, strings, path.get(), Where{"scored", "a path"})))
+        check(PyList_Append(result.get(), name.get()));
     }
     return result;
   });

@@ -11,73 +11,69 @@ namespace scope::py {
 
 namespace {
 
-std::string text_argument(PyObject* value, const char* function, const char* argument) {
-  if (!PyUnicode_Check(value)) wrong_type(function, argument, "str", value);
+std::string text_argument(PyObject* value, const char* argument) {
+  if (!PyUnicode_Check(value)) wrong_type(Where{argument}, "str", value);
   PyRef scratch;
-  return std::string(utf8_of(value, scratch, argument));
+  return std::string(utf8_of(value, scratch, Where{argument}));
 }
 
-// The str items of a sequence, as UTF-8.
-std::vector<std::string> text_items(PyObject* sequence, const char* what) {
-  PyRef items = check(PySequence_Fast(sequence, what));
+// The str items of an iterable, as UTF-8.
+std::vector<std::string> text_items(PyObject* iterable, Where where) {
+  PyRef items = snapshot(iterable, where, "a sequence of str");
   std::vector<std::string> texts;
-  texts.reserve(static_cast<std::size_t>(PySequence_Fast_GET_SIZE(items.get())));
-  for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(items.get()); ++i) {
+  for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(items.get()); ++i) {
     PyRef scratch;
-    texts.emplace_back(utf8_of(PySequence_Fast_GET_ITEM(items.get(), i), scratch, what));
+    texts.emplace_back(utf8_of(PyTuple_GET_ITEM(items.get(), i), scratch, where));
   }
   return texts;
 }
 
-// The length of a list of names and, as UTF-8, the first of them that a cell
-// with `limit` shows; the others are only counted, as a slice would leave
-// them untouched.
-NameList shown_names(PyObject* names, std::int64_t limit, const char* what) {
-  Py_ssize_t size = PySequence_Size(names);
+// A list of names as `_named` reads it: its length, and the names a slice
+// [:limit] gives, as UTF-8. The length the object reports is only counted;
+// the shown names are whatever the slice yields.
+NameList shown_names(PyObject* names, std::int64_t limit, Where where) {
+  Py_ssize_t size = PyObject_Size(names);
   if (size < 0) throw PyError{};
   NameList list;
   list.total = static_cast<std::size_t>(size);
-  std::size_t shown = named_shown(list.total, limit);
-  list.head.reserve(shown);
-  for (std::size_t i = 0; i < shown; ++i) {
-    PyRef item = check(PySequence_GetItem(names, static_cast<Py_ssize_t>(i)));
+  PyRef stop = new_int(limit);
+  PyRef slice = check(PySlice_New(nullptr, stop.get(), nullptr));
+  PyRef head = check(PyObject_GetItem(names, slice.get()));
+  PyRef items = snapshot(head.get(), where, "a sequence of str");
+  for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(items.get()); ++i) {
     PyRef scratch;
-    list.head.emplace_back(utf8_of(item.get(), scratch, what));
+    list.head.emplace_back(utf8_of(PyTuple_GET_ITEM(items.get(), i), scratch, where));
   }
   return list;
 }
 
 PyObject* short_path(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("_short_path", [&]() -> PyRef {
     static const char* const keywords[] = {"path", nullptr};
     PyObject* path;
     parse_args(args, kwargs, "O:_short_path", keywords, &path);
-    return str_from_utf8(scope::short_path(text_argument(path, "_short_path", "path")));
+    return str_from_utf8(scope::short_path(text_argument(path, "path")));
   });
 }
 
 PyObject* cell(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("_cell", [&]() -> PyRef {
     static const char* const keywords[] = {"text", nullptr};
     PyObject* text;
     parse_args(args, kwargs, "O:_cell", keywords, &text);
-    return str_from_utf8(scope::cell(text_argument(text, "_cell", "text")));
+    return str_from_utf8(scope::cell(text_argument(text, "text")));
   });
 }
 
 PyObject* named(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("_named", [&]() -> PyRef {
     static const char* const keywords[] = {"names", "limit", nullptr};
     PyObject* names;
     PyObject* limit_arg = nullptr;
     parse_args(args, kwargs, "O|O:_named", keywords, &names, &limit_arg);
-    if (!PySequence_Check(names)) wrong_type("_named", "names", "a sequence of str", names);
-    std::int64_t limit = kCardNames;
-    if (limit_arg != nullptr) {
-      if (!PyIndex_Check(limit_arg)) wrong_type("_named", "limit", "int", limit_arg);
-      limit = as_int64(limit_arg, "_named() argument 'limit'");
-    }
-    NameList list = shown_names(names, limit, "_named() names item");
+    if (!PySequence_Check(names)) wrong_type(Where{"names"}, "a sequence of str", names);
+    std::int64_t limit = limit_arg == nullptr ? kCardNames : int_arg(limit_arg, "limit");
+    NameList list = shown_names(names, limit, Where{"names", "name"});
     return str_from_utf8(scope::named(list.head, list.total, limit));
   });
 }
@@ -86,11 +82,11 @@ constexpr std::uint32_t kUserFields = bit(in_f::source_path) | bit(in_f::target_
                                       bit(in_f::resolution) | bit(in_f::refs);
 
 PyObject* file_users(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("file_users", [&]() -> PyRef {
     static const char* const keywords[] = {"facts", nullptr};
     PyObject* facts_arg;
     parse_args(args, kwargs, "O:file_users", keywords, &facts_arg);
-    FactsObject* facts = as_facts(facts_arg, "file_users");
+    FactsObject* facts = as_facts(facts_arg);
     need_path_bits(facts, path_bit::import_resolved | path_bit::test_source);
     need_inbound(facts, kUserFields);
     NativeFacts& native = native_of(facts);
@@ -114,17 +110,16 @@ PyRef list_of_texts(const std::vector<std::string>& texts) {
 }
 
 PyObject* most_used(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("_most_used", [&]() -> PyRef {
     static const char* const keywords[] = {"declarations", "fan_in", nullptr};
     PyObject* declarations;
     PyObject* fan_in_arg;
     parse_args(args, kwargs, "OO:_most_used", keywords, &declarations, &fan_in_arg);
-    if (!PySequence_Check(declarations))
-      wrong_type("_most_used", "declarations", "a sequence of ScopeSymbol", declarations);
-    PyRef records = check(PySequence_Tuple(declarations));
+    PyRef records = snapshot(declarations, Where{"declarations"}, "a sequence of ScopeSymbol");
     NativeFacts scratch;
-    load_symbol_records(scratch, records.get(), bit(sym_f::id) | bit(sym_f::name) | bit(sym_f::start_line));
-    FanInView fan_in = fan_in_view(fan_in_arg, false);
+    load_symbol_records(scratch, records.get(), bit(sym_f::id) | bit(sym_f::name) | bit(sym_f::start_line),
+                        "declarations");
+    FanInView fan_in = fan_in_view(fan_in_arg, scratch.view.symbols.cols[sym_f::id], false);
     std::vector<std::size_t> rows(scratch.view.symbols.rows);
     for (std::size_t row = 0; row < rows.size(); ++row) rows[row] = row;
     return list_of_texts(scope::most_used(scratch.view.pool, scratch.view.symbols, rows, fan_in));
@@ -155,25 +150,32 @@ std::unordered_map<StrId, NameList> tests_by_file(FactsObject* facts) {
       names = check(PyObject_CallOneArg(get.get(), key));
     }
     if (!names || names.get() == Py_None) continue;  // no test reaches this file
-    PyRef items = check(PySequence_Fast(names.get(), "tests_reaching() test names must be iterable"));
-    tests[path] = shown_names(items.get(), kCardNames, "tests_reaching() test name");
+    // The names are listed first (any iterable will do), then cut as a cell shows them.
+    Where where{"facts", "a test name from tests_reaching()"};
+    PyRef all = snapshot(names.get(), where, "an iterable of str");
+    NameList& list = tests[path];
+    list.total = static_cast<std::size_t>(PyTuple_GET_SIZE(all.get()));
+    for (std::size_t i = 0; i < named_shown(list.total, kCardNames); ++i) {
+      PyRef scratch;
+      list.head.emplace_back(utf8_of(PyTuple_GET_ITEM(all.get(), static_cast<Py_ssize_t>(i)), scratch, where));
+    }
   }
   return tests;
 }
 
 PyObject* render_file_cards(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("render_file_cards", [&]() -> PyRef {
     static const char* const keywords[] = {"facts", "fan_in", "heading", "missing", nullptr};
     PyObject *facts_arg, *fan_in_arg, *heading_arg, *missing_arg = nullptr;
     parse_args(args, kwargs, "OOO|O:render_file_cards", keywords, &facts_arg, &fan_in_arg, &heading_arg,
                &missing_arg);
-    FactsObject* facts = as_facts(facts_arg, "render_file_cards");
-    std::string heading = text_argument(heading_arg, "render_file_cards", "heading");
+    FactsObject* facts = as_facts(facts_arg);
+    std::string heading = text_argument(heading_arg, "heading");
     std::vector<std::string> missing;
     if (missing_arg != nullptr) {
       if (PyUnicode_Check(missing_arg) || !PySequence_Check(missing_arg))
-        wrong_type("render_file_cards", "missing", "a sequence of str", missing_arg);
-      missing = text_items(missing_arg, "render_file_cards() missing item");
+        wrong_type(Where{"missing"}, "a sequence of str", missing_arg);
+      missing = text_items(missing_arg, Where{"missing", "path"});
     }
 
     need_files(facts, bit(file_f::path));
@@ -186,7 +188,7 @@ PyObject* render_file_cards(PyObject*, PyObject* args, PyObject* kwargs) {
     auto tests = tests_by_file(facts);
     NativeFacts& native = native_of(facts);
     // Only a row asks the fan-in: a page without files never reads it.
-    FanInView fan_in = native.view.files.rows ? fan_in_view(fan_in_arg, false) : FanInView{};
+    FanInView fan_in = native.view.files.rows ? fan_in_view(fan_in_arg, symbol_ids(facts), false) : FanInView{};
     return str_from_utf8(scope::render_file_cards(native.view, vocab, fan_in, heading, missing, tests));
   });
 }

@@ -4,6 +4,7 @@
 #include <structmember.h>
 
 #include <cstring>
+#include <span>
 #include <string>
 
 namespace scope::py {
@@ -69,10 +70,10 @@ NameCache file_names, symbol_names, inbound_names, outbound_names;
 // cannot be reused by another string while it is cached.
 class InternCache {
  public:
-  StrId intern(NativeFacts& native, PyObject* text, const char* what) {
+  StrId intern(NativeFacts& native, PyObject* text, Where where) {
     auto& slot = slots_[(reinterpret_cast<std::uintptr_t>(text) >> 4) % kSlots];
     if (slot.first.get() == text) return slot.second;
-    StrId id = py::intern(native.view.pool, native.strings, text, what);
+    StrId id = py::intern(native.view.pool, native.strings, text, where);
     slot = {PyRef::borrow(text), id};
     return id;
   }
@@ -82,15 +83,15 @@ class InternCache {
   std::vector<std::pair<PyRef, StrId>> slots_ = std::vector<std::pair<PyRef, StrId>>(kSlots);
 };
 
-std::int64_t cell_value(NativeFacts& native, InternCache& cache, PyObject* value, Cell cell, const char* what) {
+std::int64_t cell_value(NativeFacts& native, InternCache& cache, PyObject* value, Cell cell, Where where) {
   switch (cell) {
     case Cell::integer:
-      return as_int64(value, what);
+      return as_int64(value, where);
     case Cell::text:
-      return cache.intern(native, value, what);
+      return cache.intern(native, value, where);
     case Cell::optional_text:
       if (value == Py_None) return kNoStr;
-      return cache.intern(native, value, what);
+      return cache.intern(native, value, where);
     case Cell::truth:
       return truth(value) ? 1 : 0;
     case Cell::object:
@@ -101,9 +102,12 @@ std::int64_t cell_value(NativeFacts& native, InternCache& cache, PyObject* value
 
 // Reads one attribute of many records. For the host's records (frozen,
 // slotted dataclasses) the attribute is a member descriptor of the type, and
-// the value is read from its slot directly; the type and its version tag are
-// checked on every record, so any other type, a changed type, an unset slot
-// or a custom attribute lookup goes through PyObject_GetAttr as usual.
+// the value is read from its slot directly. That is what attribute access
+// does too, as long as the type looks attributes up the standard way and is
+// a subtype of the class that owns the descriptor (whose instances alone
+// have the slot at that offset). The type and its version tag are checked
+// on every record, so any other type, a changed type, an unset slot or a
+// custom attribute lookup goes through PyObject_GetAttr as usual.
 class AttributeReader {
  public:
   explicit AttributeReader(PyObject* name) : name_(name) {}
@@ -128,8 +132,13 @@ class AttributeReader {
     if (type->tp_getattro != PyObject_GenericGetAttr || !PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG))
       return;
     if (descriptor == nullptr || !Py_IS_TYPE(descriptor, &PyMemberDescr_Type)) return;
-    const PyMemberDef* member = reinterpret_cast<PyMemberDescrObject*>(descriptor)->d_member;
-    if (member->type == T_OBJECT_EX || member->type == T_OBJECT) offset_ = member->offset;
+    auto* member_descriptor = reinterpret_cast<PyMemberDescrObject*>(descriptor);
+    // A descriptor taken from another class (`path = Other.__dict__["id"]`)
+    // describes the layout of that class only.
+    if (!PyType_IsSubtype(type, PyDescr_TYPE(member_descriptor))) return;
+    const PyMemberDef* member = member_descriptor->d_member;
+    if ((member->type == T_OBJECT_EX || member->type == T_OBJECT) && (member->flags & PY_AUDIT_READ) == 0)
+      offset_ = member->offset;
   }
 
   PyObject* name_;  // borrowed from the interned names
@@ -142,7 +151,7 @@ class AttributeReader {
 // The columns are built aside and committed only when every row was read, so
 // a record that raises leaves the view as it was.
 void load_columns(NativeFacts& native, Table& table, PyObject* rows, const FieldInfo* infos, NameCache& names,
-                  std::uint32_t wanted, const char* label) {
+                  std::uint32_t wanted, const char* label, const char* argument) {
   std::uint32_t missing = wanted & ~table.loaded;
   if (missing == 0) return;
   Py_ssize_t count = PyTuple_GET_SIZE(rows);
@@ -174,7 +183,7 @@ void load_columns(NativeFacts& native, Table& table, PyObject* rows, const Field
         columns[k].push_back(0);
         continue;
       }
-      columns[k].push_back(cell_value(native, cache, value.get(), info.cell, labels[k].c_str()));
+      columns[k].push_back(cell_value(native, cache, value.get(), info.cell, Where{argument, labels[k].c_str()}));
     }
   }
   // A conversion run from inside a host callback may have finished first;
@@ -202,28 +211,37 @@ void note_column(FactsView& view, const Table& table, unsigned field, bool kinds
 
 bool is_iterable(PyObject* object) { return Py_TYPE(object)->tp_iter != nullptr || PySequence_Check(object); }
 
+// A read-only copy of a mapping, made as dict(source) makes it: from a
+// dict's own items, or from keys() and source[key].
 PyRef copy_map(PyObject* source, const char* argument) {
-  if (!PyDict_Check(source) && !PyObject_HasAttrString(source, "keys"))
-    wrong_type("ScopeFacts", argument, "a mapping", source);
+  Where where{argument};
   PyRef copy = check(PyDict_New());
-  check(PyDict_Merge(copy.get(), source, 1));
+  if (PyDict_Check(source)) {
+    check(PyDict_Merge(copy.get(), source, 1));
+  } else {
+    if (!type_has(source, "keys")) wrong_type(where, "a mapping", source);
+    PyRef keys_view = check(PyObject_CallMethod(source, "keys", nullptr));
+    PyRef keys = snapshot(keys_view.get(), where, "a mapping whose keys() is iterable");
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(keys.get()); ++i) {
+      PyObject* key = PyTuple_GET_ITEM(keys.get(), i);  // borrowed from keys
+      PyRef value = check(PyObject_GetItem(source, key));
+      check(PyDict_SetItem(copy.get(), key, value.get()));
+    }
+  }
   return check(PyDictProxy_New(copy.get()));
 }
 
 PyObject* facts_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("ScopeFacts", [&]() -> PyRef {
     static const char* keywords[] = {"files",        "symbols",     "inbound",   "outbound",     "import_resolved_paths",
                                      "test_sources", "line_counts", "summaries", "test_imports", nullptr};
     PyObject* given[kFactsFieldCount] = {};
     parse_args(args, kwargs, "OOOOOOOO|O:ScopeFacts", keywords, &given[0], &given[1], &given[2], &given[3],
                &given[4], &given[5], &given[6], &given[7], &given[8]);
     PyRef converted[kFactsFieldCount];
-    for (int i = kFiles; i <= kOutbound; ++i) {
-      if (!is_iterable(given[i])) wrong_type("ScopeFacts", kFieldNames[i], "a sequence", given[i]);
-      converted[i] = check(PySequence_Tuple(given[i]));
-    }
+    for (int i = kFiles; i <= kOutbound; ++i) converted[i] = snapshot(given[i], Where{kFieldNames[i]}, "a sequence");
     for (int i = kImportResolvedPaths; i <= kTestSources; ++i) {
-      if (!is_iterable(given[i])) wrong_type("ScopeFacts", kFieldNames[i], "a set", given[i]);
+      if (!is_iterable(given[i])) wrong_type(Where{kFieldNames[i]}, "a set", given[i]);
       converted[i] = check(PyFrozenSet_New(given[i]));
     }
     for (int i = kLineCounts; i <= kSummaries; ++i) converted[i] = copy_map(given[i], kFieldNames[i]);
@@ -302,7 +320,7 @@ PyRef plain_field(FactsObject* facts, int which) {
 }
 
 PyObject* facts_get_paths(PyObject* self, void*) {
-  return guarded([&]() -> PyRef {
+  return entry("ScopeFacts.paths", [&]() -> PyRef {
     PyObject* files = reinterpret_cast<FactsObject*>(self)->fields[kFiles];
     if (files == nullptr) raise(PyExc_AttributeError, "ScopeFacts was cleared");
     PyRef paths = check(PyFrozenSet_New(nullptr));
@@ -316,19 +334,17 @@ PyObject* facts_get_paths(PyObject* self, void*) {
 }
 
 PyObject* facts_import_resolved(PyObject* self, PyObject* args, PyObject* kwargs) {
-  static const char* keywords[] = {"path", nullptr};
-  PyObject* path = nullptr;
-  if (!PyArg_ParseTupleAndKeywords(args, kwargs, "O:import_resolved", const_cast<char**>(keywords), &path))
-    return nullptr;
-  PyObject* resolved = reinterpret_cast<FactsObject*>(self)->fields[kImportResolvedPaths];
-  if (resolved == nullptr) return PyBool_FromLong(0);
-  int found = PySet_Contains(resolved, path);
-  if (found < 0) return nullptr;
-  return PyBool_FromLong(found);
+  return entry("import_resolved", [&]() -> PyRef {
+    static const char* const keywords[] = {"path", nullptr};
+    PyObject* path = nullptr;
+    parse_args(args, kwargs, "O:import_resolved", keywords, &path);
+    PyObject* resolved = reinterpret_cast<FactsObject*>(self)->fields[kImportResolvedPaths];
+    return new_bool(resolved != nullptr && check(PySet_Contains(resolved, path)));
+  });
 }
 
 PyObject* facts_reduce(PyObject* self, PyObject*) {
-  return guarded([&]() -> PyRef {
+  return entry("ScopeFacts.__reduce__", [&]() -> PyRef {
     auto* facts = reinterpret_cast<FactsObject*>(self);
     PyRef values = check(PyTuple_New(kFactsFieldCount));
     for (int i = 0; i < kFactsFieldCount; ++i) PyTuple_SET_ITEM(values.get(), i, plain_field(facts, i).release());
@@ -339,7 +355,7 @@ PyObject* facts_reduce(PyObject* self, PyObject*) {
 PyObject* facts_repr(PyObject* self) {
   int busy = Py_ReprEnter(self);
   if (busy != 0) return busy > 0 ? PyUnicode_FromString("ScopeFacts(...)") : nullptr;
-  PyObject* result = guarded([&]() -> PyRef {
+  PyObject* result = entry("ScopeFacts.__repr__", [&]() -> PyRef {
     auto* facts = reinterpret_cast<FactsObject*>(self);
     PyRef text = check(PyUnicode_FromString("ScopeFacts("));
     for (int i = 0; i < kFactsFieldCount; ++i) {
@@ -441,8 +457,8 @@ PyTypeObject* facts_type = nullptr;  // strong reference held for the life of th
 
 bool facts_check(PyObject* object) { return facts_type != nullptr && Py_IS_TYPE(object, facts_type); }
 
-FactsObject* as_facts(PyObject* object, const char* function, const char* argument) {
-  if (!facts_check(object)) wrong_type(function, argument, "ScopeFacts", object);
+FactsObject* as_facts(PyObject* object, const char* argument) {
+  if (!facts_check(object)) wrong_type(Where{argument}, "ScopeFacts", object);
   auto* facts = reinterpret_cast<FactsObject*>(object);
   if (facts->fields[kFiles] == nullptr) raise(PyExc_ValueError, "ScopeFacts was cleared");
   return facts;
@@ -486,9 +502,8 @@ bool init_facts_type(PyObject* module) {
 // ---------------------------------------------------------------------------
 // Strings.
 
-std::string_view utf8_of(PyObject* text, PyRef& scratch, const char* what) {
-  if (!PyUnicode_Check(text))
-    raise_format(PyExc_TypeError, "%s must be str, not %.100s", what, Py_TYPE(text)->tp_name);
+std::string_view utf8_of(PyObject* text, PyRef& scratch, Where where) {
+  if (!PyUnicode_Check(text)) wrong_type(where, "str", text);
   Py_ssize_t size = 0;
   const char* bytes = PyUnicode_AsUTF8AndSize(text, &size);
   if (bytes != nullptr) return {bytes, static_cast<std::size_t>(size)};
@@ -504,9 +519,9 @@ PyRef str_from_utf8(std::string_view text) {
   return check(PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogatepass"));
 }
 
-StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, const char* what) {
+StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, Where where) {
   PyRef scratch;
-  std::string_view bytes = utf8_of(text, scratch, what);
+  std::string_view bytes = utf8_of(text, scratch, where);
   StrId id = pool.intern(bytes);
   if (id == strings.size()) strings.push_back(PyRef::borrow(text));
   return id;
@@ -517,12 +532,12 @@ StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, cons
 
 void need_files(FactsObject* facts, std::uint32_t fields) {
   NativeFacts& native = native_of(facts);
-  load_columns(native, native.view.files, facts->fields[kFiles], kFileFields, file_names, fields, "ScopeFile");
+  load_columns(native, native.view.files, facts->fields[kFiles], kFileFields, file_names, fields, "ScopeFile", "facts");
 }
 
 void need_symbols(FactsObject* facts, std::uint32_t fields) {
   NativeFacts& native = native_of(facts);
-  load_symbol_records(native, facts->fields[kSymbols], fields);
+  load_symbol_records(native, facts->fields[kSymbols], fields, "facts");
   if (!native.records_known) {
     auto& index = record_index();
     PyObject* symbols = facts->fields[kSymbols];
@@ -532,15 +547,20 @@ void need_symbols(FactsObject* facts, std::uint32_t fields) {
   }
 }
 
+std::span<const std::int64_t> symbol_ids(FactsObject* facts) {
+  need_symbols(facts, bit(sym_f::id));
+  return native_of(facts).view.symbols.cols[sym_f::id];
+}
+
 KnownRecord known_record(PyObject* record) {
   auto& index = record_index();
   auto found = index.find(record);
   return found == index.end() ? KnownRecord{nullptr, nullptr, 0} : found->second;
 }
 
-void load_symbol_records(NativeFacts& native, PyObject* records, std::uint32_t fields) {
+void load_symbol_records(NativeFacts& native, PyObject* records, std::uint32_t fields, const char* argument) {
   bool had_kind = native.view.symbols.has(bit(sym_f::kind));
-  load_columns(native, native.view.symbols, records, kSymbolFields, symbol_names, fields, "ScopeSymbol");
+  load_columns(native, native.view.symbols, records, kSymbolFields, symbol_names, fields, "ScopeSymbol", argument);
   if (!had_kind && native.view.symbols.has(bit(sym_f::kind)))
     note_column(native.view, native.view.symbols, sym_f::kind, true);
 }
@@ -550,7 +570,8 @@ void need_inbound(FactsObject* facts, std::uint32_t fields) {
   Table& table = native.view.inbound;
   bool had_kind = table.has(bit(in_f::target_kind));
   bool had_resolution = table.has(bit(in_f::resolution));
-  load_columns(native, table, facts->fields[kInbound], kInboundFields, inbound_names, fields, "InboundReference");
+  load_columns(native, table, facts->fields[kInbound], kInboundFields, inbound_names, fields, "InboundReference",
+               "facts");
   if (!had_kind && table.has(bit(in_f::target_kind))) note_column(native.view, table, in_f::target_kind, true);
   if (!had_resolution && table.has(bit(in_f::resolution)))
     note_column(native.view, table, in_f::resolution, false);
@@ -566,9 +587,9 @@ void need_outbound(FactsObject* facts, std::uint32_t fields) {
   bool had_resolution = table.has(bit(out_f::resolution));
   // The targets first: the target_* columns are read from them.
   load_columns(native, table, facts->fields[kOutbound], kOutboundFields, outbound_names,
-               fields & (bit(out_f::target) | ~via_target), "OutboundReference");
+               fields & (bit(out_f::target) | ~via_target), "OutboundReference", "facts");
   load_columns(native, table, facts->fields[kOutbound], kOutboundFields, outbound_names, fields,
-               "OutboundReference");
+               "OutboundReference", "facts");
   if (!had_kind && table.has(bit(out_f::target_kind))) note_column(native.view, table, out_f::target_kind, true);
   if (!had_resolution && table.has(bit(out_f::resolution)))
     note_column(native.view, table, out_f::resolution, false);
@@ -577,13 +598,13 @@ void need_outbound(FactsObject* facts, std::uint32_t fields) {
 namespace {
 
 // Marks every str member of a set field with `which`.
-void mark_paths(NativeFacts& native, PyObject* members, std::uint8_t which, const char* what) {
+void mark_paths(NativeFacts& native, PyObject* members, std::uint8_t which) {
   std::vector<StrId> marked;
   PyRef iterator = check(PyObject_GetIter(members));
   while (PyRef item = PyRef::steal(PyIter_Next(iterator.get()))) {
     // Membership is by equality with a path string; other members never match.
     if (!PyUnicode_Check(item.get())) continue;
-    marked.push_back(intern(native.view.pool, native.strings, item.get(), what));
+    marked.push_back(intern(native.view.pool, native.strings, item.get(), Where{"facts"}));
   }
   if (PyErr_Occurred()) throw PyError{};
   for (StrId path : marked) native.view.set_path_bit(path, which);
@@ -605,22 +626,19 @@ void need_path_bits(FactsObject* facts, std::uint8_t which) {
     }
   }
   if (missing & path_bit::import_resolved)
-    mark_paths(native, facts->fields[kImportResolvedPaths], path_bit::import_resolved, "import_resolved_paths item");
+    mark_paths(native, facts->fields[kImportResolvedPaths], path_bit::import_resolved);
   if (missing & path_bit::test_source)
-    mark_paths(native, facts->fields[kTestSources], path_bit::test_source, "test_sources item");
+    mark_paths(native, facts->fields[kTestSources], path_bit::test_source);
 }
 
 void need_line_counts(FactsObject* facts) {
   NativeFacts& native = native_of(facts);
   if (native.view.line_counts_loaded) return;
   std::unordered_map<StrId, std::int64_t> counts;
-  PyRef items = pair_items(facts->fields[kLineCounts], "line_counts");
-  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
-    PyObject* pair = PyList_GET_ITEM(items.get(), i);  // borrowed
-    PyObject* key = PyTuple_GET_ITEM(pair, 0);
-    if (!PyUnicode_Check(key)) continue;  // never equal to a path
-    StrId path = intern(native.view.pool, native.strings, key, "line_counts key");
-    counts[path] = as_int64(PyTuple_GET_ITEM(pair, 1), "line_counts value");
+  for (const auto& [key, value] : mapping_items(facts->fields[kLineCounts], Where{"facts", "line_counts"})) {
+    if (!PyUnicode_Check(key.get())) continue;  // never equal to a path
+    StrId path = intern(native.view.pool, native.strings, key.get(), Where{"facts", "line_counts key"});
+    counts[path] = as_int64(value.get(), Where{"facts", "line_counts value"});
   }
   if (native.view.line_counts_loaded) return;
   native.view.line_counts = std::move(counts);
@@ -631,13 +649,10 @@ void need_summaries(FactsObject* facts) {
   NativeFacts& native = native_of(facts);
   if (native.view.summaries_loaded) return;
   std::unordered_map<StrId, StrId> summaries;
-  PyRef items = pair_items(facts->fields[kSummaries], "summaries");
-  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
-    PyObject* pair = PyList_GET_ITEM(items.get(), i);  // borrowed
-    PyObject* key = PyTuple_GET_ITEM(pair, 0);
-    if (!PyUnicode_Check(key)) continue;
-    StrId path = intern(native.view.pool, native.strings, key, "summaries key");
-    summaries[path] = intern(native.view.pool, native.strings, PyTuple_GET_ITEM(pair, 1), "summaries value");
+  for (const auto& [key, value] : mapping_items(facts->fields[kSummaries], Where{"facts", "summaries"})) {
+    if (!PyUnicode_Check(key.get())) continue;
+    StrId path = intern(native.view.pool, native.strings, key.get(), Where{"facts", "summaries key"});
+    summaries[path] = intern(native.view.pool, native.strings, value.get(), Where{"facts", "summaries value"});
   }
   if (native.view.summaries_loaded) return;
   native.view.summaries = std::move(summaries);
@@ -688,45 +703,101 @@ Vocab vocab_for(FactsObject* facts) { return vocab_for(native_of(facts)); }
 
 namespace {
 
-void read_counts(PyObject* mapping, std::unordered_map<std::int64_t, std::int64_t>& into, const char* what) {
-  std::int64_t id;
-  if (PyDict_Check(mapping)) {
-    PyObject* key;
-    PyObject* value;
-    Py_ssize_t position = 0;
-    into.reserve(static_cast<std::size_t>(PyDict_GET_SIZE(mapping)));
-    while (PyDict_Next(mapping, &position, &key, &value))  // borrowed key and value
-      if (symbol_id(key, id)) into[id] = as_int64(value, what);
-    return;
+// How a key or member of a host container stands to the int symbol ids.
+enum class IdMatch { id, none, ask };
+
+// `id` when `object` is an int (or a float) equal to a 64-bit id; `none` when
+// it can equal no id (a larger int, a fraction, a str); `ask` for any other
+// object, which only Python's own comparison can tell.
+IdMatch id_of(PyObject* object, std::int64_t& id) {
+  if (PyLong_CheckExact(object) || PyBool_Check(object)) {
+    int overflow = 0;
+    long long value = PyLong_AsLongLongAndOverflow(object, &overflow);
+    if (overflow != 0) return IdMatch::none;
+    id = value;
+    return IdMatch::id;
   }
-  PyRef items = pair_items(mapping, "fan-in counts");
-  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
-    PyObject* pair = PyList_GET_ITEM(items.get(), i);  // borrowed from items
-    if (symbol_id(PyTuple_GET_ITEM(pair, 0), id)) into[id] = as_int64(PyTuple_GET_ITEM(pair, 1), what);
+  if (PyFloat_CheckExact(object)) {
+    double value = PyFloat_AS_DOUBLE(object);
+    if (!(value >= -0x1p63 && value < 0x1p63) || value != static_cast<double>(static_cast<std::int64_t>(value)))
+      return IdMatch::none;
+    id = static_cast<std::int64_t>(value);
+    return IdMatch::id;
+  }
+  if (PyUnicode_CheckExact(object) || PyBytes_CheckExact(object) || object == Py_None) return IdMatch::none;
+  return IdMatch::ask;
+}
+
+// The value of `mapping` for `key`, as `mapping.get(key)` gives it (a dict's
+// missing-key hook does not run); NULL when it has none.
+PyRef get_value(PyObject* mapping, PyObject* key) {
+  if (PyDict_Check(mapping)) {
+    PyObject* value = PyDict_GetItemWithError(mapping, key);  // borrowed
+    if (value == nullptr && PyErr_Occurred()) throw PyError{};
+    return PyRef::borrow(value);
+  }
+  PyRef absent = check(PyObject_CallNoArgs(reinterpret_cast<PyObject*>(&PyBaseObject_Type)));
+  PyRef value = check(PyObject_CallMethod(mapping, "get", "OO", key, absent.get()));
+  return value.get() == absent.get() ? PyRef() : value;
+}
+
+// The counts of a FanIn's `outside` or `inside` for the ids in `needed`.
+void read_counts(PyObject* mapping, std::span<const std::int64_t> needed,
+                 std::unordered_map<std::int64_t, std::int64_t>& into, Where where, Where count) {
+  bool ask = false;
+  std::int64_t id = 0;
+  for (const auto& [key, value] : mapping_items(mapping, where)) {
+    std::int64_t refs = as_int64(value.get(), count);
+    switch (id_of(key.get(), id)) {
+      case IdMatch::id:
+        into[id] = refs;
+        break;
+      case IdMatch::none:
+        break;
+      case IdMatch::ask:
+        ask = true;
+    }
+  }
+  if (!ask) return;
+  for (std::int64_t wanted : needed) {
+    if (into.count(wanted)) continue;
+    PyRef value = get_value(mapping, new_int(wanted).get());
+    if (value) into[wanted] = as_int64(value.get(), count);
   }
 }
 
 }  // namespace
 
-PyRef pair_items(PyObject* mapping, const char* what) {
-  PyRef items = check(PyMapping_Items(mapping));
-  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
-    PyObject* pair = PyList_GET_ITEM(items.get(), i);  // borrowed from items
-    if (!PyTuple_Check(pair) || PyTuple_GET_SIZE(pair) != 2)
-      raise_format(PyExc_TypeError, "%s: items() must give (key, value) pairs, not %.100s", what,
-                   Py_TYPE(pair)->tp_name);
+std::unordered_set<std::int64_t> ids_in(PyObject* container, std::span<const std::int64_t> needed, Where where) {
+  if (Py_TYPE(container)->tp_iter == nullptr && !PySequence_Check(container))
+    wrong_type(where, "a collection of symbol ids", container);
+  std::unordered_set<std::int64_t> ids;
+  std::vector<PyRef> others;  // members that only Python can compare with an id
+  std::int64_t id = 0;
+  PyRef iterator = check(PyObject_GetIter(container));
+  while (PyRef item = PyRef::steal(PyIter_Next(iterator.get()))) {
+    IdMatch match = id_of(item.get(), id);
+    if (match == IdMatch::id) ids.insert(id);
+    if (match == IdMatch::ask) others.push_back(std::move(item));
   }
-  return items;
-}
-
-bool symbol_id(PyObject* object, std::int64_t& id) {
-  if (!PyLong_Check(object)) return false;
-  int overflow = 0;
-  long long value = PyLong_AsLongLongAndOverflow(object, &overflow);
-  if (overflow != 0) return false;
-  if (value == -1 && PyErr_Occurred()) throw PyError{};
-  id = value;
-  return true;
+  if (PyErr_Occurred()) throw PyError{};
+  if (others.empty()) return ids;
+  // A set or a dict is asked as `in` asks it; any other collection was
+  // iterated once already, so its members are compared as `in` compares.
+  const bool keyed = PyAnySet_Check(container) || PyDict_Check(container);
+  for (std::int64_t wanted : needed) {
+    if (ids.count(wanted)) continue;
+    PyRef key = new_int(wanted);
+    bool found = false;
+    if (keyed) {
+      found = check(PySequence_Contains(container, key.get())) != 0;
+    } else {
+      for (std::size_t i = 0; i < others.size() && !found; ++i)
+        found = check(PyObject_RichCompareBool(others[i].get(), key.get(), Py_EQ)) != 0;
+    }
+    if (found) ids.insert(wanted);
+  }
+  return ids;
 }
 
 PyRef records_at(PyObject* records, const std::vector<std::size_t>& rows) {
@@ -737,19 +808,15 @@ PyRef records_at(PyObject* records, const std::vector<std::size_t>& rows) {
   return list;
 }
 
-FanInView fan_in_view(PyObject* fan_in, bool with_entry) {
+FanInView fan_in_view(PyObject* fan_in, std::span<const std::int64_t> needed, bool with_entry) {
   FanInView view;
   PyRef outside = check(PyObject_GetAttrString(fan_in, "outside"));
-  read_counts(outside.get(), view.outside, "fan_in.outside value");
+  read_counts(outside.get(), needed, view.outside, Where{"fan_in", "outside"}, Where{"fan_in", "outside value"});
   PyRef inside = check(PyObject_GetAttrString(fan_in, "inside"));
-  read_counts(inside.get(), view.inside, "fan_in.inside value");
+  read_counts(inside.get(), needed, view.inside, Where{"fan_in", "inside"}, Where{"fan_in", "inside value"});
   if (!with_entry) return view;
   PyRef entry = check(PyObject_GetAttrString(fan_in, "entry"));
-  PyRef iterator = check(PyObject_GetIter(entry.get()));
-  std::int64_t id;
-  while (PyRef item = PyRef::steal(PyIter_Next(iterator.get())))
-    if (symbol_id(item.get(), id)) view.entry.insert(id);
-  if (PyErr_Occurred()) throw PyError{};
+  view.entry = ids_in(entry.get(), needed, Where{"fan_in", "entry"});
   return view;
 }
 
@@ -757,13 +824,13 @@ FanInView fan_in_view(PyObject* fan_in, bool with_entry) {
 // Test hook: the converted columns of one table, decoded back to Python.
 
 PyObject* native_columns(PyObject*, PyObject* args, PyObject* kwargs) {
-  return guarded([&]() -> PyRef {
+  return entry("_native_columns", [&]() -> PyRef {
     static const char* keywords[] = {"facts", "table", "fields", nullptr};
     PyObject* object;
     const char* table_name;
     PyObject* names;
     parse_args(args, kwargs, "OsO:_native_columns", keywords, &object, &table_name, &names);
-    FactsObject* facts = as_facts(object, "_native_columns");
+    FactsObject* facts = as_facts(object);
     const FieldInfo* infos;
     unsigned count;
     std::string table(table_name);

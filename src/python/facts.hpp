@@ -2,6 +2,8 @@
 #pragma once
 
 #include <memory>
+#include <span>
+#include <unordered_set>
 #include <string_view>
 #include <vector>
 
@@ -55,7 +57,7 @@ struct FactsObject {
 
 bool facts_check(PyObject* object);
 // `object` as ScopeFacts, or TypeError naming function and argument.
-FactsObject* as_facts(PyObject* object, const char* function, const char* argument = "facts");
+FactsObject* as_facts(PyObject* object, const char* argument = "facts");
 NativeFacts& native_of(FactsObject* facts);
 bool init_facts_type(PyObject* module);
 
@@ -74,6 +76,9 @@ void need_outbound(FactsObject* facts, std::uint32_t fields);
 // path_bit::in_page, import_resolved and/or test_source.
 void need_path_bits(FactsObject* facts, std::uint8_t which);
 void need_line_counts(FactsObject* facts);
+// The ids of the facts' declarations (converting them if needed): the ids a
+// call asks a fan-in about.
+std::span<const std::int64_t> symbol_ids(FactsObject* facts);
 void need_summaries(FactsObject* facts);
 
 // Membership of every kind and resolution string of the view in the module's
@@ -81,17 +86,17 @@ void need_summaries(FactsObject* facts);
 Vocab vocab_for(FactsObject* facts);
 Vocab vocab_for(NativeFacts& native);
 
-// Declarations that come from no ScopeFacts (a list the host passes): reads
-// the `fields` (sym_f bits) of every record of `records` (a tuple) into
-// `native.view.symbols`, interning into `native`'s pool. Kinds are noted, so
-// vocab_for(native) covers them.
-void load_symbol_records(NativeFacts& native, PyObject* records, std::uint32_t fields);
+// Declarations that come from no ScopeFacts (a list the host passes as
+// `argument`): reads the `fields` (sym_f bits) of every record of `records`
+// (a tuple) into `native.view.symbols`, interning into `native`'s pool.
+// Kinds are noted, so vocab_for(native) covers them.
+void load_symbol_records(NativeFacts& native, PyObject* records, std::uint32_t fields, const char* argument);
 
 // Interning of strings read from Python objects.
-StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, const char* what);
+StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, Where where);
 // UTF-8 bytes (surrogates pass through) of a str; the view lives as long as `text`
 // or `scratch`.
-std::string_view utf8_of(PyObject* text, PyRef& scratch, const char* what);
+std::string_view utf8_of(PyObject* text, PyRef& scratch, Where where);
 PyRef str_from_utf8(std::string_view text);
 
 // Vocabulary bits for a set of kind and resolution ids of any pool.
@@ -102,17 +107,17 @@ Vocab vocab_of(const StringPool& pool, const std::vector<PyRef>& strings, std::v
 // objects, not copies.
 PyRef records_at(PyObject* records, const std::vector<std::size_t>& rows);
 
-// The items of a mapping as a list of (key, value) tuples; TypeError naming
-// `what` when its items() gives anything else.
-PyRef pair_items(PyObject* mapping, const char* what);
+// Symbol ids in the host's containers. A record's id is an int; a key or a
+// member of a host container matches it when Python says they are equal, as
+// `container.get(id)` or `id in container` would. Int (and float) keys are
+// read at once; when a container holds any other key (a Decimal, say), each
+// id in `needed` is asked of it in turn.
+std::unordered_set<std::int64_t> ids_in(PyObject* container, std::span<const std::int64_t> needed, Where where);
 
-// A symbol id from a key or member of a host container: false for anything
-// that cannot equal a 64-bit symbol id (not an int, or beyond 64 bits).
-bool symbol_id(PyObject* object, std::int64_t& id);
-
-// A FanIn-like object (`outside`, `inside`, `entry`) as native maps; `entry`
-// is read only when `with_entry` is set.
-FanInView fan_in_view(PyObject* fan_in, bool with_entry = true);
+// A FanIn-like object (`outside`, `inside`, `entry`) as native maps, for the
+// symbol ids in `needed`; `entry` is read only when `with_entry` is set.
+// Counts must be ints.
+FanInView fan_in_view(PyObject* fan_in, std::span<const std::int64_t> needed, bool with_entry = true);
 
 // For tests: the converted columns of one table, as Python values.
 PyObject* native_columns(PyObject* self, PyObject* args, PyObject* kwargs);

@@ -4,8 +4,6 @@
 #include "facts.hpp"
 #include "pyref.hpp"
 
-#include <cstdarg>
-#include <cstring>
 
 namespace scope::py {
 
@@ -131,60 +129,6 @@ PyObject* fan_in_type() { return fan_in_class.get(); }
 PyObject* counter_type() { return counter_class.get(); }
 
 PyRef module_attr(const char* name) { return check(PyObject_GetAttrString(the_module, name)); }
-
-std::int64_t as_int64(PyObject* object, const char* what) {
-  if (!PyLong_Check(object)) {
-    if (!PyIndex_Check(object))
-      raise_format(PyExc_TypeError, "%s must be int, not %.100s", what, Py_TYPE(object)->tp_name);
-    PyRef index = check(PyNumber_Index(object));
-    return as_int64(index.get(), what);
-  }
-  int overflow = 0;
-  long long value = PyLong_AsLongLongAndOverflow(object, &overflow);
-  if (overflow != 0) raise_format(PyExc_OverflowError, "%s does not fit in 64 bits", what);
-  if (value == -1 && PyErr_Occurred()) throw PyError{};
-  return value;
-}
-
-bool truth(PyObject* object) { return check(PyObject_IsTrue(object)) != 0; }
-
-PyRef new_int128(__int128 value) {
-  if (value >= INT64_MIN && value <= INT64_MAX) return new_int(static_cast<std::int64_t>(value));
-  // Beyond 64 bits: high * 2**64 + low.
-  PyRef high = new_int(static_cast<std::int64_t>(value >> 64));
-  PyRef low = check(PyLong_FromUnsignedLongLong(static_cast<unsigned long long>(value)));
-  PyRef shift = new_int(64);
-  PyRef shifted = check(PyNumber_Lshift(high.get(), shift.get()));
-  return check(PyNumber_Add(shifted.get(), low.get()));
-}
-
-void parse_args(PyObject* args, PyObject* kwargs, const char* format, const char* const* keywords, ...) {
-  if (kwargs != nullptr) {
-    PyObject* key;
-    PyObject* value;
-    Py_ssize_t position = 0;
-    while (PyDict_Next(kwargs, &position, &key, &value)) {  // borrowed
-      bool known = false;
-      for (const char* const* keyword = keywords; *keyword != nullptr && !known; ++keyword)
-        known = PyUnicode_Check(key) && PyUnicode_CompareWithASCIIString(key, *keyword) == 0;
-      if (!known) {
-        const char* name = std::strchr(format, ':');
-        raise_format(PyExc_TypeError, "%s() got an unexpected keyword argument '%S'", name ? name + 1 : "function",
-                     key);
-      }
-    }
-  }
-  va_list arguments;
-  va_start(arguments, keywords);
-  int parsed = PyArg_VaParseTupleAndKeywords(args, kwargs, format, const_cast<char**>(keywords), arguments);
-  va_end(arguments);
-  if (!parsed) throw PyError{};
-}
-
-void wrong_type(const char* function, const char* argument, const char* expected, PyObject* got) {
-  raise_format(PyExc_TypeError, "%s() argument '%s' must be %s, not %.100s", function, argument, expected,
-               Py_TYPE(got)->tp_name);
-}
 
 }  // namespace scope::py
 

@@ -198,9 +198,11 @@ class TestSelectWithQuota:
             def items(self):
                 return self._items
         records = chain("a", ["x", "y"])
-        assert scope.select_with_quota(Odd([("a", records)]), NO_USES, 1, 1, 0.5) == records[:1]
-        for items in ([["a", records]], [("a", records, 3)], 7):
-            with pytest.raises(TypeError):
+        # Items unpack as `for path, declarations in ranked.items()` would.
+        for items in ([("a", records)], [["a", records]]):
+            assert scope.select_with_quota(Odd(items), NO_USES, 1, 1, 0.5) == records[:1]
+        for items, error in (([("a", records, 3)], ValueError), (7, TypeError), ([7], TypeError)):
+            with pytest.raises(error, match="select_with_quota.*'ranked'"):
                 scope.select_with_quota(Odd(items), NO_USES, 1, 1, 0.5)
         # Empty sequences take no part, whatever their key.
         assert scope.select_with_quota({None: [], "a": records}, NO_USES, 1, 1, 0.5) == records[:1]

@@ -83,7 +83,7 @@ def test_helpers(helper, args, expected):
     (lambda: scope._named(5), TypeError, r"_named\(\) argument 'names' must be a sequence of str"),
     (lambda: scope._named({"a"}), TypeError, "'names' must be a sequence"),
     (lambda: scope._named(iter(["a"])), TypeError, "'names' must be a sequence"),
-    (lambda: scope._named(["a", 2]), TypeError, "names item must be str, not int"),
+    (lambda: scope._named(["a", 2]), TypeError, "_named.*'names'.*must be str, not int"),
     (lambda: scope._named(["a"], "3"), TypeError, "'limit' must be int"),
     (lambda: scope._named(["a"], 2**64), OverflowError, "limit"),
     (lambda: scope.render_file_cards(make_facts(), scope.FanIn({}), b"#"), TypeError,
@@ -91,7 +91,7 @@ def test_helpers(helper, args, expected):
     (lambda: scope.render_file_cards(make_facts(), scope.FanIn({}), "#", "a/b.py"), TypeError,
      "'missing' must be a sequence of str"),
     (lambda: scope.render_file_cards(make_facts(), scope.FanIn({}), "#", ["a", 1]), TypeError,
-     "missing item must be str"),
+     "render_file_cards.*'missing'.*must be str"),
     (lambda: scope._most_used(5, scope.FanIn({})), TypeError, r"_most_used\(\) argument 'declarations'"),
 ])
 def test_wrong_types(call, error, message):
@@ -268,7 +268,7 @@ def test_tests_reaching_is_looked_up_at_call_time_and_its_errors_propagate(monke
     monkeypatch.setattr(scope, "tests_reaching", lambda facts: (None, {"lib/empty.py": ["t/e"]}))
     assert "| `lib/empty.py` | 0 | 0 |  |  |  | t/e |\n" in scope.render_file_cards(facts, FAN_IN, "## Files")
     monkeypatch.setattr(scope, "tests_reaching", lambda facts: (None, {"lib/empty.py": [b"t/e"]}))
-    with pytest.raises(TypeError, match="test name must be str"):
+    with pytest.raises(TypeError, match="render_file_cards.*test name.*must be str"):
         scope.render_file_cards(facts, FAN_IN, "## Files")
 
 
