@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "evidence.hpp"
-#include "ranking.hpp"
 #include "text.hpp"
 
 namespace scope {
@@ -32,37 +30,79 @@ void append_joined(std::string& out, const std::vector<std::string>& items, std:
   }
 }
 
-}  // namespace
+// What the references from production files outside the page say.
+struct ConsumerCounts {
+  // Per consumer file, in first-counted order: its path and total, and the
+  // summed refs of its counted references by target name, names in
+  // first-counted order (names[start[c] .. start[c + 1])).
+  std::vector<StrId> path;
+  std::vector<std::int64_t> total;
+  std::vector<std::uint32_t> start;
+  std::vector<std::pair<StrId, std::int64_t>> names;
+  std::vector<bool> used;  // by slot: reached by some counted reference
+  // References that are no evidence: summed refs by resolution (resolutions
+  // in first-seen order), and how many files they come from.
+  std::vector<StrId> left_resolutions;
+  std::vector<std::int64_t> left_refs;  // by StrId
+  std::size_t left_files = 0;
+};
 
 ConsumerCounts count_consumers(const FactsView& view, const Vocab& vocab) {
-  ConsumerCounts counts;
-  std::unordered_map<StrId, std::size_t> slot;  // consumer path -> index in counts.uses
   const Table& in = view.inbound;
-  for (std::size_t row = 0; row < in.rows; ++row) {
-    StrId source = in.str(in_f::source_path, row);
+  const std::size_t strings = view.pool.size();
+  ConsumerCounts counts;
+  counts.used.assign(view.derived.ids.size(), false);
+  counts.left_refs.assign(strings, 0);
+  std::vector<std::uint32_t> consumer_of(strings, Groups::kNone);  // path -> consumer
+  std::vector<bool> left_file(strings, false), left_seen(strings, false);
+  // Every (consumer, name) pair, numbered in first-counted order.
+  DenseIndex pairs;
+  std::vector<std::uint32_t> pair_consumer;
+  std::vector<std::pair<StrId, std::int64_t>> pair_sum;
+  for (std::size_t row = 0; row < in.rows(); ++row) {
+    const StrId source = in.str(in_f::source_path, row);
     // The page's own files and tests are no consumers, and are not reported.
     if (view.path_has(source, path_bit::in_page | path_bit::test_source)) continue;
-    StrId resolution = in.str(in_f::resolution, row);
-    bool resolved = view.path_has(in.str(in_f::target_path, row), path_bit::import_resolved);
-    std::int64_t refs = in.num(in_f::refs, row);
-    if (is_use(vocab, resolution, in.str(in_f::target_kind, row), resolved)) {
-      auto [found, fresh] = slot.try_emplace(source, counts.uses.size());
-      if (fresh) counts.uses.emplace_back(source, OrderedCounter<StrId>{});
-      counts.uses[found->second].second.add(in.str(in_f::target_name, row), refs);
-      counts.used.insert(in.num(in_f::target_id, row));
-    } else {
-      auto& sum = counts.left_out[resolution];
-      sum = checked_add(sum, refs);
-      counts.left_files.insert(source);
+    const std::int64_t refs = in.num(in_f::refs, row);
+    if (!is_use_row(view, vocab, in_f::resolution, in_f::target_kind, in_f::target_path, row)) {
+      const StrId resolution = in.str(in_f::resolution, row);
+      if (!left_seen[resolution]) left_seen[resolution] = true, counts.left_resolutions.push_back(resolution);
+      counts.left_refs[resolution] = checked_add(counts.left_refs[resolution], refs);
+      if (!left_file[source]) left_file[source] = true, ++counts.left_files;
+      continue;
     }
+    std::uint32_t& consumer = consumer_of[source];
+    if (consumer == Groups::kNone) {
+      consumer = static_cast<std::uint32_t>(counts.path.size());
+      counts.path.push_back(source);
+      counts.total.push_back(0);
+    }
+    counts.total[consumer] = checked_add(counts.total[consumer], refs);
+    const StrId name = in.str(in_f::target_name, row);
+    auto [pair, fresh] = pairs.insert((std::uint64_t{consumer} << 32) | name);
+    if (fresh) pair_consumer.push_back(consumer), pair_sum.emplace_back(name, 0);
+    pair_sum[pair].second = checked_add(pair_sum[pair].second, refs);
+    counts.used[view.derived.inbound_slot[row]] = true;
+  }
+  Groups by_consumer =
+      group_rows(pair_sum.size(), counts.path.size(), [&](std::size_t pair) { return pair_consumer[pair]; });
+  counts.start.assign(counts.path.size() + 1, 0);
+  for (std::size_t c = 0; c < counts.path.size(); ++c) {
+    std::span<const std::uint32_t> own = by_consumer.of_key(static_cast<std::uint32_t>(c));
+    counts.start[c + 1] = counts.start[c] + static_cast<std::uint32_t>(own.size());
+    for (std::uint32_t pair : own) counts.names.push_back(pair_sum[pair]);
   }
   return counts;
 }
 
+// The distinct languages of the page's files whose imports the index does
+// not resolve, ascending. A file without a language (None or no attribute)
+// contributes the empty string, the same as an empty language: the sentence
+// then names an empty item rather than dropping the file silently.
 std::vector<std::string_view> unresolved_languages(const FactsView& view) {
   std::vector<std::string_view> languages;
   const Table& files = view.files;
-  for (std::size_t row = 0; row < files.rows; ++row) {
+  for (std::size_t row = 0; row < files.rows(); ++row) {
     if (view.path_has(files.str(file_f::path, row), path_bit::import_resolved)) continue;
     StrId language = files.str(file_f::language, row);
     languages.push_back(language == kNoStr ? std::string_view() : view.pool.text(language));
@@ -72,130 +112,136 @@ std::vector<std::string_view> unresolved_languages(const FactsView& view) {
   return languages;
 }
 
-std::vector<std::size_t> unused_outside(const FactsView& view, const Vocab& vocab,
-                                        const std::unordered_set<std::int64_t>& used, const FanInView& fan_in) {
-  const Table& symbols = view.symbols;
-  std::vector<bool> member = members(view, vocab);
-  struct Kept {
-    bool callable;  // not a type: every type sorts first
-    RankKey key;
-    std::string_view path;
-    std::size_t row;
-  };
-  std::vector<Kept> kept;
-  for (std::size_t row = 0; row < symbols.rows; ++row) {
-    StrId kind = symbols.str(sym_f::kind, row);
-    if (!vocab.has(kind, vocab_bit::type | vocab_bit::callable)) continue;
-    if (used.count(symbols.num(sym_f::id, row))) continue;
-    if (!symbols.flag(sym_f::is_export, row)) continue;
-    if (view.pool.text(symbols.str(sym_f::name, row)).starts_with('_')) continue;
-    if (member[row]) continue;
-    kept.push_back({!vocab.has(kind, vocab_bit::type), rank_key(view.pool, symbols, row, vocab, fan_in),
-                    view.pool.text(symbols.str(sym_f::path, row)), row});
+std::string intro_line(const std::vector<std::string_view>& unresolved) {
+  if (unresolved.empty()) return std::string(kResolvedIntro);
+  std::string intro(kUnresolvedIntroStart);
+  for (std::size_t i = 0; i < unresolved.size(); ++i) {
+    if (i) intro += ", ";
+    intro += unresolved[i];
   }
-  std::stable_sort(kept.begin(), kept.end(), [](const Kept& a, const Kept& b) {
-    if (a.callable != b.callable) return !a.callable;
-    if (a.key != b.key) return a.key < b.key;
-    return a.path < b.path;
-  });
-  std::vector<std::size_t> rows;
-  rows.reserve(kept.size());
-  for (const Kept& k : kept) rows.push_back(k.row);
-  return rows;
+  intro += kUnresolvedIntroEnd;
+  return intro;
 }
 
-std::string render_consumers(const FactsView& view, const Vocab& vocab, const FanInView& fan_in,
-                             std::string_view heading) {
-  ConsumerCounts counts = count_consumers(view, vocab);
-  std::vector<std::string_view> unresolved = unresolved_languages(view);
-  const StringPool& pool = view.pool;
-
-  std::vector<std::string> lines;
-  lines.emplace_back(heading);
-  lines.emplace_back();
-  if (unresolved.empty()) {
-    lines.emplace_back(kResolvedIntro);
-  } else {
-    std::string intro(kUnresolvedIntroStart);
-    for (std::size_t i = 0; i < unresolved.size(); ++i) {
-      if (i) intro += ", ";
-      intro += unresolved[i];
-    }
-    intro += kUnresolvedIntroEnd;
-    lines.push_back(std::move(intro));
-  }
-
-  // Best consumer first: highest total, then path.
-  struct Consumer {
-    std::int64_t total;
-    std::string_view path;
-    const OrderedCounter<StrId>* names;
-  };
-  std::vector<Consumer> ranked;
-  ranked.reserve(counts.uses.size());
-  for (const auto& [path, names] : counts.uses) ranked.push_back({names.total(), pool.text(path), &names});
-  std::stable_sort(ranked.begin(), ranked.end(), [](const Consumer& a, const Consumer& b) {
-    return a.total != b.total ? a.total > b.total : a.path < b.path;
+// The best consumers first (highest total, then path), at most
+// kConsumerRows rows, then the overflow row.
+void append_consumer_rows(std::vector<std::string>& lines, const StringPool& pool, const ConsumerCounts& counts) {
+  std::vector<std::uint32_t> order(counts.path.size());
+  for (std::uint32_t c = 0; c < order.size(); ++c) order[c] = c;
+  std::stable_sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
+    return counts.total[a] != counts.total[b] ? counts.total[a] > counts.total[b]
+                                              : pool.text(counts.path[a]) < pool.text(counts.path[b]);
   });
-  for (std::size_t i = 0; i < ranked.size() && i < kConsumerRows; ++i) {
+  const auto rows = static_cast<std::size_t>(kConsumerRows);
+  for (std::size_t i = 0; i < order.size() && i < rows; ++i) {
+    const std::uint32_t c = order[i];
+    std::vector<std::pair<StrId, std::int64_t>> by_count(counts.names.begin() + counts.start[c],
+                                                         counts.names.begin() + counts.start[c + 1]);
+    std::stable_sort(by_count.begin(), by_count.end(), [](const auto& a, const auto& b) { return a.second > b.second; });
     std::vector<std::string> names;
-    for (const auto& [name, count] : ranked[i].names->most_common()) {
+    for (const auto& [name, count] : by_count) {
       std::string quoted(1, '`');
       quoted += pool.text(name);
       quoted += '`';
       names.push_back(std::move(quoted));
     }
     std::string row = "- `";
-    row += ranked[i].path;
+    row += pool.text(counts.path[c]);
     row += "` uses ";
     row += named(names, kConsumerNames);
-    row += " (" + std::to_string(ranked[i].total) + " refs)";
+    row += " (" + std::to_string(counts.total[c]) + " refs)";
     lines.push_back(std::move(row));
   }
-  if (ranked.size() > kConsumerRows)
-    lines.push_back("- _...and " + std::to_string(ranked.size() - kConsumerRows) + " more files_");
-  if (ranked.empty()) {
+  if (order.size() > rows) lines.push_back("- _...and " + std::to_string(order.size() - rows) + " more files_");
+}
+
+std::string not_counted_line(const StringPool& pool, const ConsumerCounts& counts) {
+  std::vector<StrId> resolutions = counts.left_resolutions;
+  std::sort(resolutions.begin(), resolutions.end(),
+            [&](StrId a, StrId b) { return pool.text(a) < pool.text(b); });
+  std::vector<std::string> items;
+  for (StrId resolution : resolutions)
+    items.push_back(std::to_string(counts.left_refs[resolution]) + " `" + std::string(pool.text(resolution)) + "`");
+  std::string line = "Not counted: ";
+  append_joined(line, items, ", ");
+  line += " references from " + std::to_string(counts.left_files) + " other file" + (counts.left_files > 1 ? "s" : "");
+  line += kNotCountedEnd;
+  return line;
+}
+
+std::string unused_line(const FactsView& view, const std::vector<std::uint32_t>& unused) {
+  const Table& symbols = view.symbols;
+  const StringPool& pool = view.pool;
+  const auto shown = static_cast<std::size_t>(kUnusedNames);
+  std::vector<std::string> items;
+  for (std::size_t i = 0; i < unused.size() && i < shown; ++i) {
+    const std::uint32_t row = unused[i];
+    std::string item = "`";
+    item += pool.text(symbols.str(sym_f::name, row));
+    item += "` (";
+    item += pool.text(symbols.str(sym_f::kind, row));
+    item += ", `";
+    item += pool.text(symbols.str(sym_f::path, row));
+    item += ":L" + std::to_string(symbols.num(sym_f::start_line, row)) + "`)";
+    items.push_back(std::move(item));
+  }
+  std::string line(kUnusedStart);
+  append_joined(line, items, ", ");
+  if (unused.size() > shown) line += " and " + std::to_string(unused.size() - shown) + " more";
+  line += kUnusedEnd;
+  return line;
+}
+
+}  // namespace
+
+std::vector<std::uint32_t> unused_outside(const FactsView& view, const Vocab& vocab, const std::vector<bool>& used,
+                                          const FanInSlots& fan_in) {
+  const Table& symbols = view.symbols;
+  const Derived& d = view.derived;
+  struct Kept {
+    bool callable;  // not a type: every type sorts first
+    RankKey key;
+    std::string_view path;
+    std::uint32_t row;
+  };
+  std::vector<Kept> kept;
+  for (std::size_t row = 0; row < symbols.rows(); ++row) {
+    const StrId kind = symbols.str(sym_f::kind, row);
+    if (!vocab.has(kind, vocab_bit::type | vocab_bit::callable)) continue;
+    const std::uint32_t slot = d.symbol_slot[row];
+    if (slot < used.size() && used[slot]) continue;
+    if (!symbols.flag(sym_f::is_export, row)) continue;
+    if (is_private_name(view.pool.text(symbols.str(sym_f::name, row)))) continue;
+    if (d.member[row]) continue;
+    kept.push_back({!vocab.has(kind, vocab_bit::type), rank_key(key_input(view, vocab, fan_in, row)),
+                    view.pool.text(symbols.str(sym_f::path, row)), static_cast<std::uint32_t>(row)});
+  }
+  std::stable_sort(kept.begin(), kept.end(), [](const Kept& a, const Kept& b) {
+    if (a.callable != b.callable) return !a.callable;
+    if (a.key != b.key) return a.key < b.key;
+    return a.path < b.path;
+  });
+  std::vector<std::uint32_t> rows;
+  rows.reserve(kept.size());
+  for (const Kept& k : kept) rows.push_back(k.row);
+  return rows;
+}
+
+std::string render_consumers(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in,
+                             std::string_view heading) {
+  const ConsumerCounts counts = count_consumers(view, vocab);
+  const std::vector<std::string_view> unresolved = unresolved_languages(view);
+  std::vector<std::string> lines;
+  lines.emplace_back(heading);
+  lines.emplace_back();
+  lines.push_back(intro_line(unresolved));
+  append_consumer_rows(lines, view.pool, counts);
+  if (counts.path.empty())
     lines.push_back(std::string(kNoConsumers) +
                     (unresolved.empty() ? "through an `import` or `local` edge." : "by a unique name."));
-  }
-
-  if (!counts.left_out.empty()) {
-    std::vector<std::pair<std::string_view, std::int64_t>> mix;
-    for (const auto& [resolution, count] : counts.left_out) mix.emplace_back(pool.text(resolution), count);
-    std::sort(mix.begin(), mix.end());
-    std::vector<std::string> items;
-    for (const auto& [resolution, count] : mix)
-      items.push_back(std::to_string(count) + " `" + std::string(resolution) + "`");
-    std::string line = "Not counted: ";
-    append_joined(line, items, ", ");
-    std::size_t files = counts.left_files.size();
-    line += " references from " + std::to_string(files) + " other file" + (files > 1 ? "s" : "");
-    line += kNotCountedEnd;
-    lines.push_back(std::move(line));
-  }
-
-  std::vector<std::size_t> unused = unused_outside(view, vocab, counts.used, fan_in);
-  if (!unused.empty()) {
-    const Table& symbols = view.symbols;
-    std::vector<std::string> items;
-    for (std::size_t i = 0; i < unused.size() && i < kUnusedNames; ++i) {
-      std::size_t row = unused[i];
-      std::string item = "`";
-      item += pool.text(symbols.str(sym_f::name, row));
-      item += "` (";
-      item += pool.text(symbols.str(sym_f::kind, row));
-      item += ", `";
-      item += pool.text(symbols.str(sym_f::path, row));
-      item += ":L" + std::to_string(symbols.num(sym_f::start_line, row)) + "`)";
-      items.push_back(std::move(item));
-    }
-    std::string line(kUnusedStart);
-    append_joined(line, items, ", ");
-    if (unused.size() > kUnusedNames) line += " and " + std::to_string(unused.size() - kUnusedNames) + " more";
-    line += kUnusedEnd;
-    lines.push_back(std::move(line));
-  }
-
+  if (!counts.left_resolutions.empty()) lines.push_back(not_counted_line(view.pool, counts));
+  const std::vector<std::uint32_t> unused = unused_outside(view, vocab, counts.used, fan_in);
+  if (!unused.empty()) lines.push_back(unused_line(view, unused));
   std::string text;
   append_joined(text, lines, "\n");
   text += '\n';

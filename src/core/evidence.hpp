@@ -1,50 +1,58 @@
-// Use evidence: which references show that their source uses their target.
+// Use evidence and the production fan-in: which references count as uses of
+// the page's declarations, from where, and which declarations are entry
+// points.
 #pragma once
 
+#include <cstdint>
+#include <vector>
+
+#include "needs.hpp"
+#include "rules.hpp"
 #include "view.hpp"
 
 namespace scope {
 
-// "import" and "local" are evidence. A "unique" name match is accepted only
-// where the index does not resolve imports for the target's language, and
-// never for an attribute or a constant, whose short names collide.
-inline bool is_use(const Vocab& vocab, StrId resolution, StrId target_kind, bool import_resolved) {
-  if (vocab.has(resolution, vocab_bit::evidence)) return true;
-  return vocab.has(resolution, vocab_bit::unique) && !import_resolved &&
-         !vocab.has(target_kind, vocab_bit::name_match);
-}
+// A fan-in as the algorithms read it: uses and entry points by slot (see
+// Derived). Slots numbered after it was made have no uses.
+struct FanInSlots {
+  std::vector<std::int64_t> outside, inside;
+  std::vector<std::uint8_t> entry;
 
-}  // namespace scope
+  explicit FanInSlots(std::size_t slots = 0) : outside(slots, 0), inside(slots, 0), entry(slots, 0) {}
+  std::int64_t outside_of(std::uint32_t slot) const { return slot < outside.size() ? outside[slot] : 0; }
+  std::int64_t inside_of(std::uint32_t slot) const { return slot < inside.size() ? inside[slot] : 0; }
+  bool entry_of(std::uint32_t slot) const { return slot < entry.size() && entry[slot] != 0; }
+  bool api(std::uint32_t slot) const {
+    return is_api([&] { return outside_of(slot) > 0; }, [&] { return entry_of(slot); });
+  }
+};
 
-#include <cstdint>
-#include <unordered_set>
-#include <vector>
-
-#include "counter.hpp"
-
-namespace scope {
-
-// Which declarations lie inside a type of their own file (bounds inclusive,
-// a type never containing itself), by symbols row. Needs symbols id, path,
-// kind, start_line and end_line. O(n log n) per file.
-std::vector<bool> members(const FactsView& view, const Vocab& vocab);
+// Whether the reference `row` of `table` is evidence of use (see is_use).
+bool is_use_row(const FactsView& view, const Vocab& vocab, unsigned resolution, unsigned target_kind,
+                unsigned target_path, std::size_t row);
 
 // The counting half of the production fan-in.
 struct FanInCounts {
-  OrderedCounter<std::int64_t> outside;       // counted uses from outside the page
-  OrderedCounter<std::int64_t> inside;        // counted uses from the page's own files
-  std::unordered_set<std::int64_t> referenced;  // named by production code (not "legacy")
+  FanInSlots uses;                           // entry is left empty
+  std::vector<std::uint32_t> outside_order;  // slots in first-counted order
+  std::vector<std::uint32_t> inside_order;
+  std::vector<bool> referenced;              // by slot: named by production code (not "legacy")
 };
-
-// Needs inbound source_path, resolution, target_id, target_kind, refs and the
-// in_page and test_source bits.
+inline constexpr Needs kCountFanInNeeds{
+    .inbound = bits(in_f::source_path, in_f::resolution, in_f::target_kind, in_f::refs),
+    .path_bits = path_bit::in_page | path_bit::test_source,
+    .derived = derived::inbound_slots};
 FanInCounts count_fan_in(const FactsView& view, const Vocab& vocab);
 
 // Rows of the declarations that pass every entry-point test but the path
 // filter, in symbols order: public, exported, top-level callables and types
-// that no production code references. Needs symbols id, path, name, kind,
-// is_export, start_line, end_line.
-std::vector<std::size_t> entry_candidates(const FactsView& view, const Vocab& vocab,
-                                          const std::unordered_set<std::int64_t>& referenced);
+// that no production code references.
+inline constexpr Needs kEntryCandidateNeeds{
+    .symbols = bits(sym_f::kind, sym_f::is_export, sym_f::name),
+    .derived = derived::symbol_slots | derived::members};
+std::vector<std::uint32_t> entry_candidates(const FactsView& view, const Vocab& vocab,
+                                            const std::vector<bool>& referenced);
+
+inline constexpr Needs kFanInNeeds = kCountFanInNeeds | kEntryCandidateNeeds | Needs{.symbols = bit(sym_f::path)};
 
 }  // namespace scope

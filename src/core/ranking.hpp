@@ -3,69 +3,40 @@
 // the spread of a best-first name list.
 #pragma once
 
-#include <compare>
 #include <cstdint>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "counter.hpp"
-#include "view.hpp"
+#include "evidence.hpp"
+#include "needs.hpp"
+#include "rules.hpp"
 
 namespace scope {
 
-inline constexpr std::int64_t kSizeCap = 40;
+// The key of every declaration of the view, by row.
+inline constexpr Needs kRankKeyNeeds{.symbols = bits(sym_f::kind, sym_f::name, sym_f::start_line, sym_f::end_line),
+                                     .derived = derived::symbol_slots};
+KeyInput key_input(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in, std::size_t row);
+std::vector<RankKey> rank_keys(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in);
 
-// Lower sorts first: the page's API, then types and callables, public names,
-// more uses from outside (a constant weighs half), longer bodies (capped),
-// more uses from inside, earlier lines. The use and size elements are 128-bit
-// so that every key is exact whatever 64-bit values the records hold.
-struct RankKey {
-  bool not_api;
-  std::int64_t kind_group;
-  bool is_private;
-  __int128 outside;
-  __int128 size;
-  __int128 inside;
-  std::int64_t start_line;
-
-  friend auto operator<=>(const RankKey&, const RankKey&) = default;
+// Each file's declarations best first (stable), files in the order of their
+// first declaration: the groups of symbols_by_path, each sorted by key.
+struct Ranking {
+  std::vector<RankKey> keys;  // by row
+  Groups files;               // keys are path StrIds
 };
-
-// The fields of a declaration that its key reads.
-struct KeyFields {
-  std::int64_t id;
-  std::string_view kind;
-  bool type_or_callable;  // kind is in _TYPE_KINDS or _CALLABLE_KINDS
-  std::string_view name;
-  std::int64_t start_line;
-  std::int64_t end_line;
-};
-// The production uses of one declaration that its key reads. `entry` only
-// matters when `outside` is 0 or less: an outside use already makes it API.
-struct KeyUses {
-  std::int64_t outside = 0;
-  std::int64_t inside = 0;
-  bool entry = false;
-};
-RankKey rank_key(const KeyFields& symbol, const KeyUses& uses);
-
-// The key of one row. Needs symbols id, kind, name, start_line, end_line of
-// `table`.
-RankKey rank_key(const StringPool& pool, const Table& table, std::size_t row, const Vocab& vocab,
-                 const FanInView& fan_in);
-
-// Each file's rows best first; files in order of their first declaration.
-using RankedFiles = std::vector<std::pair<StrId, std::vector<std::size_t>>>;
-RankedFiles ranked_by_file(const FactsView& view, const Vocab& vocab, const FanInView& fan_in);
+inline constexpr Needs kRankedNeeds = kRankKeyNeeds | Needs{.derived = derived::by_path};
+Ranking ranked_by_file(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in);
 
 // One (start, end) line range per file: its best declaration that starts
 // after line 0, else its whole text when it was read and is not empty.
-// Needs what ranked_by_file needs plus files path and the line counts.
-std::vector<std::pair<StrId, std::pair<std::int64_t, std::int64_t>>> file_seeds(const FactsView& view,
-                                                                                const Vocab& vocab,
-                                                                                const FanInView& fan_in);
+struct Seed {
+  StrId path;
+  std::int64_t start, end;
+};
+inline constexpr Needs kSeedNeeds = kRankedNeeds | Needs{.files = bit(file_f::path), .line_counts = true};
+std::vector<Seed> file_seeds(const FactsView& view, const Ranking& ranking);
 
 // One file of a quota selection: its declarations are `count` consecutive
 // entries of `keys`, starting at `first`, in the caller's order.
@@ -75,15 +46,24 @@ struct QuotaFile {
   std::size_t count;
 };
 
-// The cap of the first sharing pass: the ceiling of total * max_share in
-// double precision, never below floor_each; an infinite share is an
-// overflow_error and a NaN a domain_error, as for any ceiling.
-std::int64_t quota_cap(std::int64_t total, double max_share, std::int64_t floor_each);
+// The largest share of the total that one file may take in the first
+// sharing pass. An int share multiplies exactly: any int of 1 or more lets a
+// file take the whole total, any of 0 or less holds it to its floor.
+struct Share {
+  double value = 0;
+  bool exact = false;         // an int: only `at_least_one` matters
+  bool at_least_one = false;
+};
+
+// The cap of the first sharing pass: the ceiling of total * share in double
+// precision, never below floor_each. An infinite product is an
+// overflow_error, a NaN one a domain_error, as for any ceiling.
+std::int64_t quota_cap(std::int64_t total, Share share, std::int64_t floor_each);
 
 // Up to `total` entries (indices into `keys`), every file's best first, then
 // every file's second, and so on. Files with no declarations are ignored.
 std::vector<std::size_t> select_with_quota(const std::vector<QuotaFile>& files, const std::vector<RankKey>& keys,
-                                           std::int64_t total, std::int64_t floor, double max_share);
+                                           std::int64_t total, std::int64_t floor, Share share);
 
 // The walk of a best-first (name, path) list: at most `limit` names, at most
 // `per_file` of them from one path. Feed paths with `offer` while `full()`
@@ -97,7 +77,7 @@ class Spreader {
 
  private:
   std::int64_t limit_, per_file_, taken_ = 0;
-  std::unordered_map<StrId, std::int64_t> counts_;
+  std::vector<std::int64_t> counts_;  // by StrId
 };
 
 }  // namespace scope

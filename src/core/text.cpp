@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <numeric>
 
-#include "evidence.hpp"
-
 namespace scope {
 
 namespace {
@@ -17,8 +15,6 @@ constexpr std::string_view kCardsParagraph =
 constexpr std::string_view kCardsHeader = "| File | Lines | Declarations | Summary | Most used | Used by | Tests |";
 constexpr std::string_view kCardsSeparator = "|---|---|---|---|---|---|---|";
 constexpr std::string_view kMissingCells = "` | ? | 0 | not in the index | | | |\n";
-
-constexpr std::uint32_t kNone = 0xffffffffu;
 
 // Decimal digits of a count that may not fit in 64 bits (a list's length
 // minus a very negative limit).
@@ -33,49 +29,10 @@ std::string decimal(unsigned __int128 value) {
   return std::string(at, end);
 }
 
-// A declaration with a use count from the source its file's card shows.
-struct Used {
-  std::size_t row;
-  std::int64_t count;
-};
-
-// The declarations of `rows` that have uses from outside the page, or, when
-// none has, those with uses from the page's own files (`inside` tells which);
-// most used first, equal counts in the order of `rows`.
-std::vector<Used> used_rows(const Table& table, std::span<const std::size_t> rows, const FanInView& fan_in,
-                            bool& inside) {
-  std::vector<Used> used;
-  for (bool from_inside : {false, true}) {
-    for (std::size_t row : rows) {
-      std::int64_t id = table.num(sym_f::id, row);
-      std::int64_t count = from_inside ? fan_in.inside_count(id) : fan_in.outside_count(id);
-      if (count > 0) used.push_back({row, count});
-    }
-    if (!used.empty()) {
-      inside = from_inside;
-      std::stable_sort(used.begin(), used.end(), [](const Used& a, const Used& b) { return a.count > b.count; });
-      break;
-    }
-  }
-  return used;
-}
-
-// "`name` L<line> (<label><count>)".
-std::string used_item(const StringPool& pool, const Table& table, const Used& used, bool inside) {
-  std::string item(1, '`');
-  item += pool.text(table.str(sym_f::name, used.row));
-  item += "` L";
-  item += std::to_string(table.num(sym_f::start_line, used.row));
-  item += inside ? " (in-page " : " (";
-  item += std::to_string(used.count);
-  item += ')';
-  return item;
-}
-
 // Indices of the `k` entries with the highest counts, highest first, equal
 // counts in entry order: the head of a stable sort by count, found without
 // sorting the whole list.
-std::vector<std::size_t> first_by_count(const std::vector<std::pair<StrId, std::int64_t>>& entries, std::size_t k) {
+std::vector<std::size_t> first_by_count(std::span<const std::pair<StrId, std::int64_t>> entries, std::size_t k) {
   std::vector<std::size_t> order(entries.size());
   std::iota(order.begin(), order.end(), std::size_t{0});
   k = std::min(k, order.size());
@@ -137,94 +94,94 @@ std::string named(std::span<const std::string> shown, std::size_t total, std::in
   return out;
 }
 
-std::vector<FileUsers> file_users(const FactsView& view, const Vocab& vocab) {
+FileUsers file_users(const FactsView& view, const Vocab& vocab) {
   const Table& in = view.inbound;
   const std::size_t strings = view.pool.size();
-  std::vector<FileUsers> result;
-  // Counted rows, bucketed by target (in first-counted order) while keeping
-  // their order within a bucket; then each bucket is summed per user.
-  std::vector<std::uint32_t> slot(strings, kNone);  // target path -> index in result
-  std::vector<std::uint32_t> counted_slot;
-  std::vector<std::size_t> counted_row;
-  std::vector<std::size_t> bucket_size;
-  for (std::size_t row = 0; row < in.rows; ++row) {
-    StrId source = in.str(in_f::source_path, row), target = in.str(in_f::target_path, row);
+  FileUsers result;
+  result.entry_of.assign(strings, FileUsers::kNone);
+  // The counted rows, bucketed by target in first-counted order (each bucket
+  // in row order), then summed per user within each bucket.
+  std::vector<std::uint32_t> counted;
+  for (std::size_t row = 0; row < in.rows(); ++row) {
+    const StrId source = in.str(in_f::source_path, row), target = in.str(in_f::target_path, row);
     if (source == target || view.path_has(source, path_bit::test_source)) continue;
-    if (!is_use(vocab, in.str(in_f::resolution, row), in.str(in_f::target_kind, row),
-                view.path_has(target, path_bit::import_resolved)))
-      continue;
-    std::uint32_t& s = slot[target];
-    if (s == kNone) {
-      s = static_cast<std::uint32_t>(result.size());
-      result.push_back({target, {}});
-      bucket_size.push_back(0);
+    if (!is_use_row(view, vocab, in_f::resolution, in_f::target_kind, in_f::target_path, row)) continue;
+    std::uint32_t& entry = result.entry_of[target];
+    if (entry == FileUsers::kNone) {
+      entry = static_cast<std::uint32_t>(result.target.size());
+      result.target.push_back(target);
     }
-    counted_slot.push_back(s);
-    counted_row.push_back(row);
-    ++bucket_size[s];
+    counted.push_back(static_cast<std::uint32_t>(row));
   }
-  std::vector<std::size_t> start(result.size() + 1, 0);
-  for (std::size_t s = 0; s < result.size(); ++s) start[s + 1] = start[s] + bucket_size[s];
-  std::vector<std::size_t> bucketed(counted_row.size());
-  {
-    std::vector<std::size_t> fill(start.begin(), start.end() - 1);
-    for (std::size_t i = 0; i < counted_row.size(); ++i) bucketed[fill[counted_slot[i]]++] = counted_row[i];
-  }
-  std::vector<std::uint32_t> position(strings, kNone);  // user path -> index in the bucket's users
-  for (std::size_t s = 0; s < result.size(); ++s) {
-    auto& users = result[s].users;
-    for (std::size_t i = start[s]; i < start[s + 1]; ++i) {
-      std::size_t row = bucketed[i];
-      StrId source = in.str(in_f::source_path, row);
-      std::int64_t refs = in.num(in_f::refs, row);
+  Groups buckets = group_rows(counted.size(), result.target.size(),
+                              [&](std::size_t i) { return result.entry_of[in.str(in_f::target_path, counted[i])]; });
+  std::vector<std::uint32_t> position(strings, FileUsers::kNone);  // user path -> index among the entry's users
+  result.start.push_back(0);
+  for (std::size_t entry = 0; entry < result.target.size(); ++entry) {
+    const std::size_t first = result.users.size();
+    for (std::uint32_t i : buckets.of(entry)) {
+      const std::uint32_t row = counted[i];
+      const StrId source = in.str(in_f::source_path, row);
+      const std::int64_t refs = in.num(in_f::refs, row);
       std::uint32_t& at = position[source];
-      if (at == kNone) {
-        at = static_cast<std::uint32_t>(users.size());
-        users.emplace_back(source, refs);
+      if (at == FileUsers::kNone) {
+        at = static_cast<std::uint32_t>(result.users.size() - first);
+        result.users.emplace_back(source, refs);
       } else {
-        users[at].second = checked_add(users[at].second, refs);
+        auto& sum = result.users[first + at].second;
+        sum = checked_add(sum, refs);
       }
     }
-    for (const auto& user : users) position[user.first] = kNone;
+    for (std::size_t i = first; i < result.users.size(); ++i) position[result.users[i].first] = FileUsers::kNone;
+    result.start.push_back(static_cast<std::uint32_t>(result.users.size()));
   }
   return result;
 }
 
-std::vector<std::string> most_used(const StringPool& pool, const Table& table, std::span<const std::size_t> rows,
-                                   const FanInView& fan_in) {
+std::vector<std::string> most_used(const FactsView& view, const FanInSlots& fan_in, std::span<const std::uint32_t> rows,
+                                   std::size_t limit, std::size_t& count) {
+  const Table& symbols = view.symbols;
+  const std::vector<std::uint32_t>& slot = view.derived.symbol_slot;
+  struct Used {
+    std::uint32_t row;
+    std::int64_t count;
+  };
+  std::vector<Used> used;
   bool inside = false;
-  std::vector<Used> used = used_rows(table, rows, fan_in, inside);
+  for (bool from_inside : {false, true}) {
+    for (std::uint32_t row : rows) {
+      std::int64_t uses = from_inside ? fan_in.inside_of(slot[row]) : fan_in.outside_of(slot[row]);
+      if (uses > 0) used.push_back({row, uses});
+    }
+    if (!used.empty()) {
+      inside = from_inside;
+      std::stable_sort(used.begin(), used.end(), [](const Used& a, const Used& b) { return a.count > b.count; });
+      break;
+    }
+  }
+  count = used.size();
   std::vector<std::string> items;
-  items.reserve(used.size());
-  for (const Used& u : used) items.push_back(used_item(pool, table, u, inside));
+  for (std::size_t i = 0; i < used.size() && i < limit; ++i) {
+    // "`name` L<line> (<label><count>)"
+    std::string item(1, '`');
+    item += view.pool.text(symbols.str(sym_f::name, used[i].row));
+    item += "` L";
+    item += std::to_string(symbols.num(sym_f::start_line, used[i].row));
+    item += inside ? " (in-page " : " (";
+    item += std::to_string(used[i].count);
+    item += ')';
+    items.push_back(std::move(item));
+  }
   return items;
 }
 
-std::string render_file_cards(const FactsView& view, const Vocab& vocab, const FanInView& fan_in,
+std::string render_file_cards(const FactsView& view, const FileUsers& users, const FanInSlots& fan_in,
                               std::string_view heading, std::span<const std::string> missing,
-                              const std::unordered_map<StrId, NameList>& tests) {
+                              std::span<const NameList> tests) {
   const StringPool& pool = view.pool;
-  const Table& symbols = view.symbols;
-  const std::size_t strings = pool.size();
   const auto card_names = static_cast<std::size_t>(kCardNames);
-
-  // The page's declarations by file, each group in symbols order.
-  std::vector<std::uint32_t> group_of(strings, kNone);
-  std::vector<std::vector<std::size_t>> groups;
-  for (std::size_t row = 0; row < symbols.rows; ++row) {
-    std::uint32_t& g = group_of[symbols.str(sym_f::path, row)];
-    if (g == kNone) {
-      g = static_cast<std::uint32_t>(groups.size());
-      groups.emplace_back();
-    }
-    groups[g].push_back(row);
-  }
-  std::vector<FileUsers> users = file_users(view, vocab);
-  std::vector<std::uint32_t> users_of(strings, kNone);
-  for (std::size_t i = 0; i < users.size(); ++i) users_of[users[i].target] = static_cast<std::uint32_t>(i);
-
   std::string out;
-  out.reserve(heading.size() + kCardsParagraph.size() + 200 * (view.files.rows + missing.size() + 2));
+  out.reserve(heading.size() + kCardsParagraph.size() + 200 * (view.files.rows() + missing.size() + 2));
   out += heading;
   out += "\n\n";
   out += kCardsParagraph;
@@ -235,45 +192,35 @@ std::string render_file_cards(const FactsView& view, const Vocab& vocab, const F
   out += '\n';
 
   std::vector<std::string> shown;
-  for (std::size_t row = 0; row < view.files.rows; ++row) {
-    StrId path = view.files.str(file_f::path, row);
-    std::span<const std::size_t> declarations;
-    if (group_of[path] != kNone) declarations = groups[group_of[path]];
-
+  for (std::size_t row = 0; row < view.files.rows(); ++row) {
+    const StrId path = view.files.str(file_f::path, row);
+    const std::span<const std::uint32_t> declarations = view.derived.symbols_by_path.of_key(path);
     out += "| `";
     out += pool.text(path);
     out += "` | ";
-    auto lines = view.line_counts.find(path);
-    out += lines == view.line_counts.end() ? std::string("?") : std::to_string(lines->second);
+    const std::int64_t lines = view.line_count(path);
+    out += lines == FactsView::kNoLines ? std::string("?") : std::to_string(lines);
     out += " | ";
     out += std::to_string(declarations.size());
-    auto summary = view.summaries.find(path);
-    append_cell(out, summary == view.summaries.end() ? std::string_view() : pool.text(summary->second));
+    const StrId summary = view.summary(path);
+    append_cell(out, summary == kNoStr ? std::string_view() : pool.text(summary));
 
-    // Most used: only the items the cell shows are written out.
-    bool inside = false;
-    std::vector<Used> used = used_rows(symbols, declarations, fan_in, inside);
-    shown.clear();
-    for (std::size_t i = 0; i < used.size() && i < card_names; ++i)
-      shown.push_back(used_item(pool, symbols, used[i], inside));
-    append_cell(out, named(shown, used.size(), kCardNames));
+    std::size_t count = 0;
+    shown = most_used(view, fan_in, declarations, card_names, count);
+    append_cell(out, named(shown, count, kCardNames));
 
     // Used by: the users with the highest counts, as short paths.
     shown.clear();
     std::size_t user_count = 0;
-    if (users_of[path] != kNone) {
-      const auto& entries = users[users_of[path]].users;
+    if (path < users.entry_of.size() && users.entry_of[path] != FileUsers::kNone) {
+      auto entries = users.of(users.entry_of[path]);
       user_count = entries.size();
       for (std::size_t i : first_by_count(entries, card_names)) shown.push_back(short_path(pool.text(entries[i].first)));
     }
     append_cell(out, named(shown, user_count, kCardNames));
 
-    auto reaching = tests.find(path);
-    if (reaching == tests.end()) {
-      append_cell(out, std::string_view());
-    } else {
-      append_cell(out, named(reaching->second.head, reaching->second.total, kCardNames));
-    }
+    const NameList& reaching = tests[row];
+    append_cell(out, reaching.total == 0 ? std::string() : named(reaching.head, reaching.total, kCardNames));
     out += " |\n";
   }
   for (const std::string& path : missing) {

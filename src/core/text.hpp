@@ -7,17 +7,14 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "counter.hpp"
-#include "view.hpp"
+#include "evidence.hpp"
+#include "needs.hpp"
+#include "rules.hpp"
 
 namespace scope {
-
-// How many names one cell of a file card shows.
-inline constexpr std::int64_t kCardNames = 3;
 
 // The last two "/"-separated segments of a path (empty segments count).
 std::string short_path(std::string_view path);
@@ -36,22 +33,34 @@ inline std::string named(std::span<const std::string> names, std::int64_t limit)
   return named(names.first(named_shown(names.size(), limit)), names.size(), limit);
 }
 
-// The production files that use one page file (`target`) through evidence,
-// with their summed refs, in the order of their first counted reference.
+// The production files that use each page file through evidence, with their
+// summed refs: per target path in first-counted order, the users of each in
+// the order of their first counted reference. A file nobody else uses has
+// no entry.
 struct FileUsers {
-  StrId target;
-  std::vector<std::pair<StrId, std::int64_t>> users;
-};
-// Per page file, in first-counted order; a file nobody else uses has no
-// entry. Needs inbound source_path, target_path, target_kind, resolution,
-// refs and the import_resolved and test_source bits.
-std::vector<FileUsers> file_users(const FactsView& view, const Vocab& vocab);
+  std::vector<StrId> target;                               // by entry
+  std::vector<std::uint32_t> start;                        // by entry, plus the end
+  std::vector<std::pair<StrId, std::int64_t>> users;       // entries one after another
+  std::vector<std::uint32_t> entry_of;                     // by target path StrId; kNone: no entry
 
-// One item per used declaration of `rows` (rows of `table`), most used first:
-// uses from outside the page, or, when none of them has any, uses from the
-// page's own files labelled "in-page ". Needs id, name, start_line.
-std::vector<std::string> most_used(const StringPool& pool, const Table& table, std::span<const std::size_t> rows,
-                                   const FanInView& fan_in);
+  static constexpr std::uint32_t kNone = 0xffffffffu;
+  std::span<const std::pair<StrId, std::int64_t>> of(std::size_t entry) const {
+    return {users.data() + start[entry], users.data() + start[entry + 1]};
+  }
+};
+inline constexpr Needs kFileUsersNeeds{
+    .inbound = bits(in_f::source_path, in_f::target_path, in_f::target_kind, in_f::resolution, in_f::refs),
+    .path_bits = path_bit::import_resolved | path_bit::test_source};
+FileUsers file_users(const FactsView& view, const Vocab& vocab);
+
+// One item per used declaration of `rows`, most used first: uses from
+// outside the page, or, when none of them has any, uses from the page's own
+// files labelled "in-page ". At most `limit` items are written; `count`
+// gets how many there are.
+inline constexpr Needs kMostUsedNeeds{.symbols = bits(sym_f::name, sym_f::start_line),
+                                      .derived = derived::symbol_slots};
+std::vector<std::string> most_used(const FactsView& view, const FanInSlots& fan_in, std::span<const std::uint32_t> rows,
+                                   std::size_t limit, std::size_t& count);
 
 // The names of one cell as the host gave them: those a slice [:kCardNames]
 // gave, and how many there are in all.
@@ -61,10 +70,12 @@ struct NameList {
 };
 
 // The file cards table. `tests` holds the names of the tests that reach each
-// page file (by path). Needs files path, symbols path, id, name, start_line,
-// the line counts, the summaries and what file_users needs.
-std::string render_file_cards(const FactsView& view, const Vocab& vocab, const FanInView& fan_in,
+// page file, by row of `files` (empty total: none).
+inline constexpr Needs kCardsNeeds =
+    kFileUsersNeeds | kMostUsedNeeds |
+    Needs{.files = bit(file_f::path), .line_counts = true, .summaries = true, .derived = derived::by_path};
+std::string render_file_cards(const FactsView& view, const FileUsers& users, const FanInSlots& fan_in,
                               std::string_view heading, std::span<const std::string> missing,
-                              const std::unordered_map<StrId, NameList>& tests);
+                              std::span<const NameList> tests);
 
 }  // namespace scope

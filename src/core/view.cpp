@@ -1,44 +1,44 @@
 #include "view.hpp"
 
-#include <stdexcept>
+#include <cstdio>
+#include <cstdlib>
 
 namespace scope {
 
-StrId StringPool::intern(std::string_view text) {
-  auto found = index_.find(text);
-  if (found != index_.end()) return found->second;
-  if (strings_.size() >= kNoStr) throw std::length_error("too many distinct strings");
-  auto id = static_cast<StrId>(strings_.size());
-  const std::string& stored = strings_.emplace_back(text);
-  index_.emplace(std::string_view(stored), id);
-  return id;
+void check_failed(const char* condition, const char* file, int line) {
+  std::fprintf(stderr, "scope: %s:%d: check failed: %s\n", file, line, condition);
+  std::abort();
 }
 
-StrId StringPool::find(std::string_view text) const {
-  auto found = index_.find(text);
-  return found == index_.end() ? kNoStr : found->second;
+void IntColumn::push_wide(std::int64_t value) {
+  if (wide_.empty()) {
+    wide_.reserve(narrow_.capacity() > narrow_.size() ? narrow_.capacity() : narrow_.size() + 1);
+    wide_.assign(narrow_.begin(), narrow_.end());
+    narrow_ = {};
+  }
+  wide_.push_back(value);
 }
 
-void FactsView::set_path_bit(StrId path, std::uint8_t which) {
-  if (path >= path_bits.size()) path_bits.resize(std::size_t{path} + 1, 0);
-  path_bits[path] |= which;
+void Table::mark(unsigned field, std::size_t rows) {
+  rows_ = rows;
+  loaded_ |= bit(field);
 }
 
-namespace {
-bool first_sight(std::vector<bool>& seen, StrId id) {
-  if (id >= seen.size()) seen.resize(std::size_t{id} + 1, false);
-  if (seen[id]) return false;
-  seen[id] = true;
-  return true;
-}
-}  // namespace
-
-void FactsView::note_kind(StrId id) {
-  if (first_sight(kinds_seen_, id)) kind_ids.push_back(id);
+void Table::commit(unsigned field, std::size_t rows, IntColumn column) {
+  ints_[field] = std::move(column);
+  mark(field, rows);
 }
 
-void FactsView::note_resolution(StrId id) {
-  if (first_sight(resolutions_seen_, id)) resolution_ids.push_back(id);
+void Table::commit(unsigned field, std::size_t rows, std::vector<StrId> column) {
+  strs_[field] = std::move(column);
+  mark(field, rows);
+}
+
+std::size_t Table::bytes() const {
+  std::size_t total = 0;
+  for (const IntColumn& column : ints_) total += column.bytes();
+  for (const auto& column : strs_) total += column.capacity() * sizeof(StrId);
+  return total;
 }
 
 void Vocab::set(StrId id, std::uint16_t which) {
@@ -51,6 +51,39 @@ void Vocab::set_literals(const StringPool& pool, StrId id) {
   if (text == "constant") set(id, vocab_bit::constant);
   if (text == "unique") set(id, vocab_bit::unique);
   if (text == "legacy") set(id, vocab_bit::legacy);
+}
+
+void FactsView::set_path_bit(StrId path, std::uint8_t which) {
+  if (path >= path_bits.size()) path_bits.resize(std::size_t{path} + 1, 0);
+  path_bits[path] |= which;
+}
+
+namespace {
+void note_distinct(const std::vector<StrId>& column, std::vector<bool>& seen, std::vector<StrId>& ids) {
+  for (StrId id : column) {
+    if (id == kNoStr) continue;
+    if (id >= seen.size()) seen.resize(std::size_t{id} + 1, false);
+    if (seen[id]) continue;
+    seen[id] = true;
+    ids.push_back(id);
+  }
+}
+}  // namespace
+
+void FactsView::note_kinds(const Table& table, unsigned field) {
+  note_distinct(table.strs(field), kinds_seen_, kind_ids);
+}
+
+void FactsView::note_resolutions(const Table& table, unsigned field) {
+  note_distinct(table.strs(field), resolutions_seen_, resolution_ids);
+}
+
+std::size_t FactsView::bytes() const {
+  const Derived& d = derived;
+  return pool.bytes() + files.bytes() + symbols.bytes() + inbound.bytes() + outbound.bytes() + path_bits.capacity() +
+         line_counts.capacity() * 8 + summaries.capacity() * 4 + d.ids.bytes() +
+         (d.symbol_slot.capacity() + d.inbound_slot.capacity() + d.outbound_slot.capacity()) * 4 +
+         (d.symbols_by_path.rows.capacity() + d.symbols_by_path.group_of_key.capacity()) * 4 + d.member.capacity() / 8;
 }
 
 }  // namespace scope

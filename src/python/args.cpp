@@ -1,10 +1,8 @@
 // Reading the host's arguments: integers, numbers, iterables, pairs and
 // mappings, with errors that name the function and the argument.
-#include <cstdarg>
-#include <cstring>
 #include <string>
 
-#include "pyref.hpp"
+#include "args.hpp"
 
 namespace scope::py {
 
@@ -46,14 +44,31 @@ std::int64_t as_int64(PyObject* object, Where where) {
   return value;
 }
 
-double real_arg(PyObject* object, const char* argument) {
+double as_double(PyObject* object, Where where) {
   if (PyFloat_Check(object)) return PyFloat_AS_DOUBLE(object);
   PyNumberMethods* number = Py_TYPE(object)->tp_as_number;
   if (number == nullptr || (number->nb_float == nullptr && number->nb_index == nullptr))
-    wrong_type(Where{argument}, "a real number", object);
+    wrong_type(where, "a real number", object);
   double value = PyFloat_AsDouble(object);
   if (value == -1.0 && PyErr_Occurred()) throw PyError{};
   return value;
+}
+
+std::string_view utf8_of(PyObject* text, PyRef& scratch, Where where) {
+  if (!PyUnicode_Check(text)) wrong_type(where, "str", text);
+  Py_ssize_t size = 0;
+  const char* bytes = PyUnicode_AsUTF8AndSize(text, &size);
+  if (bytes != nullptr) return {bytes, static_cast<std::size_t>(size)};
+  if (!PyErr_ExceptionMatches(PyExc_UnicodeEncodeError)) throw PyError{};
+  // Lone surrogates have no UTF-8 form; keep them as their three-byte
+  // encoding so that they come back unchanged and still sort by code point.
+  PyErr_Clear();
+  scratch = check(PyUnicode_AsEncodedString(text, "utf-8", "surrogatepass"));
+  return {PyBytes_AS_STRING(scratch.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(scratch.get()))};
+}
+
+PyRef str_from_utf8(std::string_view text) {
+  return check(PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogatepass"));
 }
 
 bool truth(PyObject* object) { return check(PyObject_IsTrue(object)) != 0; }
@@ -68,32 +83,29 @@ PyRef new_int128(__int128 value) {
   return check(PyNumber_Add(shifted.get(), low.get()));
 }
 
-void parse_args(PyObject* args, PyObject* kwargs, const char* format, const char* const* keywords, ...) {
-  if (kwargs != nullptr) {
-    PyObject* key;
-    PyObject* value;
-    Py_ssize_t position = 0;
-    while (PyDict_Next(kwargs, &position, &key, &value)) {  // borrowed
-      bool known = false;
-      for (const char* const* keyword = keywords; *keyword != nullptr && !known; ++keyword)
-        known = PyUnicode_Check(key) && PyUnicode_CompareWithASCIIString(key, *keyword) == 0;
-      if (!known) {
-        const char* name = std::strchr(format, ':');
-        raise_format(PyExc_TypeError, "%s() got an unexpected keyword argument '%S'", name ? name + 1 : "function",
-                     key);
-      }
-    }
+void bind_arguments(std::span<const char* const> params, std::size_t required, PyObject* const* args,
+                    Py_ssize_t nargs, PyObject* kwnames, PyObject** bound) {
+  const char* function = CallScope::function();
+  const auto count = static_cast<Py_ssize_t>(params.size());
+  if (nargs > count)
+    raise_format(PyExc_TypeError, "%s() takes %zd positional arguments but %zd were given", function, count, nargs);
+  for (Py_ssize_t i = 0; i < count; ++i) bound[i] = i < nargs ? args[i] : nullptr;
+  const Py_ssize_t keywords = kwnames == nullptr ? 0 : PyTuple_GET_SIZE(kwnames);
+  for (Py_ssize_t k = 0; k < keywords; ++k) {
+    PyObject* name = PyTuple_GET_ITEM(kwnames, k);  // borrowed; a str, as the call protocol makes them
+    Py_ssize_t at = 0;
+    while (at < count && PyUnicode_CompareWithASCIIString(name, params[static_cast<std::size_t>(at)]) != 0) ++at;
+    if (at == count) raise_format(PyExc_TypeError, "%s() got an unexpected keyword argument '%S'", function, name);
+    if (bound[at] != nullptr) raise_format(PyExc_TypeError, "%s() got multiple values for argument '%S'", function, name);
+    bound[at] = args[nargs + k];
   }
-  va_list arguments;
-  va_start(arguments, keywords);
-  int parsed = PyArg_VaParseTupleAndKeywords(args, kwargs, format, const_cast<char**>(keywords), arguments);
-  va_end(arguments);
-  if (!parsed) throw PyError{};
+  for (std::size_t i = 0; i < required; ++i)
+    if (bound[i] == nullptr)
+      raise_format(PyExc_TypeError, "%s() missing required argument '%s' (pos %zu)", function, params[i], i + 1);
 }
 
-bool type_has(PyObject* object, const char* name) {
-  PyRef key = check(PyUnicode_InternFromString(name));
-  return _PyType_Lookup(Py_TYPE(object), key.get()) != nullptr;  // borrowed; runs no host code
+bool type_has(PyObject* object, PyObject* name) {
+  return _PyType_Lookup(Py_TYPE(object), name) != nullptr;  // borrowed; runs no host code
 }
 
 PyRef snapshot(PyObject* object, Where where, const char* expected) {
@@ -135,13 +147,48 @@ std::vector<std::pair<PyRef, PyRef>> mapping_items(PyObject* mapping, Where wher
       items.emplace_back(PyRef::borrow(key), PyRef::borrow(value));
     return items;
   }
-  if (!type_has(mapping, "items")) wrong_type(where, "a mapping", mapping);
+  PyRef items_name = check(PyUnicode_InternFromString("items"));
+  if (!type_has(mapping, items_name.get())) wrong_type(where, "a mapping", mapping);
   PyRef view = check(PyObject_CallMethod(mapping, "items", nullptr));
   PyRef all = snapshot(view.get(), where, "a mapping whose items() is iterable");
   std::string what = where.what ? std::string("an item of ") + where.what + ".items()" : "an item of items()";
   for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(all.get()); ++i)
     items.push_back(unpack_pair(PyTuple_GET_ITEM(all.get(), i), Where{where.argument, what.c_str()}));
   return items;
+}
+
+}  // namespace scope::py
+
+namespace scope::py {
+
+IdMatch id_of(PyObject* object, std::int64_t& id) {
+  if (PyLong_CheckExact(object) || PyBool_Check(object)) {
+    int overflow = 0;
+    long long value = PyLong_AsLongLongAndOverflow(object, &overflow);
+    if (overflow != 0) return IdMatch::none;
+    id = value;
+    return IdMatch::id;
+  }
+  if (PyFloat_CheckExact(object)) {
+    double value = PyFloat_AS_DOUBLE(object);
+    if (!(value >= -0x1p63 && value < 0x1p63) || value != static_cast<double>(static_cast<std::int64_t>(value)))
+      return IdMatch::none;
+    id = static_cast<std::int64_t>(value);
+    return IdMatch::id;
+  }
+  if (PyUnicode_CheckExact(object) || PyBytes_CheckExact(object) || object == Py_None) return IdMatch::none;
+  return IdMatch::ask;
+}
+
+PyRef get_value(PyObject* mapping, PyObject* key) {
+  if (PyDict_Check(mapping)) {
+    PyObject* value = PyDict_GetItemWithError(mapping, key);  // borrowed
+    if (value == nullptr && PyErr_Occurred()) throw PyError{};
+    return PyRef::borrow(value);
+  }
+  PyRef absent = check(PyObject_CallNoArgs(reinterpret_cast<PyObject*>(&PyBaseObject_Type)));
+  PyRef value = check(PyObject_CallMethod(mapping, "get", "OO", key, absent.get()));
+  return value.get() == absent.get() ? PyRef() : value;
 }
 
 }  // namespace scope::py

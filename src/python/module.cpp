@@ -1,17 +1,15 @@
-// The extension module `scope`: imports from the host's sibling modules,
-// the module constants, FanIn, ScopeFacts and the function tables.
-#include "bindings.hpp"
-#include "facts.hpp"
-#include "pyref.hpp"
+// The extension module `scope`: multi-phase initialisation, the module
+// state, the names taken from the host's sibling modules, the constants
+// (made from the core's values), FanIn and ScopeFacts.
+#include <string>
 
+#include "../core/rules.hpp"
+#include "entries.hpp"
+#include "native.hpp"
 
 namespace scope::py {
 
 namespace {
-
-PyObject* the_module = nullptr;  // borrowed: a single-phase module lives until exit
-PyRef fan_in_class;                // the FanIn made at load, for results
-PyRef counter_class;               // collections.Counter
 
 struct Import {
   const char* module;
@@ -41,107 +39,163 @@ const Import kImports[] = {
     {"tarnwick.workers.wiki.scope_tests", "tests_reaching", "tests_reaching"},
 };
 
-// FanIn is a named tuple like the host's own, so it is made by the standard
-// library's factory; `api` reads `outside` and `entry` only.
-const char kFanInSource[] = R"(
-import collections, types
+const char* const kNameTexts[kNameCount] = {
+    "outside",        "inside",          "entry",         "keys",           "NAME_MATCH_KINDS",
+    "_TYPE_KINDS",    "_CALLABLE_KINDS", "EVIDENCE_RESOLUTIONS", "_TRUSTED", "is_test_path",
+    "tests_reaching", "scope_files",     "inbound_references",   "import_resolved_languages",
+    "scope_symbols",  "outbound_references", "file_summary",     "importing_tests", "unique",
+};
 
-def _make_fan_in():
-    FanIn = collections.namedtuple(
-        "FanIn", ("outside", "inside", "entry"),
-        defaults=(types.MappingProxyType({}), frozenset()), module="scope")
-
-    def api(self, symbol_id):
-        """Whether the declaration is the page's API: some counted use from
-        outside the page (an entry of 0 is none), or an entry point."""
-        return self.outside.get(symbol_id, 0) > 0 or symbol_id in self.entry
-
-    api.__qualname__ = "FanIn.api"
-    api.__module__ = "scope"
-    FanIn.api = api
-    FanIn.__doc__ = (
-        "FanIn(outside, inside={}, entry=frozenset())\n\n"
-        "Production uses of a page's declarations by symbol id: `outside` from "
-        "files outside the page, `inside` from the page's own files, and "
-        "`entry`, the ids of the page's entry points.")
-    return FanIn
-
-FanIn = _make_fan_in()
-)";
-
-PyRef frozenset_of(std::initializer_list<const char*> members) {
-  PyRef set = check(PyFrozenSet_New(nullptr));
-  for (const char* member : members) {
-    PyRef text = check(PyUnicode_FromString(member));
-    check(PySet_Add(set.get(), text.get()));
-  }
-  return set;
-}
+const Schema* const kSchemas[kTableCount] = {&kFileSchema, &kSymbolSchema, &kInboundSchema, &kOutboundSchema};
 
 void add(PyObject* module, const char* name, PyRef value) { check(PyModule_AddObjectRef(module, name, value.get())); }
 
-void populate(PyObject* module) {
+template <std::size_t N>
+PyRef frozenset_of(const std::array<std::string_view, N>& members) {
+  PyRef set = check(PyFrozenSet_New(nullptr));
+  for (std::string_view member : members) check(PySet_Add(set.get(), str_from_utf8(member).get()));
+  return set;
+}
+
+// FanIn.api: whether the declaration is the page's API, asking the FanIn's
+// maps as `outside.get(symbol_id, 0) > 0 or symbol_id in entry` would.
+PyObject* fan_in_api(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+  return entry("api", [&]() -> PyRef {
+    static const char* const params[] = {"symbol_id"};
+    PyObject* id = nullptr;
+    bind_arguments(params, 1, args, nargs, kwnames, &id);
+    auto has_outside_uses = [&] {
+      PyRef outside = check(PyObject_GetAttrString(self, "outside"));
+      PyRef count = get_value(outside.get(), id);
+      PyRef zero = new_int(0);
+      return count && check(PyObject_RichCompareBool(count.get(), zero.get(), Py_GT)) != 0;
+    };
+    auto in_entry = [&] {
+      PyRef entry_set = check(PyObject_GetAttrString(self, "entry"));
+      return check(PySequence_Contains(entry_set.get(), id)) != 0;
+    };
+    return new_bool(is_api(has_outside_uses, in_entry));
+  });
+}
+
+PyMethodDef fan_in_api_def = {
+    "api", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(fan_in_api)), METH_FASTCALL | METH_KEYWORDS,
+    PyDoc_STR("api($self, /, symbol_id)\n--\n\n"
+              "Whether the declaration is the page's API: some counted use from outside the page (an entry of 0 "
+              "is none), or an entry point.")};
+
+// FanIn is a named tuple like the host's own, made by the standard library's
+// factory; its `api` is the module's rule.
+PyRef make_fan_in() {
+  PyRef collections = check(PyImport_ImportModule("collections"));
+  PyRef types = check(PyImport_ImportModule("types"));
+  PyRef empty = check(PyDict_New());
+  PyRef no_uses = check(PyObject_CallMethod(types.get(), "MappingProxyType", "O", empty.get()));
+  PyRef no_entry = check(PyFrozenSet_New(nullptr));
+  PyRef kwargs = check(Py_BuildValue("{s(OO)ss}", "defaults", no_uses.get(), no_entry.get(), "module", "scope"));
+  PyRef args = check(Py_BuildValue("(s(sss))", "FanIn", "outside", "inside", "entry"));
+  PyRef factory = check(PyObject_GetAttrString(collections.get(), "namedtuple"));
+  PyRef fan_in = check(PyObject_Call(factory.get(), args.get(), kwargs.get()));
+  PyRef doc = check(PyUnicode_FromString(
+      "Production uses of a page's declarations by symbol id: `outside` from files outside the page, `inside` "
+      "from the page's own files (by default none), and `entry`, the ids of the page's entry points (by default "
+      "none)."));
+  check(PyObject_SetAttrString(fan_in.get(), "__doc__", doc.get()));
+  PyRef api = check(PyDescr_NewMethod(reinterpret_cast<PyTypeObject*>(fan_in.get()), &fan_in_api_def));
+  check(PyObject_SetAttrString(fan_in.get(), "api", api.get()));
+  return fan_in;
+}
+
+void populate(PyObject* module, ModuleState& state) {
+  for (int i = 0; i < kNameCount; ++i) state.names[i] = check(PyUnicode_InternFromString(kNameTexts[i])).release();
+  for (int table = 0; table < kTableCount; ++table)
+    for (unsigned field = 0; field < kSchemas[table]->count; ++field)
+      state.attrs[table][field] =
+          check(PyUnicode_InternFromString(std::string(kSchemas[table]->fields[field].attr).c_str())).release();
+
   for (const Import& import : kImports) {
     PyRef source = check(PyImport_ImportModule(import.module));
     add(module, import.bound_as, check(PyObject_GetAttrString(source.get(), import.name)));
   }
-  add(module, "EVIDENCE_RESOLUTIONS", frozenset_of({"import", "local"}));
+  add(module, "EVIDENCE_RESOLUTIONS", frozenset_of(kEvidenceResolutionNames));
   PyRef trusted = check(PyObject_GetAttrString(module, "TRUSTED_RESOLUTIONS"));
   add(module, "_TRUSTED", check(PyFrozenSet_New(trusted.get())));
-  add(module, "_TYPE_KINDS", frozenset_of({"enum", "class", "interface", "type", "struct"}));
-  add(module, "_CARD_NAMES", new_int(3));
-  add(module, "_CONSUMER_ROWS", new_int(12));
-  add(module, "_CONSUMER_NAMES", new_int(4));
-  add(module, "_UNUSED_NAMES", new_int(8));
-  add(module, "_SIZE_CAP", new_int(40));
+  add(module, "_TYPE_KINDS", frozenset_of(kTypeKindNames));
+  add(module, "_CARD_NAMES", new_int(kCardNames));
+  add(module, "_CONSUMER_ROWS", new_int(kConsumerRows));
+  add(module, "_CONSUMER_NAMES", new_int(kConsumerNames));
+  add(module, "_UNUSED_NAMES", new_int(kUnusedNames));
+  add(module, "_SIZE_CAP", new_int(kSizeCap));
 
-  PyRef globals = check(PyDict_New());
-  check(PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()));  // borrowed
-  check(PyDict_SetItemString(globals.get(), "__name__", check(PyModule_GetNameObject(module)).get()));
-  check(PyRun_String(kFanInSource, Py_file_input, globals.get(), globals.get()));  // the result is None
-  PyObject* fan_in = PyDict_GetItemString(globals.get(), "FanIn");  // borrowed from globals
-  if (fan_in == nullptr) raise(PyExc_SystemError, "FanIn was not defined");
-  fan_in_class = PyRef::borrow(fan_in);
-  add(module, "FanIn", fan_in_class);
+  state.fan_in_type = make_fan_in().release();
+  add(module, "FanIn", PyRef::borrow(state.fan_in_type));
   PyRef collections = check(PyImport_ImportModule("collections"));
-  counter_class = check(PyObject_GetAttrString(collections.get(), "Counter"));
-  if (!init_facts_type(module)) throw PyError{};
-  for (PyMethodDef* table : binding_tables()) check(PyModule_AddFunctions(module, table));
+  state.counter_type = check(PyObject_GetAttrString(collections.get(), "Counter")).release();
+  if (!add_facts_type(module, state)) throw PyError{};
+  check(PyModule_AddFunctions(module, entry_methods()));
 }
+
+int exec_module(PyObject* module) {
+  ModuleState& state = state_of_module(module);
+  state.facts_with_records = new std::vector<FactsObject*>();
+  PyObject* done = entry("scope", [&]() -> PyRef {
+    populate(module, state);
+    return PyRef::borrow(Py_None);
+  });
+  if (done == nullptr) return -1;
+  Py_DECREF(done);
+  return 0;
+}
+
+int traverse_module(PyObject* module, visitproc visit, void* arg) {
+  ModuleState& state = state_of_module(module);
+  Py_VISIT(state.facts_type);
+  Py_VISIT(state.fan_in_type);
+  Py_VISIT(state.counter_type);
+  return 0;
+}
+
+int clear_module(PyObject* module) {
+  ModuleState& state = state_of_module(module);
+  Py_CLEAR(state.facts_type);
+  Py_CLEAR(state.fan_in_type);
+  Py_CLEAR(state.counter_type);
+  for (PyObject*& name : state.names) Py_CLEAR(name);
+  for (auto& row : state.attrs)
+    for (PyObject*& name : row) Py_CLEAR(name);
+  return 0;
+}
+
+void free_module(void* module) {
+  clear_module(static_cast<PyObject*>(module));
+  ModuleState& state = state_of_module(static_cast<PyObject*>(module));
+  delete std::exchange(state.facts_with_records, nullptr);
+}
+
+PyModuleDef_Slot module_slots[] = {
+    {Py_mod_exec, reinterpret_cast<void*>(exec_module)},
+    {0, nullptr},
+};
 
 PyModuleDef module_def = {
     PyModuleDef_HEAD_INIT,
     "scope",
     PyDoc_STR("Grounding of one wiki page: what the index knows of the page's files, turned into file cards, "
               "declaration rankings, citable line ranges, consumers and neighbours."),
-    -1,
+    sizeof(ModuleState),
     nullptr,
-    nullptr,
-    nullptr,
-    nullptr,
-    nullptr,
+    module_slots,
+    traverse_module,
+    clear_module,
+    free_module,
 };
 
 }  // namespace
 
-PyObject* module_object() { return the_module; }
-PyObject* fan_in_type() { return fan_in_class.get(); }
-PyObject* counter_type() { return counter_class.get(); }
-
-PyRef module_attr(const char* name) { return check(PyObject_GetAttrString(the_module, name)); }
+ModuleState& state_of_module(PyObject* module) { return *static_cast<ModuleState*>(PyModule_GetState(module)); }
+ModuleState& state_of_type(PyTypeObject* type) { return *static_cast<ModuleState*>(PyType_GetModuleState(type)); }
+const Schema& schema_of(TableId table) { return *kSchemas[table]; }
 
 }  // namespace scope::py
 
-PyMODINIT_FUNC PyInit_scope(void) {
-  using namespace scope::py;
-  PyObject* module = PyModule_Create(&module_def);
-  if (module == nullptr) return nullptr;
-  the_module = module;
-  PyObject* result = guarded([&]() -> PyRef {
-    populate(module);
-    return PyRef::borrow(module);
-  });
-  Py_DECREF(module);
-  if (result == nullptr) the_module = nullptr;
-  return result;
-}
+PyMODINIT_FUNC PyInit_scope(void) { return PyModuleDef_Init(&scope::py::module_def); }

@@ -116,56 +116,5 @@ PyObject* entry(const char* function, Body&& body) noexcept {
 
 inline PyRef new_int(std::int64_t value) { return check(PyLong_FromLongLong(value)); }
 inline PyRef new_bool(bool value) { return PyRef::borrow(value ? Py_True : Py_False); }
-PyRef new_int128(__int128 value);
-
-// Where a value comes from, for error messages: an argument of the function
-// being called and, for a value inside it, what it is ("ScopeSymbol.kind").
-struct Where {
-  const char* argument;
-  const char* what = nullptr;
-};
-
-// TypeError "f() argument 'a' must be <expected>, not <type>", or
-// "f() argument 'a': <what> must be ...".
-[[noreturn]] void wrong_type(Where where, const char* expected, PyObject* got);
-// OverflowError "f() argument 'a'[: <what>] does not fit in 64 bits".
-[[noreturn]] void too_large(Where where);
-// TypeError or ValueError "f() argument 'a'[: <what>] <message>".
-[[noreturn]] void bad_value(PyObject* type, Where where, const char* message);
-
-// A 64-bit integer from an int (or an object with __index__).
-std::int64_t as_int64(PyObject* object, Where where);
-// An int argument: as as_int64, but only an int or __index__ object is taken.
-inline std::int64_t int_arg(PyObject* object, const char* argument) { return as_int64(object, Where{argument}); }
-// A real-number argument (int or float, or __float__), as a double.
-double real_arg(PyObject* object, const char* argument);
-bool truth(PyObject* object);
-
-// Attribute of the module `scope`, looked up now: the host may rebind it.
-PyRef module_attr(const char* name);
-PyObject* module_object();  // borrowed
-
-// PyArg_ParseTupleAndKeywords, which first names any unknown keyword
-// ("f() got an unexpected keyword argument 'x'"). `format` ends in ":name".
-void parse_args(PyObject* args, PyObject* kwargs, const char* format, const char* const* keywords, ...);
-
-// Whether the type of `object` has an attribute `name` of its own or
-// inherited (a method or a property), without running any host code.
-bool type_has(PyObject* object, const char* name);
-
-// The items of an iterable, as a tuple that only the caller holds. Unlike
-// tuple(), no length the object reports is trusted: the tuple grows with
-// what the iteration yields. TypeError naming `where` when `object` is not
-// iterable; errors of the iteration itself propagate unchanged.
-PyRef snapshot(PyObject* object, Where where, const char* expected);
-
-// The two items of a pair (any iterable of exactly two), as unpacking
-// `a, b = pair` takes them: TypeError when it is not iterable, ValueError
-// for another number of items.
-std::pair<PyRef, PyRef> unpack_pair(PyObject* pair, Where where);
-
-// The (key, value) items of a mapping: a dict's own, or whatever `items()`
-// yields, unpacked as pairs.
-std::vector<std::pair<PyRef, PyRef>> mapping_items(PyObject* mapping, Where where);
 
 }  // namespace scope::py

@@ -1,0 +1,62 @@
+#include "flat.hpp"
+
+#include <cstring>
+#include <functional>
+#include <stdexcept>
+
+namespace scope {
+
+namespace {
+constexpr std::size_t kBlockBytes = 64 * 1024;
+}
+
+std::pair<StrId, bool> StringPool::intern(std::string_view text, std::uint64_t hash) {
+  if (2 * (texts_.size() + 1) > cells_.size()) grow();
+  const std::size_t mask = cells_.size() - 1;
+  for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
+    Cell& cell = cells_[at];
+    if (cell.id == kNoStr) {
+      if (texts_.size() >= kNoStr) throw std::length_error("too many distinct strings");
+      cell = {hash, static_cast<StrId>(texts_.size())};
+      texts_.push_back(store(text));
+      return {cell.id, true};
+    }
+    if (cell.hash == hash && texts_[cell.id] == text) return {cell.id, false};
+  }
+}
+
+StrId StringPool::intern(std::string_view text) { return intern(text, std::hash<std::string_view>{}(text)).first; }
+
+void StringPool::grow() {
+  std::size_t size = cells_.empty() ? 64 : 2 * cells_.size();
+  std::vector<Cell> old = std::exchange(cells_, std::vector<Cell>(size, Cell{0, kNoStr}));
+  const std::size_t mask = size - 1;
+  for (const Cell& cell : old) {
+    if (cell.id == kNoStr) continue;
+    std::size_t at = cell.hash & mask;
+    while (cells_[at].id != kNoStr) at = (at + 1) & mask;
+    cells_[at] = cell;
+  }
+}
+
+// Texts live in blocks that never move, so the views stay valid as the pool grows.
+std::string_view StringPool::store(std::string_view text) {
+  if (text.size() > block_left_) {
+    std::size_t size = std::max(kBlockBytes, text.size());
+    blocks_.push_back(std::make_unique<char[]>(size));
+    block_at_ = blocks_.back().get();
+    block_left_ = size;
+    block_bytes_ += size;
+  }
+  if (!text.empty()) std::memcpy(block_at_, text.data(), text.size());
+  std::string_view stored(block_at_, text.size());
+  block_at_ += text.size();
+  block_left_ -= text.size();
+  return stored;
+}
+
+std::size_t StringPool::bytes() const {
+  return cells_.capacity() * sizeof(Cell) + texts_.capacity() * sizeof(std::string_view) + block_bytes_;
+}
+
+}  // namespace scope

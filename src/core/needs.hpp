@@ -1,0 +1,59 @@
+// What an algorithm reads of the view. Each algorithm declares its Needs
+// beside its code; the binding prepares exactly that (converts the columns,
+// marks the paths, derives the shared data) before it runs, and checked
+// builds verify every column access against it.
+#pragma once
+
+#include <cstdint>
+
+#include "view.hpp"
+
+namespace scope {
+
+struct Needs {
+  Mask files = 0, symbols = 0, inbound = 0, outbound = 0;
+  std::uint8_t path_bits = 0;  // path_bit flags
+  bool line_counts = false;
+  bool summaries = false;
+  std::uint8_t derived = 0;  // derived:: flags
+
+  friend constexpr Needs operator|(Needs a, Needs b) {
+    return {a.files | b.files,         a.symbols | b.symbols,         a.inbound | b.inbound,
+            a.outbound | b.outbound,   static_cast<std::uint8_t>(a.path_bits | b.path_bits),
+            a.line_counts || b.line_counts, a.summaries || b.summaries,
+            static_cast<std::uint8_t>(a.derived | b.derived)};
+  }
+  // These needs plus the columns that their derived data is made from.
+  constexpr Needs complete() const {
+    Needs all = *this;
+    if (derived & derived::members) all.derived |= derived::by_path;
+    if (all.derived & derived::symbol_slots) all.symbols |= bit(sym_f::id);
+    if (all.derived & derived::inbound_slots) all.inbound |= bit(in_f::target_id);
+    if (all.derived & derived::outbound_slots) all.outbound |= bit(out_f::target_id);
+    if (all.derived & derived::by_path) all.symbols |= bit(sym_f::path);
+    if (all.derived & derived::members) all.symbols |= bits(sym_f::id, sym_f::kind, sym_f::start_line, sym_f::end_line);
+    return all;
+  }
+};
+
+// Fills the derived data of `needs` that is not ready yet, or that was made
+// with another vocabulary than `vocab`. The columns of needs.complete() must
+// be loaded.
+void derive(FactsView& view, const Vocab& vocab, const Needs& needs);
+
+// While it lives, checked builds let the algorithms read only the columns of
+// `needs`; the previous permission comes back when it ends (calls nest when
+// host code re-enters the module).
+class Allowed {
+ public:
+  Allowed(const FactsView& view, const Needs& needs);
+  ~Allowed();
+  Allowed(const Allowed&) = delete;
+  Allowed& operator=(const Allowed&) = delete;
+
+ private:
+  const FactsView& view_;
+  Mask previous_[4];
+};
+
+}  // namespace scope

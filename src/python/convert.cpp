@@ -1,0 +1,281 @@
+#include "convert.hpp"
+
+#include <structmember.h>
+
+#include <string>
+
+namespace scope::py {
+
+namespace {
+
+// Reads one attribute of many records, where it can without the attribute
+// protocol, always with the value attribute access would give:
+// - a slot: the type looks attributes up the standard way and the name is a
+//   member descriptor of a class the record's type derives from (so the
+//   record has that slot at that offset), as for slotted dataclasses;
+// - the instance dict: the type looks attributes up the standard way, keeps
+//   a dict at a fixed offset, and has no data descriptor of that name (which
+//   would come first), as for SimpleNamespace;
+// - otherwise, and whenever the fast read finds nothing, PyObject_GetAttr.
+// The plan is made per type and remade when the type or its version changes.
+class AttributeReader {
+ public:
+  explicit AttributeReader(PyObject* name) : name_(name) {}
+
+  // A new reference, or null with the exception that attribute access raises.
+  PyObject* read(PyObject* record) {
+    PyTypeObject* type = Py_TYPE(record);
+    if (type != type_ || type->tp_version_tag != version_) learn(type);
+    if (way_ != Way::protocol) {
+      PyObject* found = *reinterpret_cast<PyObject**>(reinterpret_cast<char*>(record) + offset_);
+      if (way_ == Way::slot && found != nullptr) return Py_NewRef(found);
+      if (way_ == Way::dict && found != nullptr && PyDict_Check(found)) {
+        PyObject* value = PyDict_GetItemWithError(found, name_);  // borrowed
+        if (value != nullptr) return Py_NewRef(value);
+        if (PyErr_Occurred()) return nullptr;
+      }
+    }
+    return PyObject_GetAttr(record, name_);
+  }
+
+ private:
+  enum class Way { protocol, slot, dict };
+
+  void learn(PyTypeObject* type) {
+    type_ = type;
+    way_ = Way::protocol;
+    PyObject* descriptor = _PyType_Lookup(type, name_);  // borrowed; also sets the version tag
+    version_ = type->tp_version_tag;
+    if (type->tp_getattro != PyObject_GenericGetAttr || !PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG))
+      return;
+    if (descriptor != nullptr && Py_IS_TYPE(descriptor, &PyMemberDescr_Type)) {
+      auto* member_descriptor = reinterpret_cast<PyMemberDescrObject*>(descriptor);
+      // A descriptor taken from another class (`path = Other.__dict__["id"]`)
+      // describes the layout of that class only.
+      if (!PyType_IsSubtype(type, PyDescr_TYPE(member_descriptor))) return;
+      const PyMemberDef* member = member_descriptor->d_member;
+      if ((member->type == T_OBJECT_EX || member->type == T_OBJECT) && (member->flags & PY_AUDIT_READ) == 0) {
+        way_ = Way::slot;
+        offset_ = member->offset;
+      }
+      return;
+    }
+    if (descriptor != nullptr && Py_TYPE(descriptor)->tp_descr_set != nullptr) return;  // a data descriptor
+    if (type->tp_dictoffset <= 0 || PyType_HasFeature(type, Py_TPFLAGS_MANAGED_DICT)) return;
+    way_ = Way::dict;
+    offset_ = type->tp_dictoffset;
+  }
+
+  PyObject* name_;  // borrowed from the module state
+  PyTypeObject* type_ = nullptr;
+  unsigned int version_ = 0;
+  Way way_ = Way::protocol;
+  Py_ssize_t offset_ = 0;
+};
+
+std::int64_t integer_of(PyObject* value, Where where) {
+  if (PyLong_CheckExact(value)) {
+    int overflow = 0;
+    long long number = PyLong_AsLongLongAndOverflow(value, &overflow);
+    if (overflow == 0) return number;
+  }
+  return as_int64(value, where);
+}
+
+bool truth_of(PyObject* value) {
+  if (value == Py_True) return true;
+  if (value == Py_False || value == Py_None) return false;
+  return truth(value);
+}
+
+// A column being read: the cells of one field, committed when all rows were read.
+struct Pending {
+  unsigned field;
+  const Field& spec;
+  AttributeReader reader;
+  std::string label;  // "ScopeSymbol.kind", for messages
+  IntColumn ints;
+  std::vector<StrId> strs;
+  std::vector<PyRef> objects;
+};
+
+void read_row(NativeFacts& native, Pending& column, PyObject* owner, const char* argument) {
+  PyRef value = PyRef::steal(column.reader.read(owner));
+  if (!value) {
+    if (column.spec.cell != Cell::optional_text || !PyErr_ExceptionMatches(PyExc_AttributeError)) throw PyError{};
+    PyErr_Clear();  // an absent optional field reads as None
+    value = PyRef::borrow(Py_None);
+  }
+  const Where where{argument, column.label.c_str()};
+  switch (column.spec.cell) {
+    case Cell::integer:
+      column.ints.push(integer_of(value.get(), where));
+      break;
+    case Cell::truth:
+      column.ints.push(truth_of(value.get()) ? 1 : 0);
+      break;
+    case Cell::text:
+      column.strs.push_back(intern(native, value.get(), where));
+      break;
+    case Cell::optional_text:
+      column.strs.push_back(value.get() == Py_None ? kNoStr : intern(native, value.get(), where));
+      break;
+    case Cell::record:
+      column.objects.push_back(std::move(value));
+      break;
+  }
+}
+
+// Reads the fields of `wanted` (none of them of the target) for every row.
+void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Table& table, PyObject* records,
+                  Mask wanted, const char* argument) {
+  const Schema& schema = table.schema();
+  std::vector<Pending> columns;
+  for (unsigned field = 0; field < schema.count; ++field) {
+    if (!(wanted & bit(field))) continue;
+    const Field& spec = schema.fields[field];
+    std::string label = std::string(schema.record) + "." + (spec.of_target ? "target." : "") + std::string(spec.attr);
+    columns.push_back({field, spec, AttributeReader(state.attrs[id][field]), std::move(label), {}, {}, {}});
+  }
+  const Py_ssize_t rows = PyTuple_GET_SIZE(records);
+  for (Pending& column : columns) {
+    if (column.spec.cell == Cell::integer || column.spec.cell == Cell::truth) column.ints.reserve(rows);
+    else if (column.spec.cell == Cell::record) column.objects.reserve(rows);
+    else column.strs.reserve(rows);
+  }
+  for (Py_ssize_t row = 0; row < rows; ++row) {
+    PyObject* record = PyTuple_GET_ITEM(records, row);  // borrowed from the facts' own tuple
+    for (Pending& column : columns) {
+      PyObject* owner = column.spec.of_target ? native.targets[static_cast<std::size_t>(row)].get() : record;
+      read_row(native, column, owner, argument);
+    }
+  }
+  // A conversion run from inside host code may have finished first; its
+  // columns are the same, so keep whichever came first.
+  FactsView& view = native.view;
+  for (Pending& column : columns) {
+    if (table.has(bit(column.field))) continue;
+    const auto count = static_cast<std::size_t>(rows);
+    switch (column.spec.cell) {
+      case Cell::integer:
+      case Cell::truth:
+        table.commit(column.field, count, std::move(column.ints));
+        break;
+      case Cell::record:
+        native.targets = std::move(column.objects);
+        table.commit(column.field, count, std::vector<StrId>(count, kNoStr));
+        break;
+      default:
+        table.commit(column.field, count, std::move(column.strs));
+    }
+    if (column.spec.term == Term::kind) view.note_kinds(table, column.field);
+    if (column.spec.term == Term::resolution) view.note_resolutions(table, column.field);
+  }
+}
+
+// Marks every str member of a set field with `which`: membership is by
+// equality with a path string, so other members never match.
+void mark_paths(NativeFacts& native, PyObject* members, std::uint8_t which) {
+  std::vector<StrId> marked;
+  PyRef iterator = check(PyObject_GetIter(members));
+  while (PyRef item = PyRef::steal(PyIter_Next(iterator.get())))
+    if (PyUnicode_Check(item.get())) marked.push_back(intern(native, item.get(), Where{"facts"}));
+  if (PyErr_Occurred()) throw PyError{};
+  for (StrId path : marked) native.view.set_path_bit(path, which);
+  native.view.path_bits_loaded |= which;
+}
+
+// The str keys of one of the facts' maps with their values, read by `value_of`.
+template <class Value, class ValueOf>
+std::vector<Value> by_path(NativeFacts& native, PyObject* mapping, Value none, const char* what, ValueOf value_of) {
+  std::vector<std::pair<StrId, Value>> entries;
+  for (const auto& [key, value] : mapping_items(mapping, Where{"facts", what})) {
+    if (!PyUnicode_Check(key.get())) continue;  // never equal to a path
+    StrId path = intern(native, key.get(), Where{"facts", what});
+    entries.emplace_back(path, value_of(value.get()));
+  }
+  std::vector<Value> values(native.view.pool.size(), none);
+  for (const auto& [path, value] : entries) values[path] = value;
+  return values;
+}
+
+}  // namespace
+
+StrId intern(NativeFacts& native, PyObject* text, Where where) {
+  auto& cached = native.seen[(reinterpret_cast<std::uintptr_t>(text) >> 4) % native.seen.size()];
+  if (cached.first == text) return cached.second;
+  if (!PyUnicode_Check(text)) wrong_type(where, "str", text);
+  // The hash of the text: a subclass's own __hash__ is not the text's.
+  Py_hash_t hash = PyUnicode_CheckExact(text) ? PyObject_Hash(text) : PyUnicode_Type.tp_hash(text);
+  if (hash == -1) throw PyError{};
+  PyRef scratch;
+  std::string_view bytes = utf8_of(text, scratch, where);
+  auto [id, fresh] = native.view.pool.intern(bytes, static_cast<std::uint64_t>(hash));
+  if (fresh) native.strings.push_back(PyRef::borrow(text));
+  if (native.strings[id].get() == text) cached = {text, id};
+  return id;
+}
+
+void load_columns(const ModuleState& state, NativeFacts& native, TableId id, PyObject* records, Mask wanted,
+                  const char* argument) {
+  Table& table = table_of(native.view, id);
+  Mask missing = wanted & ~table.loaded();
+  if (missing == 0) return;
+  const Schema& schema = table.schema();
+  Mask via_target = 0, record_fields = 0;
+  for (unsigned field = 0; field < schema.count; ++field) {
+    if (schema.fields[field].of_target) via_target |= bit(field);
+    if (schema.fields[field].cell == Cell::record) record_fields |= bit(field);
+  }
+  // The target records first: the target's fields are read from them.
+  if (missing & via_target) missing |= record_fields & ~table.loaded();
+  read_columns(state, native, id, table, records, missing & ~via_target, argument);
+  if (missing & via_target) read_columns(state, native, id, table, records, missing & via_target & ~table.loaded(), argument);
+}
+
+void load_table(const ModuleState& state, FactsObject* facts, TableId table, Mask wanted) {
+  NativeFacts& native = native_of(facts);
+  const bool had_symbols = native.view.symbols.loaded() != 0;
+  load_columns(state, native, table, facts->fields[table], wanted, "facts");
+  if (table == kSymbolsTable && !had_symbols) state.facts_with_records->push_back(facts);
+}
+
+void load_path_bits(const ModuleState& state, FactsObject* facts, std::uint8_t which) {
+  NativeFacts& native = native_of(facts);
+  FactsView& view = native.view;
+  const std::uint8_t missing = which & ~view.path_bits_loaded;
+  if (missing & path_bit::in_page) {
+    load_table(state, facts, kFilesTable, bit(file_f::path));
+    if (!(view.path_bits_loaded & path_bit::in_page)) {
+      for (std::size_t row = 0; row < view.files.rows(); ++row)
+        view.set_path_bit(view.files.strs(file_f::path)[row], path_bit::in_page);
+      view.path_bits_loaded |= path_bit::in_page;
+    }
+  }
+  if (missing & path_bit::import_resolved)
+    mark_paths(native, facts->fields[kImportResolvedPaths], path_bit::import_resolved);
+  if (missing & path_bit::test_source) mark_paths(native, facts->fields[kTestSources], path_bit::test_source);
+}
+
+void load_line_counts(FactsObject* facts) {
+  NativeFacts& native = native_of(facts);
+  if (native.view.line_counts_loaded) return;
+  auto counts = by_path<std::int64_t>(native, facts->fields[kLineCounts], FactsView::kNoLines, "line_counts",
+                                      [](PyObject* value) { return integer_of(value, Where{"facts", "line_counts value"}); });
+  if (native.view.line_counts_loaded) return;
+  native.view.line_counts = std::move(counts);
+  native.view.line_counts_loaded = true;
+}
+
+void load_summaries(FactsObject* facts) {
+  NativeFacts& native = native_of(facts);
+  if (native.view.summaries_loaded) return;
+  auto summaries = by_path<StrId>(native, facts->fields[kSummaries], kNoStr, "summaries", [&](PyObject* value) {
+    return intern(native, value, Where{"facts", "summaries value"});
+  });
+  if (native.view.summaries_loaded) return;
+  native.view.summaries = std::move(summaries);
+  native.view.summaries_loaded = true;
+}
+
+}  // namespace scope::py

@@ -1,0 +1,527 @@
+#include "entries.hpp"
+
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "../core/consumers.hpp"
+#include "../core/neighbours.hpp"
+
+namespace scope::py {
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Results.
+
+// A new list of the items of the tuple `records` at `rows`: the host's own
+// objects, not copies.
+template <class Rows>
+PyRef records_at(PyObject* records, const Rows& rows) {
+  PyRef list = check(PyList_New(static_cast<Py_ssize_t>(std::size(rows))));
+  Py_ssize_t i = 0;
+  for (auto row : rows) PyList_SET_ITEM(list.get(), i++, Py_NewRef(PyTuple_GET_ITEM(records, static_cast<Py_ssize_t>(row))));
+  return list;
+}
+
+PyRef text_list(const std::vector<std::string>& texts) {
+  PyRef list = check(PyList_New(static_cast<Py_ssize_t>(texts.size())));
+  for (std::size_t i = 0; i < texts.size(); ++i)
+    PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i), str_from_utf8(texts[i]).release());
+  return list;
+}
+
+// A dict of the counts at `order` of a by-slot array, keyed by symbol id.
+PyRef counts_dict(const std::vector<std::uint32_t>& order, const std::vector<std::int64_t>& counts,
+                  const DenseIndex& ids) {
+  PyRef dict = check(PyDict_New());
+  for (std::uint32_t slot : order)
+    check(PyDict_SetItem(dict.get(), new_int(static_cast<std::int64_t>(ids.key(slot))).get(),
+                         new_int(counts[slot]).get()));
+  return dict;
+}
+
+PyRef str_of(const NativeFacts& native, StrId id) { return native.strings[id]; }
+
+// ---------------------------------------------------------------------------
+// Arguments.
+
+std::string text_arg(PyObject* value, const char* argument) {
+  PyRef scratch;
+  return std::string(utf8_of(value, scratch, Where{argument}));
+}
+
+// A list of names as `_named` reads it: its length, and the names a slice
+// [:limit] gives, as UTF-8. The length the object reports is only counted;
+// the shown names are whatever the slice yields.
+NameList shown_names(PyObject* names, std::int64_t limit, Where where) {
+  const Py_ssize_t size = PyObject_Size(names);
+  if (size < 0) throw PyError{};
+  NameList list;
+  list.total = static_cast<std::size_t>(size);
+  PyRef stop = new_int(limit);
+  PyRef slice = check(PySlice_New(nullptr, stop.get(), nullptr));
+  PyRef head = check(PyObject_GetItem(names, slice.get()));
+  PyRef items = snapshot(head.get(), where, "a sequence of str");
+  for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(items.get()); ++i) {
+    PyRef scratch;
+    list.head.emplace_back(utf8_of(PyTuple_GET_ITEM(items.get(), i), scratch, where));
+  }
+  return list;
+}
+
+// `max_share`: an int multiplies exactly, anything else as a double.
+Share share_arg(PyObject* value) {
+  if (!PyLong_Check(value)) return Share{as_double(value, Where{"max_share"})};
+  PyRef one = new_int(1);
+  return Share{0, true, check(PyObject_RichCompareBool(value, one.get(), Py_GE)) != 0};
+}
+
+// ---------------------------------------------------------------------------
+// Evidence and fan-in.
+
+PyRef is_use_body(Call& c) {
+  PyObject *resolution = c.arg(0), *kind = c.arg(1), *resolved = c.arg(2);
+  return new_bool(is_use(
+      [&] { return check(PySequence_Contains(c.module_attr(kEvidenceResolutions).get(), resolution)) != 0; },
+      [&] { return check(PyObject_RichCompareBool(resolution, c.state.names[kUnique], Py_EQ)) != 0; },
+      [&] { return truth(resolved); },
+      [&] { return check(PySequence_Contains(c.module_attr(kNameMatchKinds).get(), kind)) != 0; }));
+}
+
+PyRef members_body(Call& c) {
+  Prepared p(c.module, c.state, c.facts(0), Needs{.derived = derived::members});
+  PyRef result = check(PySet_New(nullptr));
+  for (std::size_t row = 0; row < p.view.symbols.rows(); ++row)
+    if (p.view.derived.member[row]) check(PySet_Add(result.get(), new_int(p.view.symbols.num(sym_f::id, row)).get()));
+  return result;
+}
+
+PyRef production_fan_in_body(Call& c) {
+  Prepared p(c.module, c.state, c.facts(0), kFanInNeeds);
+  FanInCounts counts = count_fan_in(p.view, p.vocab);
+  const std::vector<std::uint32_t> candidates = entry_candidates(p.view, p.vocab, counts.referenced);
+  const DenseIndex& ids = p.view.derived.ids;
+  PyRef outside = counts_dict(counts.outside_order, counts.uses.outside, ids);
+  PyRef inside = counts_dict(counts.inside_order, counts.uses.inside, ids);
+  auto slots = std::make_shared<FanInSlots>(std::move(counts.uses));
+  slots->entry.assign(ids.size(), 0);
+  // The path filter last, and only for what passed every other test.
+  PyRef entry = check(PyFrozenSet_New(nullptr));
+  if (!candidates.empty()) {
+    PyRef is_test_path = c.module_attr(kIsTestPath);
+    for (std::uint32_t row : candidates) {
+      PyRef path = str_of(p.native, p.view.symbols.str(sym_f::path, row));
+      if (truth(check(PyObject_CallOneArg(is_test_path.get(), path.get())).get())) continue;
+      check(PySet_Add(entry.get(), new_int(p.view.symbols.num(sym_f::id, row)).get()));
+      slots->entry[p.view.derived.symbol_slot[row]] = 1;
+    }
+  }
+  PyRef fan_in = check(PyObject_CallFunctionObjArgs(c.state.fan_in_type, outside.get(), inside.get(), entry.get(), nullptr));
+  remember_fan_in(c.state, p.native, fan_in.get(), std::move(slots));
+  return fan_in;
+}
+
+// ---------------------------------------------------------------------------
+// Ranking and selection.
+
+// The count of one id in a fan-in's map, as `.get(id, 0)` gives it.
+std::int64_t count_of(PyObject* fan_in, PyObject* name, PyObject* id, const char* what) {
+  PyRef mapping = check(PyObject_GetAttr(fan_in, name));
+  PyRef value = get_value(mapping.get(), id);
+  return value ? as_int64(value.get(), Where{"fan_in", what}) : 0;
+}
+
+// One declaration's key, read straight from its attributes and looked up
+// in the fan-in for its id alone, so that a key costs the same however
+// large the fan-in is (a host may key every declaration one call at a time).
+PyRef rank_key_body(Call& c) {
+  PyObject* symbol = c.arg(0);
+  PyObject* fan_in = c.arg(1);
+  PyObject* const* attrs = c.state.attrs[kSymbolsTable];
+  auto field = [&](unsigned which) { return check(PyObject_GetAttr(symbol, attrs[which])); };
+  PyRef id = field(sym_f::id);
+  const std::int64_t id_value = as_int64(id.get(), Where{"symbol", "ScopeSymbol.id"});
+  PyRef name = field(sym_f::name), name_scratch;
+  const std::string_view name_text = utf8_of(name.get(), name_scratch, Where{"symbol", "ScopeSymbol.name"});
+  PyRef kind = field(sym_f::kind), kind_scratch;
+  const std::string_view kind_text = utf8_of(kind.get(), kind_scratch, Where{"symbol", "ScopeSymbol.kind"});
+  const std::int64_t start = as_int64(field(sym_f::start_line).get(), Where{"symbol", "ScopeSymbol.start_line"});
+  const std::int64_t end = as_int64(field(sym_f::end_line).get(), Where{"symbol", "ScopeSymbol.end_line"});
+  // Membership in the module's kind sets, looked up now: the host may rebind them.
+  const bool type_or_callable = check(PySequence_Contains(c.module_attr(kCallableKinds).get(), kind.get())) ||
+                                check(PySequence_Contains(c.module_attr(kTypeKinds).get(), kind.get()));
+  PyRef key = new_int(id_value);
+  const std::int64_t outside = count_of(fan_in, c.state.names[kOutside], key.get(), "outside value");
+  const std::int64_t inside = count_of(fan_in, c.state.names[kInside], key.get(), "inside value");
+  const bool api = is_api([&] { return outside > 0; }, [&] {
+    PyRef entry = check(PyObject_GetAttr(fan_in, c.state.names[kEntry]));
+    return check(PySequence_Contains(entry.get(), key.get())) != 0;
+  });
+  const RankKey k = rank_key(KeyInput{api, type_or_callable, kind_text == "constant", is_private_name(name_text),
+                                      outside, inside, start, end});
+  PyRef items[] = {new_bool(k.not_api),  new_int(k.kind_group), new_bool(k.is_private), new_int128(k.outside),
+                   new_int128(k.size),   new_int128(k.inside),  new_int(k.start_line)};
+  PyRef tuple = check(PyTuple_New(7));
+  for (Py_ssize_t i = 0; i < 7; ++i) PyTuple_SET_ITEM(tuple.get(), i, items[i].release());
+  return tuple;
+}
+
+PyRef ranked_by_file_body(Call& c) {
+  Prepared p(c.module, c.state, c.facts(0), kRankedNeeds);
+  auto ranking = ranking_for(p.native, p.vocab, fan_in_slots(c.state, p.native, c.arg(1), true));
+  PyObject* symbols = p.facts()->fields[kSymbols];  // borrowed: the facts' own records
+  PyRef result = check(PyDict_New());
+  for (std::size_t group = 0; group < ranking->files.size(); ++group)
+    check(PyDict_SetItem(result.get(), str_of(p.native, ranking->files.key[group]).get(),
+                         records_at(symbols, ranking->files.of(group)).get()));
+  return result;
+}
+
+PyRef file_seeds_body(Call& c) {
+  Prepared p(c.module, c.state, c.facts(0), kSeedNeeds);
+  auto ranking = ranking_for(p.native, p.vocab, fan_in_slots(c.state, p.native, c.arg(1), true));
+  PyRef result = check(PyDict_New());
+  for (const Seed& seed : file_seeds(p.view, *ranking)) {
+    PyRef range = check(Py_BuildValue("(LL)", static_cast<long long>(seed.start), static_cast<long long>(seed.end)));
+    check(PyDict_SetItem(result.get(), str_of(p.native, seed.path).get(), range.get()));
+  }
+  return result;
+}
+
+// The rank keys of `records` (a tuple). The records of a live ScopeFacts
+// (the lists ranked_by_file hands out) are keyed from its view; any others
+// are read attribute by attribute.
+std::vector<RankKey> quota_keys(Call& c, PyObject* records) {
+  std::vector<std::uint32_t> rows;
+  std::vector<RankKey> keys;
+  if (FactsObject* facts = facts_holding(c.state, records, rows)) {
+    Prepared p(c.module, c.state, facts, kRankKeyNeeds | Needs{.derived = derived::by_path});
+    auto ranking = ranking_for(p.native, p.vocab, fan_in_slots(c.state, p.native, c.arg(1), true));
+    keys.reserve(rows.size());
+    for (std::uint32_t row : rows) keys.push_back(ranking->keys[row]);
+    return keys;
+  }
+  NativeFacts scratch;
+  Vocab vocab;
+  prepare_records(c.module, c.state, scratch, records, kRankKeyNeeds.symbols, "ranked", vocab);
+  auto fan_in = fan_in_slots(c.state, scratch, c.arg(1), true);
+  return rank_keys(scratch.view, vocab, *fan_in);
+}
+
+PyRef select_with_quota_body(Call& c) {
+  const std::int64_t total = as_int64(c.arg(2), Where{"total"});
+  const std::int64_t floor = as_int64(c.arg(3), Where{"floor"});
+  // Every file's sequence, flattened into one tuple of records. Each is a
+  // snapshot: host code that runs before the records are gathered (another
+  // value's __iter__, say) cannot change it. The items hold the paths' str
+  // objects, which hold the UTF-8 that `files` views.
+  const std::vector<std::pair<PyRef, PyRef>> items = mapping_items(c.arg(0), Where{"ranked"});
+  std::vector<PyRef> sequences, keep_alive;
+  std::vector<QuotaFile> files;
+  std::size_t declarations = 0;
+  for (const auto& [path_object, value] : items) {
+    PyRef sequence = snapshot(value.get(), Where{"ranked", "a value"}, "a sequence of ScopeSymbol");
+    const auto count = static_cast<std::size_t>(PyTuple_GET_SIZE(sequence.get()));
+    if (count == 0) continue;  // a file without declarations takes no part
+    PyRef scratch;
+    const std::string_view path = utf8_of(path_object.get(), scratch, Where{"ranked", "a key"});
+    keep_alive.push_back(std::move(scratch));
+    files.push_back({path, declarations, count});
+    declarations += count;
+    sequences.push_back(std::move(sequence));
+  }
+  if (declarations == 0 || total <= 0) return check(PyList_New(0));
+  PyRef records = check(PyTuple_New(static_cast<Py_ssize_t>(declarations)));
+  Py_ssize_t at = 0;
+  for (const PyRef& sequence : sequences)
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(sequence.get()); ++i)
+      PyTuple_SET_ITEM(records.get(), at++, Py_NewRef(PyTuple_GET_ITEM(sequence.get(), i)));
+  const std::vector<RankKey> keys = quota_keys(c, records.get());
+  return records_at(records.get(), select_with_quota(files, keys, total, floor, share_arg(c.arg(4))));
+}
+
+PyRef pick_spread_body(Call& c) {
+  const std::int64_t limit = as_int64(c.arg(1), Where{"limit"});
+  const std::int64_t per_file = as_int64(c.arg(2), Where{"per_file"});
+  PyObject* scored = c.arg(0);
+  if (Py_TYPE(scored)->tp_iter == nullptr && !PySequence_Check(scored))
+    wrong_type(Where{"scored"}, "an iterable of (name, path) pairs", scored);
+  PyRef iterator = check(PyObject_GetIter(scored));
+  NativeFacts paths;  // interns the paths
+  Spreader spreader(limit, per_file);
+  PyRef result = check(PyList_New(0));
+  // The limit is tested before each pair: once the result is full, no
+  // further pair is taken from the iterator.
+  while (!spreader.full()) {
+    PyRef pair = PyRef::steal(PyIter_Next(iterator.get()));
+    if (!pair) {
+      if (PyErr_Occurred()) throw PyError{};
+      break;
+    }
+    auto [name, path] = unpack_pair(pair.get(), Where{"scored", "an item"});
+    if (spreader.offer(intern(paths, path.get(), Where{"scored", "a path"}))) check(PyList_Append(result.get(), name.get()));
+  }
+  return result;
+}
+
+// ---------------------------------------------------------------------------
+// Markdown text.
+
+PyRef short_path_body(Call& c) { return str_from_utf8(short_path(text_arg(c.arg(0), "path"))); }
+PyRef cell_body(Call& c) { return str_from_utf8(cell(text_arg(c.arg(0), "text"))); }
+
+PyRef named_body(Call& c) {
+  PyObject* names = c.arg(0);
+  if (!PySequence_Check(names)) wrong_type(Where{"names"}, "a sequence of str", names);
+  const std::int64_t limit = c.arg(1) == nullptr ? kCardNames : as_int64(c.arg(1), Where{"limit"});
+  const NameList list = shown_names(names, limit, Where{"names", "a name"});
+  return str_from_utf8(named(list.head, list.total, limit));
+}
+
+PyRef file_users_body(Call& c) {
+  Prepared p(c.module, c.state, c.facts(0), kFileUsersNeeds);
+  auto users = users_for(p.native, p.vocab);
+  PyRef result = check(PyDict_New());
+  for (std::size_t entry = 0; entry < users->target.size(); ++entry) {
+    // Counter is a dict subclass: filling it as a dict keeps its order.
+    PyRef counter = check(PyObject_CallNoArgs(c.state.counter_type));
+    for (const auto& [user, count] : users->of(entry))
+      check(PyDict_SetItem(counter.get(), str_of(p.native, user).get(), new_int(count).get()));
+    check(PyDict_SetItem(result.get(), str_of(p.native, users->target[entry]).get(), counter.get()));
+  }
+  return result;
+}
+
+PyRef most_used_body(Call& c) {
+  PyRef records = snapshot(c.arg(0), Where{"declarations"}, "a sequence of ScopeSymbol");
+  NativeFacts scratch;
+  Vocab vocab;
+  prepare_records(c.module, c.state, scratch, records.get(), kMostUsedNeeds.symbols, "declarations", vocab);
+  auto fan_in = fan_in_slots(c.state, scratch, c.arg(1), false);
+  std::vector<std::uint32_t> rows(scratch.view.symbols.rows());
+  for (std::uint32_t row = 0; row < rows.size(); ++row) rows[row] = row;
+  std::size_t count = 0;
+  return text_list(most_used(scratch.view, *fan_in, rows, std::numeric_limits<std::size_t>::max(), count));
+}
+
+// The test names that `tests_reaching(facts)` gives each page file (by row
+// of files): the second element of its pair, a mapping asked as `.get(path)`
+// would ask it; an entry of None means no tests.
+std::vector<NameList> tests_by_file(Call& c, Prepared& p) {
+  PyRef pair = check(PyObject_CallOneArg(c.module_attr(kTestsReaching).get(), reinterpret_cast<PyObject*>(p.facts())));
+  PyRef by_file = check(PyObject_GetItem(pair.get(), new_int(1).get()));
+  const std::size_t rows = p.view.files.rows();
+  std::vector<NameList> tests(rows);
+  std::vector<std::size_t> first_row(p.view.pool.size(), rows);
+  for (std::size_t row = 0; row < rows; ++row) {
+    const StrId path = p.view.files.str(file_f::path, row);
+    if (first_row[path] < rows) {  // asked once per path
+      tests[row] = tests[first_row[path]];
+      continue;
+    }
+    first_row[path] = row;
+    PyRef names = get_value(by_file.get(), str_of(p.native, path).get());
+    if (!names || names.get() == Py_None) continue;
+    // The names are listed first (any iterable will do), then cut as a cell shows them.
+    const Where where{"facts", "a test name from tests_reaching()"};
+    PyRef all = snapshot(names.get(), where, "an iterable of str");
+    NameList& list = tests[row];
+    list.total = static_cast<std::size_t>(PyTuple_GET_SIZE(all.get()));
+    for (std::size_t i = 0; i < named_shown(list.total, kCardNames); ++i) {
+      PyRef scratch;
+      list.head.emplace_back(utf8_of(PyTuple_GET_ITEM(all.get(), static_cast<Py_ssize_t>(i)), scratch, where));
+    }
+  }
+  return tests;
+}
+
+PyRef render_file_cards_body(Call& c) {
+  FactsObject* facts = c.facts(0);
+  const std::string heading = text_arg(c.arg(2), "heading");
+  std::vector<std::string> missing;
+  if (PyObject* given = c.arg(3)) {
+    if (PyUnicode_Check(given) || !PySequence_Check(given)) wrong_type(Where{"missing"}, "a sequence of str", given);
+    PyRef paths = snapshot(given, Where{"missing"}, "a sequence of str");
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(paths.get()); ++i) missing.push_back(text_arg(PyTuple_GET_ITEM(paths.get(), i), "missing"));
+  }
+  Prepared p(c.module, c.state, facts, kCardsNeeds);
+  const std::vector<NameList> tests = tests_by_file(c, p);
+  // Only a row asks the fan-in: a page without files never reads it.
+  auto fan_in = p.view.files.rows() ? fan_in_slots(c.state, p.native, c.arg(1), false) : std::make_shared<FanInSlots>();
+  auto users = users_for(p.native, p.vocab);
+  return str_from_utf8(render_file_cards(p.view, *users, *fan_in, heading, missing, tests));
+}
+
+// ---------------------------------------------------------------------------
+// Consumers, neighbours, name matches.
+
+PyRef render_consumers_body(Call& c) {
+  FactsObject* facts = c.facts(0);
+  if (!PyUnicode_Check(c.arg(2))) wrong_type(Where{"heading"}, "str", c.arg(2));
+  Prepared p(c.module, c.state, facts, kConsumersNeeds);
+  auto fan_in = fan_in_slots(c.state, p.native, c.arg(1), true);
+  return str_from_utf8(render_consumers(p.view, p.vocab, *fan_in, text_arg(c.arg(2), "heading")));
+}
+
+PyRef unused_outside_body(Call& c) {
+  Prepared p(c.module, c.state, c.facts(0), kUnusedNeeds);
+  const std::vector<bool> used = slots_in(p.native, c.arg(1), Where{"used"});
+  auto fan_in = fan_in_slots(c.state, p.native, c.arg(2), true);
+  return records_at(p.facts()->fields[kSymbols], unused_outside(p.view, p.vocab, used, *fan_in));
+}
+
+PyRef neighbours_body(Call& c) {
+  FactsObject* facts = c.facts(0);
+  const std::int64_t limit = as_int64(c.arg(1), Where{"limit"});
+  Prepared p(c.module, c.state, facts, kNeighbourNeeds);
+  // The path filter is asked once per distinct target path outside the
+  // page, in order of first sight: it is a pure function of the path.
+  std::vector<bool> is_test;
+  if (limit > 0) {
+    PyRef is_test_path = c.module_attr(kIsTestPath);
+    const std::vector<StrId> paths = outside_target_paths(p.view);
+    is_test.assign(p.view.pool.size(), false);
+    for (StrId path : paths)
+      if (truth(check(PyObject_CallOneArg(is_test_path.get(), str_of(p.native, path).get())).get())) is_test[path] = true;
+  }
+  const std::vector<Neighbour> ranked = neighbours(p.view, p.vocab, is_test, limit);
+  PyRef result = check(PyList_New(static_cast<Py_ssize_t>(ranked.size())));
+  for (std::size_t i = 0; i < ranked.size(); ++i) {
+    PyRef count = new_int(ranked[i].count);
+    PyRef pair = check(PyTuple_Pack(2, p.native.targets[ranked[i].row].get(), count.get()));
+    PyList_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i), pair.release());
+  }
+  return result;
+}
+
+PyRef name_match_counts_body(Call& c) {
+  Prepared p(c.module, c.state, c.facts(0), kNameMatchNeeds);
+  PyRef result = check(PyDict_New());
+  for (const PathPairCount& pair : name_match_counts(p.view, p.vocab)) {
+    PyRef key = check(PyTuple_Pack(2, str_of(p.native, pair.source).get(), str_of(p.native, pair.target).get()));
+    check(PyDict_SetItem(result.get(), key.get(), new_int(pair.count).get()));
+  }
+  return result;
+}
+
+// ---------------------------------------------------------------------------
+// The table.
+
+constexpr Entry kEntries[] = {
+    {"load_scope_facts", {{{"db"}, {"paths"}, {"read_lines"}}}, load_scope_facts,
+     "Loads one page's facts: queries the index (scope_files, inbound_references, import_resolved_languages, then "
+     "scope_symbols and outbound_references), reads each indexed file once with `read_lines` (None means "
+     "unreadable), asks `is_test_path` once per distinct inbound source, and stores the result of "
+     "`importing_tests`. Errors of any of these propagate unchanged."},
+    {"is_use", {{{"resolution"}, {"target_kind"}, {"import_resolved"}}}, is_use_body,
+     "Whether a reference is evidence that its source uses its target: an \"import\" or \"local\" one always; a "
+     "\"unique\" one only where imports are not resolved and the target is no attribute or constant "
+     "(NAME_MATCH_KINDS)."},
+    {"_members", {{{"facts"}}}, members_body,
+     "The set of ids of the declarations that lie inside a type declared in the same file (bounds inclusive; a "
+     "type never contains itself)."},
+    {"production_fan_in", {{{"facts"}}}, production_fan_in_body,
+     "Counts the production uses of the page's declarations: FanIn(outside, inside, entry). Tests never count; "
+     "evidence counts, and so does a trusted resolution except to an attribute or a constant; uses from the "
+     "page's own files go to `inside`. `entry` holds the public, exported, top-level callables and types that no "
+     "production code references, outside test files."},
+    {"rank_key", {{{"symbol"}, {"fan_in"}}}, rank_key_body,
+     "The sort key of a declaration, lower first: (not API, kind group, private, -outside uses x weight, "
+     "-min(size, 40), -inside uses x weight, start line). A constant weighs 1, others 2."},
+    {"ranked_by_file", {{{"facts"}, {"fan_in"}}}, ranked_by_file_body,
+     "Each file's declarations best first (stable by rank_key): a dict from path to list, paths in order of "
+     "their first declaration."},
+    {"file_seeds", {{{"facts"}, {"fan_in"}}}, file_seeds_body,
+     "One citable (start, end) range per file: its best declaration that starts after line 0, else its whole "
+     "text when it was read and is not empty. Declaration seeds come first."},
+    {"select_with_quota", {{{"ranked"}, {"fan_in"}, {"total"}, {"floor"}, {"max_share"}}}, select_with_quota_body,
+     "Up to `total` declarations of `ranked` (path -> best-first sequence): `floor` per file first, the rest by "
+     "rank with no file above ceil(total * max_share) while another has some left, interleaved so that every "
+     "file's best comes before any file's second."},
+    {"pick_spread", {{{"scored"}, {"limit"}, {"per_file"}}}, pick_spread_body,
+     "The first `limit` names of the best-first (name, path) pairs, at most `per_file` per path."},
+    {"_short_path", {{{"path"}}}, short_path_body, "The last two \"/\"-separated segments of `path`."},
+    {"_cell", {{{"text"}}}, cell_body, "`text` for one Markdown table cell: \"|\" escaped, line feeds made spaces."},
+    {"_named", {{{"names"}, {"limit", "3"}}}, named_body,
+     "The first `limit` names joined by \", \", then \" +N\" for the N names left out."},
+    {"file_users", {{{"facts"}}}, file_users_body,
+     "For each page file that other production files use through evidence: a Counter of those users' summed "
+     "refs. Tests and a file's references to itself never count."},
+    {"_most_used", {{{"declarations"}, {"fan_in"}}}, most_used_body,
+     "One file's used declarations, most used first, as \"`name` L<line> (<count>)\" items: uses from outside "
+     "the page, or, when there are none, uses from the page's own files (\"in-page\")."},
+    {"render_file_cards", {{{"facts"}, {"fan_in"}, {"heading"}, {"missing", "()"}}}, render_file_cards_body,
+     "The Markdown table with one card per file of the page, then one row per `missing` path."},
+    {"render_consumers", {{{"facts"}, {"fan_in"}, {"heading"}}}, render_consumers_body,
+     "The Markdown section of the page's consumers: the production files outside the page that use it through "
+     "evidence (at most 12 rows), the references not counted because they only match a name, and the public "
+     "top-level types and callables that nothing outside uses."},
+    {"_unused_outside", {{{"facts"}, {"used"}, {"fan_in"}}}, unused_outside_body,
+     "The public, exported, top-level types and callables whose id is not in `used`: types first, then best "
+     "first by rank_key, then by path."},
+    {"neighbours", {{{"facts"}, {"limit"}}}, neighbours_body,
+     "The declarations outside the page that its files use most: a list of (target record, count) pairs, "
+     "highest count first, then fqn, then first counted; at most `limit`. Targets in the page or in test files "
+     "are skipped, and a name match to an attribute or a constant does not count."},
+    {"name_match_counts", {{{"facts"}}}, name_match_counts_body,
+     "Counts of \"unique\" references to attributes and constants, keyed by (source path, target path) in "
+     "first-counted order: inbound references first, then outbound; every file counts."},
+};
+constexpr std::size_t kEntryCount = sizeof kEntries / sizeof kEntries[0];
+
+template <std::size_t I>
+PyObject* trampoline(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+  constexpr const Entry& spec = kEntries[I];
+  return entry(spec.name, [&]() -> PyRef {
+    const char* names[5];
+    std::size_t count = 0, required = 0;
+    for (const Param& param : spec.params) {
+      if (param.name == nullptr) break;
+      names[count++] = param.name;
+      if (param.shown_default == nullptr) required = count;
+    }
+    Call call{module, state_of_module(module), {}};
+    bind_arguments({names, count}, required, args, nargs, kwnames, call.args.data());
+    return spec.body(call);
+  });
+}
+
+// "name(a, b, c=3)\n--\n\n<doc>": the docstring whose first line is the signature.
+std::string docstring(const Entry& spec) {
+  std::string doc = std::string(spec.name) + "(";
+  for (const Param& param : spec.params) {
+    if (param.name == nullptr) break;
+    if (doc.back() != '(') doc += ", ";
+    doc += param.name;
+    if (param.shown_default) doc += std::string("=") + param.shown_default;
+  }
+  return doc + ")\n--\n\n" + spec.doc;
+}
+
+template <std::size_t... I>
+std::vector<PyMethodDef> method_table(std::index_sequence<I...>) {
+  return {PyMethodDef{kEntries[I].name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(trampoline<I>)),
+                      METH_FASTCALL | METH_KEYWORDS, nullptr}...,
+          PyMethodDef{nullptr, nullptr, 0, nullptr}};
+}
+
+}  // namespace
+
+PyMethodDef* entry_methods() {
+  // Built once; the docstrings live as long as the table.
+  static const std::vector<std::string> docs = [] {
+    std::vector<std::string> all;
+    for (const Entry& spec : kEntries) all.push_back(docstring(spec));
+    return all;
+  }();
+  static std::vector<PyMethodDef> methods = [] {
+    std::vector<PyMethodDef> table = method_table(std::make_index_sequence<kEntryCount>{});
+    for (std::size_t i = 0; i < kEntryCount; ++i) table[i].ml_doc = docs[i].c_str();
+    return table;
+  }();
+  return methods.data();
+}
+
+}  // namespace scope::py

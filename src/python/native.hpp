@@ -1,0 +1,84 @@
+// ScopeFacts and what it keeps of its native view: the interned strings'
+// objects, the outbound targets, and the data that later calls reuse (the
+// fan-ins it was asked with, the file users, the records' rows).
+#pragma once
+
+#include <array>
+#include <memory>
+#include <vector>
+
+#include "../core/ranking.hpp"
+#include "../core/text.hpp"
+#include "args.hpp"
+#include "state.hpp"
+
+namespace scope::py {
+
+// Field order of ScopeFacts.
+enum FactsField : int {
+  kFiles,
+  kSymbols,
+  kInbound,
+  kOutbound,
+  kImportResolvedPaths,
+  kTestSources,
+  kLineCounts,
+  kSummaries,
+  kTestImports,
+  kFactsFieldCount
+};
+extern const char* const kFactsFieldNames[kFactsFieldCount];
+
+// A fan-in whose `outside` and `inside` are dicts (and `entry`, when read, a
+// frozenset), as it was when its native form was made: the form is reused
+// while the same containers are unchanged (same objects, same dict version
+// tags), so a host that changes one of them gets a fresh conversion.
+struct FanInCache {
+  PyRef fan_in, outside, inside, entry;  // entry: null when it was not read
+  std::uint64_t outside_tag = 0, inside_tag = 0;
+  std::shared_ptr<const FanInSlots> slots;
+  std::shared_ptr<const Ranking> ranking;  // made with ranking_vocab
+  Vocab ranking_vocab;
+};
+
+struct NativeFacts {
+  FactsView view;
+  std::vector<PyRef> strings;  // the str object of each StrId (the first one seen)
+  std::vector<PyRef> targets;  // outbound `target` objects, by row
+  // str objects already interned, by address: each is one of `strings`, so
+  // no address is reused while it is here.
+  std::vector<std::pair<PyObject*, StrId>> seen = std::vector<std::pair<PyObject*, StrId>>(1024, {nullptr, 0});
+
+  std::vector<FanInCache> fan_ins;  // most recent first
+  std::shared_ptr<const FileUsers> users;
+  Vocab users_vocab;
+  DenseIndex records;  // address of each declaration record, numbered
+  std::vector<std::uint32_t> record_row;  // by number: the first row that holds the record
+  bool records_ready = false;
+};
+
+inline Table& table_of(FactsView& view, TableId id) {
+  switch (id) {
+    case kFilesTable:
+      return view.files;
+    case kSymbolsTable:
+      return view.symbols;
+    case kInboundTable:
+      return view.inbound;
+    default:
+      return view.outbound;
+  }
+}
+
+struct FactsObject {
+  PyObject_HEAD
+  PyObject* fields[kFactsFieldCount];  // owned; maps are read-only proxies
+  NativeFacts* native;                 // owned; created on first use
+};
+
+// `object` as ScopeFacts, or TypeError naming the argument.
+FactsObject* as_facts(const ModuleState& state, PyObject* object, const char* argument = "facts");
+NativeFacts& native_of(FactsObject* facts);
+bool add_facts_type(PyObject* module, ModuleState& state);
+
+}  // namespace scope::py

@@ -1,0 +1,221 @@
+#include "prepare.hpp"
+
+#include <algorithm>
+
+namespace scope::py {
+
+namespace {
+
+constexpr std::size_t kFanInsKept = 4;
+
+Needs everything() { return Needs{~Mask{0}, ~Mask{0}, ~Mask{0}, ~Mask{0}}; }
+
+// Marks the declaration slots that `matches(id object)` says yes to, for
+// the slots not marked yet: the ids that only Python can compare.
+template <class Matches>
+void ask_each_slot(const NativeFacts& native, std::vector<bool>& marked, Matches matches) {
+  const Derived& d = native.view.derived;
+  for (std::uint32_t slot : d.symbol_slot) {
+    if (slot >= marked.size() || marked[slot]) continue;
+    if (matches(new_int(static_cast<std::int64_t>(d.ids.key(slot))).get())) marked[slot] = true;
+  }
+}
+
+// The counts of a FanIn's `outside` or `inside` by slot.
+std::vector<std::int64_t> counts_by_slot(const NativeFacts& native, PyObject* mapping, const char* what,
+                                         const char* value_what) {
+  const Derived& d = native.view.derived;
+  std::vector<std::int64_t> counts(d.ids.size(), 0);
+  std::vector<bool> found(d.ids.size(), false);
+  bool ask = false;
+  std::int64_t id = 0;
+  for (const auto& [key, value] : mapping_items(mapping, Where{"fan_in", what})) {
+    const std::int64_t count = as_int64(value.get(), Where{"fan_in", value_what});
+    const IdMatch match = id_of(key.get(), id);
+    ask = ask || match == IdMatch::ask;
+    if (match != IdMatch::id) continue;
+    const std::uint32_t slot = d.ids.find(static_cast<std::uint64_t>(id));
+    if (slot < counts.size()) counts[slot] = count, found[slot] = true;
+  }
+  if (!ask) return counts;
+  std::vector<bool> asked = found;
+  ask_each_slot(native, asked, [&](PyObject* key) {
+    PyRef value = get_value(mapping, key);
+    if (!value) return false;
+    const std::uint32_t slot = d.ids.find(static_cast<std::uint64_t>(PyLong_AsLongLong(key)));
+    counts[slot] = as_int64(value.get(), Where{"fan_in", value_what});
+    return true;
+  });
+  return counts;
+}
+
+std::uint64_t version_of(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag; }
+
+bool cacheable(PyObject* outside, PyObject* inside, PyObject* entry) {
+  return PyDict_Check(outside) && PyDict_Check(inside) && (entry == nullptr || PyFrozenSet_CheckExact(entry));
+}
+
+}  // namespace
+
+Vocab vocab_for(PyObject* module, const ModuleState& state, const NativeFacts& native) {
+  // Copies: asking a host set may convert more of the same facts meanwhile.
+  const std::vector<StrId> kinds = native.view.kind_ids, resolutions = native.view.resolution_ids;
+  Vocab vocab;
+  auto ask = [&](const std::vector<StrId>& ids, std::initializer_list<std::pair<Name, std::uint16_t>> sets) {
+    if (ids.empty()) return;
+    std::vector<std::pair<PyRef, std::uint16_t>> bound;
+    for (auto [name, which] : sets) bound.emplace_back(module_attr(module, state, name), which);
+    for (StrId id : ids) {
+      PyRef text = native.strings[id];  // held while the host's sets are asked
+      for (const auto& [set, which] : bound)
+        if (check(PySequence_Contains(set.get(), text.get()))) vocab.set(id, which);
+      vocab.set_literals(native.view.pool, id);
+    }
+  };
+  ask(kinds, {{kNameMatchKinds, vocab_bit::name_match}, {kTypeKinds, vocab_bit::type},
+              {kCallableKinds, vocab_bit::callable}});
+  ask(resolutions, {{kEvidenceResolutions, vocab_bit::evidence}, {kTrusted, vocab_bit::trusted}});
+  return vocab;
+}
+
+Prepared::Prepared(PyObject* module, const ModuleState& state, FactsObject* facts, const Needs& needs)
+    : native(native_of(facts)), view(native.view), facts_(facts), hold_(PyRef::borrow(reinterpret_cast<PyObject*>(facts))) {
+  const Needs all = needs.complete();
+  {
+    Allowed loading(view, everything());
+    const Mask masks[kTableCount] = {all.files, all.symbols, all.inbound, all.outbound};
+    for (int table = 0; table < kTableCount; ++table)
+      if (masks[table]) load_table(state, facts, static_cast<TableId>(table), masks[table]);
+    if (all.path_bits) load_path_bits(state, facts, all.path_bits);
+    if (all.line_counts) load_line_counts(facts);
+    if (all.summaries) load_summaries(facts);
+    vocab = vocab_for(module, state, native);
+  }
+  allowed_.emplace(view, all);
+  derive(view, vocab, all);
+}
+
+void prepare_records(PyObject* module, const ModuleState& state, NativeFacts& scratch, PyObject* records,
+                     Mask fields, const char* argument, Vocab& vocab) {
+  load_columns(state, scratch, kSymbolsTable, records, fields | bit(sym_f::id), argument);
+  vocab = vocab_for(module, state, scratch);
+  derive(scratch.view, vocab, Needs{.derived = derived::symbol_slots});
+}
+
+std::vector<bool> slots_in(NativeFacts& native, PyObject* container, Where where) {
+  if (Py_TYPE(container)->tp_iter == nullptr && !PySequence_Check(container))
+    wrong_type(where, "a collection of symbol ids", container);
+  const Derived& d = native.view.derived;
+  std::vector<bool> marked(d.ids.size(), false);
+  std::vector<PyRef> others;  // members that only Python can compare with an id
+  std::int64_t id = 0;
+  PyRef iterator = check(PyObject_GetIter(container));
+  while (PyRef item = PyRef::steal(PyIter_Next(iterator.get()))) {
+    const IdMatch match = id_of(item.get(), id);
+    if (match == IdMatch::ask) others.push_back(std::move(item));
+    if (match != IdMatch::id) continue;
+    const std::uint32_t slot = d.ids.find(static_cast<std::uint64_t>(id));
+    if (slot < marked.size()) marked[slot] = true;
+  }
+  if (PyErr_Occurred()) throw PyError{};
+  if (others.empty()) return marked;
+  // A set or a dict is asked as `in` asks it; any other collection was
+  // iterated once already, so its members are compared as `in` compares.
+  const bool keyed = PyAnySet_Check(container) || PyDict_Check(container);
+  ask_each_slot(native, marked, [&](PyObject* key) {
+    if (keyed) return check(PySequence_Contains(container, key)) != 0;
+    for (const PyRef& other : others)
+      if (check(PyObject_RichCompareBool(other.get(), key, Py_EQ))) return true;
+    return false;
+  });
+  return marked;
+}
+
+std::shared_ptr<const FanInSlots> fan_in_slots(const ModuleState& state, NativeFacts& native, PyObject* fan_in,
+                                               bool with_entry) {
+  PyRef outside = check(PyObject_GetAttr(fan_in, state.names[kOutside]));
+  PyRef inside = check(PyObject_GetAttr(fan_in, state.names[kInside]));
+  PyRef entry = with_entry ? check(PyObject_GetAttr(fan_in, state.names[kEntry])) : PyRef();
+  const bool keep = cacheable(outside.get(), inside.get(), entry.get());
+  if (keep) {
+    for (const FanInCache& cached : native.fan_ins) {
+      if (cached.fan_in.get() != fan_in || cached.outside.get() != outside.get() ||
+          cached.inside.get() != inside.get() || version_of(outside.get()) != cached.outside_tag ||
+          version_of(inside.get()) != cached.inside_tag)
+        continue;
+      if (with_entry && cached.entry.get() != entry.get()) continue;
+      return cached.slots;
+    }
+  }
+  auto slots = std::make_shared<FanInSlots>();
+  slots->outside = counts_by_slot(native, outside.get(), "outside", "outside value");
+  slots->inside = counts_by_slot(native, inside.get(), "inside", "inside value");
+  if (with_entry) {
+    std::vector<bool> in_entry = slots_in(native, entry.get(), Where{"fan_in", "entry"});
+    slots->entry.assign(in_entry.begin(), in_entry.end());
+  }
+  if (keep) {
+    FanInCache cached{PyRef::borrow(fan_in), outside, inside, entry, version_of(outside.get()),
+                      version_of(inside.get()), slots, nullptr, {}};
+    native.fan_ins.insert(native.fan_ins.begin(), std::move(cached));
+    if (native.fan_ins.size() > kFanInsKept) native.fan_ins.pop_back();
+  }
+  return slots;
+}
+
+void remember_fan_in(const ModuleState& state, NativeFacts& native, PyObject* fan_in,
+                     std::shared_ptr<const FanInSlots> slots) {
+  PyRef outside = check(PyObject_GetAttr(fan_in, state.names[kOutside]));
+  PyRef inside = check(PyObject_GetAttr(fan_in, state.names[kInside]));
+  PyRef entry = check(PyObject_GetAttr(fan_in, state.names[kEntry]));
+  FanInCache cached{PyRef::borrow(fan_in), outside, inside, entry, version_of(outside.get()),
+                    version_of(inside.get()), std::move(slots), nullptr, {}};
+  native.fan_ins.insert(native.fan_ins.begin(), std::move(cached));
+  if (native.fan_ins.size() > kFanInsKept) native.fan_ins.pop_back();
+}
+
+std::shared_ptr<const Ranking> ranking_for(NativeFacts& native, const Vocab& vocab,
+                                           const std::shared_ptr<const FanInSlots>& fan_in) {
+  auto cached = std::find_if(native.fan_ins.begin(), native.fan_ins.end(),
+                             [&](const FanInCache& c) { return c.slots == fan_in; });
+  if (cached != native.fan_ins.end() && cached->ranking && cached->ranking_vocab == vocab) return cached->ranking;
+  auto ranking = std::make_shared<const Ranking>(ranked_by_file(native.view, vocab, *fan_in));
+  if (cached != native.fan_ins.end()) cached->ranking = ranking, cached->ranking_vocab = vocab;
+  return ranking;
+}
+
+std::shared_ptr<const FileUsers> users_for(NativeFacts& native, const Vocab& vocab) {
+  if (native.users && native.users_vocab == vocab) return native.users;
+  native.users = std::make_shared<const FileUsers>(file_users(native.view, vocab));
+  native.users_vocab = vocab;
+  return native.users;
+}
+
+FactsObject* facts_holding(const ModuleState& state, PyObject* records, std::vector<std::uint32_t>& rows) {
+  const Py_ssize_t count = PyTuple_GET_SIZE(records);
+  if (count == 0) return nullptr;
+  const auto first = reinterpret_cast<std::uint64_t>(PyTuple_GET_ITEM(records, 0));
+  for (auto it = state.facts_with_records->rbegin(); it != state.facts_with_records->rend(); ++it) {
+    FactsObject* facts = *it;
+    NativeFacts& native = native_of(facts);
+    if (!native.records_ready) {
+      PyObject* symbols = facts->fields[kSymbols];
+      native.records.reserve(static_cast<std::size_t>(PyTuple_GET_SIZE(symbols)));
+      for (Py_ssize_t row = 0; row < PyTuple_GET_SIZE(symbols); ++row)
+        if (native.records.insert(reinterpret_cast<std::uint64_t>(PyTuple_GET_ITEM(symbols, row))).second)
+          native.record_row.push_back(static_cast<std::uint32_t>(row));
+      native.records_ready = true;
+    }
+    if (native.records.find(first) == DenseIndex::kAbsent) continue;
+    rows.clear();
+    for (Py_ssize_t i = 0; i < count; ++i) {
+      const std::uint32_t number = native.records.find(reinterpret_cast<std::uint64_t>(PyTuple_GET_ITEM(records, i)));
+      if (number == DenseIndex::kAbsent) break;
+      rows.push_back(native.record_row[number]);
+    }
+    if (rows.size() == static_cast<std::size_t>(count)) return facts;
+  }
+  return nullptr;
+}
+
+}  // namespace scope::py

@@ -1,0 +1,63 @@
+// The module's state: its types, the attribute names it reads, and the live
+// ScopeFacts whose declarations it has converted. One state per module
+// object (multi-phase initialisation); nothing is kept in process statics.
+#pragma once
+
+#include <vector>
+
+#include "../core/schema.hpp"
+#include "pyref.hpp"
+
+namespace scope::py {
+
+struct FactsObject;
+
+// Names the module looks up, interned once per module.
+enum Name : int {
+  kOutside,
+  kInside,
+  kEntry,
+  kKeys,
+  kNameMatchKinds,
+  kTypeKinds,
+  kCallableKinds,
+  kEvidenceResolutions,
+  kTrusted,
+  kIsTestPath,
+  kTestsReaching,
+  kScopeFiles,
+  kInboundReferences,
+  kImportResolvedLanguages,
+  kScopeSymbols,
+  kOutboundReferences,
+  kFileSummary,
+  kImportingTests,
+  kUnique,
+  kNameCount
+};
+
+// The four record tables, in the order of ScopeFacts' fields.
+enum TableId : int { kFilesTable, kSymbolsTable, kInboundTable, kOutboundTable, kTableCount };
+
+struct ModuleState {
+  PyObject* facts_type;    // ScopeFacts
+  PyObject* fan_in_type;   // FanIn
+  PyObject* counter_type;  // collections.Counter
+  PyObject* names[kNameCount];
+  PyObject* attrs[kTableCount][8];  // each schema field's attribute name
+  // ScopeFacts whose declarations were converted, so that a list of their
+  // own records (as ranked_by_file hands them out) is keyed from the view.
+  // Borrowed: a facts removes itself when it is cleared.
+  std::vector<FactsObject*>* facts_with_records;
+};
+
+ModuleState& state_of_module(PyObject* module);
+ModuleState& state_of_type(PyTypeObject* type);
+const Schema& schema_of(TableId table);
+
+// An attribute of the module, looked up now: the host may rebind it.
+inline PyRef module_attr(PyObject* module, const ModuleState& state, Name name) {
+  return check(PyObject_GetAttr(module, state.names[name]));
+}
+
+}  // namespace scope::py
