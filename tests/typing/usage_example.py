@@ -28,6 +28,6 @@ def ground(db: Database, page_paths: list[str], root: str) -> str:
     assert_type(seeds, dict[str, tuple[int, int]])
     assert_type(closest, list[tuple[scope.ScopeSymbol, int]])
     assert_type(scope.file_users(facts)["a.py"].most_common(1), list[tuple[str, int]])
-    assert_type(scope.pick_spread([("name", "a.py")], limit=5, per_file=2), list[str])
+    assert_type(scope.pick_spread([(b.name, b.path) for b in blocks], limit=5, per_file=2), list[str])
     lines = [f"{block.path}:{block.start_line}" for block in blocks]
     return "\n".join([scope.__version__, cards, consumers, *lines])
