@@ -367,7 +367,7 @@ def make_page(
             is_test = False
         if path in seen:
             # A second file of the same name in another folder.
-            path = "pkg%d/%s" % (len(page_paths), path)
+            path = f"pkg{len(page_paths)}/{path}"
         if path in seen:
             continue
         seen.add(path)
@@ -393,12 +393,11 @@ def make_page(
     outside_paths = []
     for i in range(n_outside):
         if rng.random() < test_share:
-            path = "tests/%s/test_%s_%d.py" % (rng.choice(_FOLDERS), rng.choice(_MODULES), i)
+            path = f"tests/{rng.choice(_FOLDERS)}/test_{rng.choice(_MODULES)}_{i}.py"
             test_paths.add(path)
         else:
             language = rng.choice((RESOLVED_LANGUAGE, UNRESOLVED_LANGUAGE))
-            path = "%s/%s_%d%s" % (rng.choice(_OUTSIDE_FOLDERS), rng.choice(_MODULES), i,
-                                   _EXTENSIONS[language])
+            path = f"{rng.choice(_OUTSIDE_FOLDERS)}/{rng.choice(_MODULES)}_{i}{_EXTENSIONS[language]}"
         outside_paths.append(path)
     outside_symbols = []
     for path in outside_paths:
@@ -504,6 +503,6 @@ def make_scored(rng, symbols, count):
 def missing_paths(rng, count):
     """``count`` page paths that the index does not hold."""
     return [
-        "%s/missing_%d%s" % (rng.choice(_FOLDERS), i, rng.choice((".py", ".go")))
+        f"{rng.choice(_FOLDERS)}/missing_{i}{rng.choice(('.py', '.go'))}"
         for i in range(count)
     ]

@@ -60,7 +60,6 @@ def _make_fan_in():
     api.__module__ = "scope"
     FanIn.api = api
     FanIn.__doc__ = (
-        "FanIn(outside, inside={}, entry=frozenset())\n\n"
         "Production uses of a page's declarations by symbol id: `outside` from "
         "files outside the page, `inside` from the page's own files, and "
         "`entry`, the ids of the page's entry points.")
@@ -85,6 +84,7 @@ void populate(PyObject* module) {
     PyRef source = check(PyImport_ImportModule(import.module));
     add(module, import.bound_as, check(PyObject_GetAttrString(source.get(), import.name)));
   }
+  add(module, "__version__", check(PyUnicode_FromString(SCOPE_VERSION)));  // from pyproject.toml, through CMake
   add(module, "EVIDENCE_RESOLUTIONS", frozenset_of({"import", "local"}));
   PyRef trusted = check(PyObject_GetAttrString(module, "TRUSTED_RESOLUTIONS"));
   add(module, "_TRUSTED", check(PyFrozenSet_New(trusted.get())));
