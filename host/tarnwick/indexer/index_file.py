@@ -76,7 +76,7 @@ def current_index(path: Path, settings: TreeSettings, rebuild: bool = False,
     try:
         reason, reuse = _verdict(path, previous, settings, rebuild)
         if reason is None:
-            current, previous = previous, None
+            current, previous = previous, None  # handed over open, not closed below
             return current
         log(reason)
         stats = _build(path, settings, previous if reuse else None, progress)
@@ -115,8 +115,8 @@ def _verdict(path: Path, previous: Database | None, settings: TreeSettings, rebu
         return f"indexing {root} again", False
     if info != {**settings.info(), "complete": "yes"}:
         same_tree = info.get("root") == root
-        return f"the index {printable(path)} was made from another tree or with other settings: " \
-               f"indexing {root} again", same_tree
+        return (f"the index {printable(path)} was made from another tree or with other settings: "
+                f"indexing {root} again"), same_tree
     changes = _changes(previous.file_stamps(), tree_stamps(settings.root, settings.exclude, settings.keep))
     if not changes:
         return None, True

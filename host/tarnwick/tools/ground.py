@@ -64,7 +64,7 @@ def default_tree() -> Path:
 def index_home() -> Path:
     """Where indexes live: build/demo/ of the checkout this tool runs from,
     else the user's cache directory."""
-    checkout = Path(__file__).resolve().parents[3]
+    checkout = Path(__file__).resolve().parent.parent.parent.parent  # host/tarnwick/tools/ground.py
     if (checkout / "host" / "tarnwick").is_dir():
         return checkout / "build" / "demo"
     return Path(os.environ.get("XDG_CACHE_HOME") or Path.home() / ".cache") / "tarnwick"
