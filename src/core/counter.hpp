@@ -45,8 +45,7 @@ class OrderedCounter {
   // Entries by count, highest first; equal counts keep insertion order.
   std::vector<std::pair<Key, std::int64_t>> most_common() const {
     auto sorted = entries_;
-    std::stable_sort(sorted.begin(), sorted.end(),
-                     [](const auto& a, const auto& b) { return a.second > b.second; });
+    std::stable_sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a.second > b.second; });
     return sorted;
   }
   std::int64_t total() const {

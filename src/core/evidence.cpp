@@ -79,8 +79,7 @@ std::vector<bool> members(const FactsView& view, const Vocab& vocab) {
   const std::vector<std::int64_t>& id = symbols.cols[sym_f::id];
   auto by_start = [&](std::size_t a, std::size_t b) { return start[a] < start[b]; };
   auto sort_by_start = [&](std::vector<std::size_t>& group) {
-    if (!std::is_sorted(group.begin(), group.end(), by_start))
-      std::stable_sort(group.begin(), group.end(), by_start);
+    if (!std::is_sorted(group.begin(), group.end(), by_start)) std::stable_sort(group.begin(), group.end(), by_start);
   };
   for (std::size_t group = 0; group < types.size(); ++group) {
     std::vector<std::size_t>& file_types = types[group];

@@ -10,8 +10,7 @@ namespace scope {
 // never for an attribute or a constant, whose short names collide.
 inline bool is_use(const Vocab& vocab, StrId resolution, StrId target_kind, bool import_resolved) {
   if (vocab.has(resolution, vocab_bit::evidence)) return true;
-  return vocab.has(resolution, vocab_bit::unique) && !import_resolved &&
-         !vocab.has(target_kind, vocab_bit::name_match);
+  return vocab.has(resolution, vocab_bit::unique) && !import_resolved && !vocab.has(target_kind, vocab_bit::name_match);
 }
 
 }  // namespace scope
@@ -31,8 +30,8 @@ std::vector<bool> members(const FactsView& view, const Vocab& vocab);
 
 // The counting half of the production fan-in.
 struct FanInCounts {
-  OrderedCounter<std::int64_t> outside;       // counted uses from outside the page
-  OrderedCounter<std::int64_t> inside;        // counted uses from the page's own files
+  OrderedCounter<std::int64_t> outside;         // counted uses from outside the page
+  OrderedCounter<std::int64_t> inside;          // counted uses from the page's own files
   std::unordered_set<std::int64_t> referenced;  // named by production code (not "legacy")
 };
 

@@ -17,8 +17,8 @@ namespace scope {
 std::vector<StrId> outside_target_paths(const FactsView& view);
 
 struct Neighbour {
-  std::size_t row;      // outbound row of the last counted reference to the target
-  std::int64_t count;   // summed refs
+  std::size_t row;     // outbound row of the last counted reference to the target
+  std::int64_t count;  // summed refs
 };
 
 // The declarations outside the page (and outside `test_paths`) that the page

@@ -14,12 +14,8 @@ RankKey rank_key(const KeyFields& symbol, const KeyUses& uses) {
   const __int128 size = __int128{symbol.end_line} - symbol.start_line;
   return RankKey{
       !(uses.outside > 0 || uses.entry),  // as FanIn.api
-      symbol.type_or_callable ? 0 : 1,
-      symbol.name.starts_with('_'),
-      -(weight * uses.outside),
-      -std::min<__int128>(size, kSizeCap),
-      -(weight * uses.inside),
-      symbol.start_line,
+      symbol.type_or_callable ? 0 : 1,     symbol.name.starts_with('_'), -(weight * uses.outside),
+      -std::min<__int128>(size, kSizeCap), -(weight * uses.inside),      symbol.start_line,
   };
 }
 
@@ -46,8 +42,7 @@ RankedFiles ranked_by_file(const FactsView& view, const Vocab& vocab, const FanI
   }
   std::vector<RankKey> keys;
   keys.reserve(symbols.rows);
-  for (std::size_t row = 0; row < symbols.rows; ++row)
-    keys.push_back(rank_key(view.pool, symbols, row, vocab, fan_in));
+  for (std::size_t row = 0; row < symbols.rows; ++row) keys.push_back(rank_key(view.pool, symbols, row, vocab, fan_in));
   for (auto& [path, rows] : ranked)
     std::stable_sort(rows.begin(), rows.end(), [&](std::size_t a, std::size_t b) { return keys[a] < keys[b]; });
   return ranked;
@@ -82,8 +77,7 @@ std::vector<std::pair<StrId, std::pair<std::int64_t, std::int64_t>>> file_seeds(
 
 std::int64_t quota_cap(std::int64_t total, double max_share, std::int64_t floor_each) {
   double product = static_cast<double>(total) * max_share;
-  if (std::isnan(product))
-    throw std::domain_error("max_share: ceil(total * max_share) of NaN is not an integer");
+  if (std::isnan(product)) throw std::domain_error("max_share: ceil(total * max_share) of NaN is not an integer");
   if (std::isinf(product))
     throw std::overflow_error("max_share: ceil(total * max_share) of infinity is not an integer");
   double ceiling = std::ceil(product);
@@ -131,9 +125,8 @@ std::vector<std::size_t> select_with_quota(const std::vector<QuotaFile>& all_fil
     std::stable_sort(by_path.begin(), by_path.end(),
                      [&](std::size_t a, std::size_t b) { return files[a].path < files[b].path; });
     for (std::size_t rank = 0; rank < by_path.size(); ++rank)
-      path_rank[by_path[rank]] = rank == 0 || files[by_path[rank]].path != files[by_path[rank - 1]].path
-                                     ? rank
-                                     : path_rank[by_path[rank - 1]];
+      path_rank[by_path[rank]] =
+          rank == 0 || files[by_path[rank]].path != files[by_path[rank - 1]].path ? rank : path_rank[by_path[rank - 1]];
   }
   struct Pending {
     const RankKey* key;
@@ -158,8 +151,8 @@ std::vector<std::size_t> select_with_quota(const std::vector<QuotaFile>& all_fil
       runs_sorted = !(key_of(file, index + 1) < key_of(file, index));
   std::vector<Pending> heap;
   for (std::size_t file = 0; file < files.size(); ++file)
-    for (std::int64_t index = taken[file]; index < (runs_sorted ? std::min(taken[file] + 1, length(file)) : length(file));
-         ++index)
+    for (std::int64_t index = taken[file];
+         index < (runs_sorted ? std::min(taken[file] + 1, length(file)) : length(file)); ++index)
       heap.push_back({&key_of(file, index), path_rank[file], file, index});
   std::make_heap(heap.begin(), heap.end(), later);
   std::vector<Pending> walked;  // the part of the order produced so far

@@ -264,7 +264,8 @@ std::string render_file_cards(const FactsView& view, const Vocab& vocab, const F
     if (users_of[path] != kNone) {
       const auto& entries = users[users_of[path]].users;
       user_count = entries.size();
-      for (std::size_t i : first_by_count(entries, card_names)) shown.push_back(short_path(pool.text(entries[i].first)));
+      for (std::size_t i : first_by_count(entries, card_names))
+        shown.push_back(short_path(pool.text(entries[i].first)));
     }
     append_cell(out, named(shown, user_count, kCardNames));
 

@@ -50,7 +50,7 @@ enum : unsigned { source_path, target_id, target_path, target_name, target_kind,
 namespace out_f {
 // `target` is the referenced declaration; the target_* cells are its fields.
 enum : unsigned { source_path, resolution, refs, target, target_id, target_path, target_kind, target_fqn, count };
-}
+}  // namespace out_f
 
 inline constexpr std::uint32_t bit(unsigned field) { return std::uint32_t{1} << field; }
 
@@ -109,14 +109,14 @@ struct FactsView {
 // for one call (the host may rebind the sets between calls).
 namespace vocab_bit {
 enum : std::uint16_t {
-  evidence = 1,     // EVIDENCE_RESOLUTIONS
-  trusted = 2,      // _TRUSTED
-  name_match = 4,   // NAME_MATCH_KINDS
-  type = 8,         // _TYPE_KINDS
-  callable = 16,    // _CALLABLE_KINDS
-  constant = 32,    // exactly "constant"
-  unique = 64,      // exactly "unique"
-  legacy = 128,     // exactly "legacy"
+  evidence = 1,    // EVIDENCE_RESOLUTIONS
+  trusted = 2,     // _TRUSTED
+  name_match = 4,  // NAME_MATCH_KINDS
+  type = 8,        // _TYPE_KINDS
+  callable = 16,   // _CALLABLE_KINDS
+  constant = 32,   // exactly "constant"
+  unique = 64,     // exactly "unique"
+  legacy = 128,    // exactly "legacy"
 };
 }
 

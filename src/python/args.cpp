@@ -12,7 +12,8 @@ namespace {
 
 // "f() argument 'a'" or "f() argument 'a': what", for the start of a message.
 PyRef place(Where where) {
-  if (where.what == nullptr) return check(PyUnicode_FromFormat("%s() argument '%s'", CallScope::function(), where.argument));
+  if (where.what == nullptr)
+    return check(PyUnicode_FromFormat("%s() argument '%s'", CallScope::function(), where.argument));
   return check(PyUnicode_FromFormat("%s() argument '%s': %s", CallScope::function(), where.argument, where.what));
 }
 

@@ -2,8 +2,8 @@
 #include <unordered_set>
 
 #include "bindings.hpp"
-#include "facts.hpp"
 #include "consumers.hpp"
+#include "facts.hpp"
 #include "neighbours.hpp"
 
 namespace scope::py {
@@ -25,8 +25,7 @@ PyObject* render_consumers(PyObject*, PyObject* args, PyObject* kwargs) {
     if (!PyUnicode_Check(heading_arg)) wrong_type(Where{"heading"}, "str", heading_arg);
     need_path_bits(facts, path_bit::in_page | path_bit::import_resolved | path_bit::test_source);
     need_inbound(facts, bit(in_f::source_path) | bit(in_f::target_id) | bit(in_f::target_path) |
-                            bit(in_f::target_name) | bit(in_f::target_kind) | bit(in_f::resolution) |
-                            bit(in_f::refs));
+                            bit(in_f::target_name) | bit(in_f::target_kind) | bit(in_f::resolution) | bit(in_f::refs));
     need_files(facts, bit(file_f::path) | bit(file_f::language));
     need_symbols(facts, kUnusedFields);
     FanInView fan_in = fan_in_view(fan_in_arg, symbol_ids(facts));
@@ -64,8 +63,8 @@ PyObject* neighbours(PyObject*, PyObject* args, PyObject* kwargs) {
     std::int64_t limit = int_arg(limit_arg, "limit");
 
     need_path_bits(facts, path_bit::in_page);
-    need_outbound(facts, bit(out_f::resolution) | bit(out_f::refs) | bit(out_f::target_id) |
-                             bit(out_f::target_path) | bit(out_f::target_kind) | bit(out_f::target_fqn));
+    need_outbound(facts, bit(out_f::resolution) | bit(out_f::refs) | bit(out_f::target_id) | bit(out_f::target_path) |
+                             bit(out_f::target_kind) | bit(out_f::target_fqn));
     NativeFacts& native = native_of(facts);
     Vocab vocab = vocab_for(facts);
     // The path filter is asked once per distinct target path outside the
@@ -97,8 +96,8 @@ PyObject* name_match_counts(PyObject*, PyObject* args, PyObject* kwargs) {
     FactsObject* facts = as_facts(facts_arg);
     need_inbound(facts, bit(in_f::source_path) | bit(in_f::target_path) | bit(in_f::target_kind) |
                             bit(in_f::resolution) | bit(in_f::refs));
-    need_outbound(facts, bit(out_f::source_path) | bit(out_f::resolution) | bit(out_f::refs) |
-                             bit(out_f::target_path) | bit(out_f::target_kind));
+    need_outbound(facts, bit(out_f::source_path) | bit(out_f::resolution) | bit(out_f::refs) | bit(out_f::target_path) |
+                             bit(out_f::target_kind));
     NativeFacts& native = native_of(facts);
     PathPairCounter counts = scope::name_match_counts(native.view, vocab_for(facts));
     PyRef result = check(PyDict_New());

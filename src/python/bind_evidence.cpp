@@ -19,8 +19,7 @@ PyObject* is_use(PyObject*, PyObject* args, PyObject* kwargs) {
     parse_args(args, kwargs, "OOO:is_use", keywords, &resolution, &target_kind, &import_resolved);
     // The same membership tests as the core, on whatever objects the host
     // passes, with the module's sets as they are bound now.
-    if (check(PySequence_Contains(module_attr("EVIDENCE_RESOLUTIONS").get(), resolution)))
-      return new_bool(true);
+    if (check(PySequence_Contains(module_attr("EVIDENCE_RESOLUTIONS").get(), resolution))) return new_bool(true);
     PyRef unique = check(PyUnicode_FromString("unique"));
     if (!check(PyObject_RichCompareBool(resolution, unique.get(), Py_EQ))) return new_bool(false);
     if (truth(import_resolved)) return new_bool(false);
@@ -58,8 +57,8 @@ PyObject* production_fan_in(PyObject*, PyObject* args, PyObject* kwargs) {
     parse_args(args, kwargs, "O:production_fan_in", keywords, &facts_arg);
     FactsObject* facts = as_facts(facts_arg);
     need_path_bits(facts, path_bit::in_page | path_bit::test_source);
-    need_inbound(facts, bit(in_f::source_path) | bit(in_f::resolution) | bit(in_f::target_id) |
-                            bit(in_f::target_kind) | bit(in_f::refs));
+    need_inbound(facts, bit(in_f::source_path) | bit(in_f::resolution) | bit(in_f::target_id) | bit(in_f::target_kind) |
+                            bit(in_f::refs));
     need_symbols(facts, kMemberFields | bit(sym_f::is_export) | bit(sym_f::name));
     NativeFacts& native = native_of(facts);
     Vocab vocab = vocab_for(facts);
@@ -75,8 +74,7 @@ PyObject* production_fan_in(PyObject*, PyObject* args, PyObject* kwargs) {
       for (std::size_t row : candidates) {
         StrId path = native.view.symbols.str(sym_f::path, row);
         PyRef answer = check(PyObject_CallOneArg(is_test_path.get(), native.strings[path].get()));
-        if (!truth(answer.get()))
-          check(PySet_Add(entry.get(), new_int(native.view.symbols.num(sym_f::id, row)).get()));
+        if (!truth(answer.get())) check(PySet_Add(entry.get(), new_int(native.view.symbols.num(sym_f::id, row)).get()));
       }
     }
     return check(PyObject_CallFunctionObjArgs(fan_in_type(), outside.get(), inside.get(), entry.get(), nullptr));

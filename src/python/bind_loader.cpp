@@ -40,11 +40,10 @@ PyRef language_list(PyObject* files) {
     std::string_view text = utf8_of(language.get(), scratch, Where{"db", "ScopeFile.language from scope_files()"});
     if (!text.empty()) languages.emplace_back(std::string(text), language);
   }
-  std::stable_sort(languages.begin(), languages.end(),
-                   [](const auto& a, const auto& b) { return a.first < b.first; });
-  languages.erase(std::unique(languages.begin(), languages.end(),
-                              [](const auto& a, const auto& b) { return a.first == b.first; }),
-                  languages.end());
+  std::stable_sort(languages.begin(), languages.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+  languages.erase(
+      std::unique(languages.begin(), languages.end(), [](const auto& a, const auto& b) { return a.first == b.first; }),
+      languages.end());
   PyRef list = check(PyList_New(static_cast<Py_ssize_t>(languages.size())));
   for (std::size_t i = 0; i < languages.size(); ++i)
     PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i), languages[i].second.release());

@@ -13,9 +13,8 @@ constexpr std::uint32_t kKeyFields =
     bit(sym_f::id) | bit(sym_f::kind) | bit(sym_f::name) | bit(sym_f::start_line) | bit(sym_f::end_line);
 
 PyRef key_tuple(const RankKey& key) {
-  PyRef items[] = {new_bool(key.not_api),       new_int(key.kind_group),   new_bool(key.is_private),
-                   new_int128(key.outside),     new_int128(key.size),      new_int128(key.inside),
-                   new_int(key.start_line)};
+  PyRef items[] = {new_bool(key.not_api), new_int(key.kind_group), new_bool(key.is_private), new_int128(key.outside),
+                   new_int128(key.size),  new_int128(key.inside),  new_int(key.start_line)};
   PyRef tuple = check(PyTuple_New(7));
   for (Py_ssize_t i = 0; i < 7; ++i) PyTuple_SET_ITEM(tuple.get(), i, items[i].release());
   return tuple;
@@ -23,8 +22,7 @@ PyRef key_tuple(const RankKey& key) {
 
 // Attribute and module names, interned once for the life of the process.
 struct Names {
-  PyObject *id, *kind, *name, *start_line, *end_line, *outside, *inside, *entry, *get, *type_kinds,
-      *callable_kinds;
+  PyObject *id, *kind, *name, *start_line, *end_line, *outside, *inside, *entry, *get, *type_kinds, *callable_kinds;
 };
 const Names& names() {
   static const Names interned = [] {
@@ -33,9 +31,9 @@ const Names& names() {
       if (object == nullptr) throw PyError{};
       return object;
     };
-    return Names{name("id"),     name("kind"),    name("name"),  name("start_line"), name("end_line"),
-                 name("outside"), name("inside"), name("entry"), name("get"),        name("_TYPE_KINDS"),
-                 name("_CALLABLE_KINDS")};
+    return Names{name("id"),       name("kind"),        name("name"),           name("start_line"),
+                 name("end_line"), name("outside"),     name("inside"),         name("entry"),
+                 name("get"),      name("_TYPE_KINDS"), name("_CALLABLE_KINDS")};
   }();
   return interned;
 }
@@ -149,8 +147,8 @@ PyObject* file_seeds(PyObject*, PyObject* args, PyObject* kwargs) {
     NativeFacts& native = native_of(facts);
     PyRef result = check(PyDict_New());
     for (const auto& [path, seed] : scope::file_seeds(native.view, vocab_for(facts), fan_in)) {
-      PyRef range = check(Py_BuildValue("(LL)", static_cast<long long>(seed.first),
-                                        static_cast<long long>(seed.second)));
+      PyRef range =
+          check(Py_BuildValue("(LL)", static_cast<long long>(seed.first), static_cast<long long>(seed.second)));
       check(PyDict_SetItem(result.get(), native.strings[path].get(), range.get()));
     }
     return result;

@@ -78,8 +78,8 @@ PyObject* named(PyObject*, PyObject* args, PyObject* kwargs) {
   });
 }
 
-constexpr std::uint32_t kUserFields = bit(in_f::source_path) | bit(in_f::target_path) | bit(in_f::target_kind) |
-                                      bit(in_f::resolution) | bit(in_f::refs);
+constexpr std::uint32_t kUserFields =
+    bit(in_f::source_path) | bit(in_f::target_path) | bit(in_f::target_kind) | bit(in_f::resolution) | bit(in_f::refs);
 
 PyObject* file_users(PyObject*, PyObject* args, PyObject* kwargs) {
   return entry("file_users", [&]() -> PyRef {
@@ -167,8 +167,7 @@ PyObject* render_file_cards(PyObject*, PyObject* args, PyObject* kwargs) {
   return entry("render_file_cards", [&]() -> PyRef {
     static const char* const keywords[] = {"facts", "fan_in", "heading", "missing", nullptr};
     PyObject *facts_arg, *fan_in_arg, *heading_arg, *missing_arg = nullptr;
-    parse_args(args, kwargs, "OOO|O:render_file_cards", keywords, &facts_arg, &fan_in_arg, &heading_arg,
-               &missing_arg);
+    parse_args(args, kwargs, "OOO|O:render_file_cards", keywords, &facts_arg, &fan_in_arg, &heading_arg, &missing_arg);
     FactsObject* facts = as_facts(facts_arg);
     std::string heading = text_argument(heading_arg, "heading");
     std::vector<std::string> missing;

@@ -12,7 +12,7 @@ namespace scope::py {
 namespace {
 
 const char* const kFieldNames[kFactsFieldCount] = {
-    "files",   "symbols",     "inbound",   "outbound",     "import_resolved_paths",
+    "files",        "symbols",     "inbound",   "outbound",     "import_resolved_paths",
     "test_sources", "line_counts", "summaries", "test_imports",
 };
 
@@ -33,9 +33,9 @@ const FieldInfo kFileFields[] = {
     {"language", Cell::optional_text, false},
 };
 const FieldInfo kSymbolFields[] = {
-    {"id", Cell::integer, false},        {"path", Cell::text, false},       {"name", Cell::text, false},
-    {"fqn", Cell::text, false},          {"kind", Cell::text, false},       {"start_line", Cell::integer, false},
-    {"end_line", Cell::integer, false},  {"is_export", Cell::truth, false},
+    {"id", Cell::integer, false},       {"path", Cell::text, false},       {"name", Cell::text, false},
+    {"fqn", Cell::text, false},         {"kind", Cell::text, false},       {"start_line", Cell::integer, false},
+    {"end_line", Cell::integer, false}, {"is_export", Cell::truth, false},
 };
 const FieldInfo kInboundFields[] = {
     {"source_path", Cell::text, false}, {"target_id", Cell::integer, false}, {"target_path", Cell::text, false},
@@ -129,8 +129,7 @@ class AttributeReader {
     offset_ = -1;
     PyObject* descriptor = _PyType_Lookup(type, name_);  // borrowed; also sets the version tag
     version_ = type->tp_version_tag;
-    if (type->tp_getattro != PyObject_GenericGetAttr || !PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG))
-      return;
+    if (type->tp_getattro != PyObject_GenericGetAttr || !PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG)) return;
     if (descriptor == nullptr || !Py_IS_TYPE(descriptor, &PyMemberDescr_Type)) return;
     auto* member_descriptor = reinterpret_cast<PyMemberDescrObject*>(descriptor);
     // A descriptor taken from another class (`path = Other.__dict__["id"]`)
@@ -233,11 +232,12 @@ PyRef copy_map(PyObject* source, const char* argument) {
 
 PyObject* facts_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
   return entry("ScopeFacts", [&]() -> PyRef {
-    static const char* keywords[] = {"files",        "symbols",     "inbound",   "outbound",     "import_resolved_paths",
-                                     "test_sources", "line_counts", "summaries", "test_imports", nullptr};
+    static const char* keywords[] = {
+        "files",        "symbols",     "inbound",   "outbound",     "import_resolved_paths",
+        "test_sources", "line_counts", "summaries", "test_imports", nullptr};
     PyObject* given[kFactsFieldCount] = {};
-    parse_args(args, kwargs, "OOOOOOOO|O:ScopeFacts", keywords, &given[0], &given[1], &given[2], &given[3],
-               &given[4], &given[5], &given[6], &given[7], &given[8]);
+    parse_args(args, kwargs, "OOOOOOOO|O:ScopeFacts", keywords, &given[0], &given[1], &given[2], &given[3], &given[4],
+               &given[5], &given[6], &given[7], &given[8]);
     PyRef converted[kFactsFieldCount];
     for (int i = kFiles; i <= kOutbound; ++i) converted[i] = snapshot(given[i], Where{kFieldNames[i]}, "a sequence");
     for (int i = kImportResolvedPaths; i <= kTestSources; ++i) {
@@ -492,7 +492,7 @@ bool init_facts_type(PyObject* module) {
       {0, nullptr},
   };
   static PyType_Spec type_spec = {"scope.ScopeFacts", sizeof(FactsObject), 0,
-                             Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_IMMUTABLETYPE, slots};
+                                  Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_IMMUTABLETYPE, slots};
   PyObject* type = PyType_FromSpec(&type_spec);
   if (type == nullptr) return false;
   facts_type = reinterpret_cast<PyTypeObject*>(type);
@@ -573,8 +573,7 @@ void need_inbound(FactsObject* facts, std::uint32_t fields) {
   load_columns(native, table, facts->fields[kInbound], kInboundFields, inbound_names, fields, "InboundReference",
                "facts");
   if (!had_kind && table.has(bit(in_f::target_kind))) note_column(native.view, table, in_f::target_kind, true);
-  if (!had_resolution && table.has(bit(in_f::resolution)))
-    note_column(native.view, table, in_f::resolution, false);
+  if (!had_resolution && table.has(bit(in_f::resolution))) note_column(native.view, table, in_f::resolution, false);
 }
 
 void need_outbound(FactsObject* facts, std::uint32_t fields) {
@@ -588,11 +587,10 @@ void need_outbound(FactsObject* facts, std::uint32_t fields) {
   // The targets first: the target_* columns are read from them.
   load_columns(native, table, facts->fields[kOutbound], kOutboundFields, outbound_names,
                fields & (bit(out_f::target) | ~via_target), "OutboundReference", "facts");
-  load_columns(native, table, facts->fields[kOutbound], kOutboundFields, outbound_names, fields,
-               "OutboundReference", "facts");
+  load_columns(native, table, facts->fields[kOutbound], kOutboundFields, outbound_names, fields, "OutboundReference",
+               "facts");
   if (!had_kind && table.has(bit(out_f::target_kind))) note_column(native.view, table, out_f::target_kind, true);
-  if (!had_resolution && table.has(bit(out_f::resolution)))
-    note_column(native.view, table, out_f::resolution, false);
+  if (!had_resolution && table.has(bit(out_f::resolution))) note_column(native.view, table, out_f::resolution, false);
 }
 
 namespace {
@@ -627,8 +625,7 @@ void need_path_bits(FactsObject* facts, std::uint8_t which) {
   }
   if (missing & path_bit::import_resolved)
     mark_paths(native, facts->fields[kImportResolvedPaths], path_bit::import_resolved);
-  if (missing & path_bit::test_source)
-    mark_paths(native, facts->fields[kTestSources], path_bit::test_source);
+  if (missing & path_bit::test_source) mark_paths(native, facts->fields[kTestSources], path_bit::test_source);
 }
 
 void need_line_counts(FactsObject* facts) {

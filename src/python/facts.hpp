@@ -3,8 +3,8 @@
 
 #include <memory>
 #include <span>
-#include <unordered_set>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "../core/counter.hpp"

@@ -4,14 +4,13 @@
 #include "facts.hpp"
 #include "pyref.hpp"
 
-
 namespace scope::py {
 
 namespace {
 
 PyObject* the_module = nullptr;  // borrowed: a single-phase module lives until exit
-PyRef fan_in_class;                // the FanIn made at load, for results
-PyRef counter_class;               // collections.Counter
+PyRef fan_in_class;              // the FanIn made at load, for results
+PyRef counter_class;             // collections.Counter
 
 struct Import {
   const char* module;
@@ -99,7 +98,7 @@ void populate(PyObject* module) {
   check(PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()));  // borrowed
   check(PyDict_SetItemString(globals.get(), "__name__", check(PyModule_GetNameObject(module)).get()));
   check(PyRun_String(kFanInSource, Py_file_input, globals.get(), globals.get()));  // the result is None
-  PyObject* fan_in = PyDict_GetItemString(globals.get(), "FanIn");  // borrowed from globals
+  PyObject* fan_in = PyDict_GetItemString(globals.get(), "FanIn");                 // borrowed from globals
   if (fan_in == nullptr) raise(PyExc_SystemError, "FanIn was not defined");
   fan_in_class = PyRef::borrow(fan_in);
   add(module, "FanIn", fan_in_class);

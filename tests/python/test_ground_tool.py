@@ -4,11 +4,11 @@ import os
 import sqlite3
 
 import pytest
+from test_indexer import write_tree
 
 from tarnwick.indexer import python_tree
 from tarnwick.storage.database import Database
 from tarnwick.tools import ground as tool
-from test_indexer import write_tree
 
 TREE = {
     "shop/__init__.py": '"""The shop."""\nfrom .models import Cart\n',

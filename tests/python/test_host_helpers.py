@@ -4,12 +4,12 @@ import os
 from types import SimpleNamespace
 
 import pytest
+from test_indexer import write_tree
 
 from tarnwick.utils.path_filter import is_test_path
+from tarnwick.workers.wiki import scope_tests
 from tarnwick.workers.wiki.checkout import checkout_reader
 from tarnwick.workers.wiki.file_summary import file_summary
-from tarnwick.workers.wiki import scope_tests
-from test_indexer import write_tree
 
 
 @pytest.mark.parametrize("path, expected", [

@@ -5,9 +5,17 @@ import sqlite3
 import pytest
 
 from tarnwick.storage.database import Database
-from tarnwick.storage.grounding_queries import (InboundReference, OutboundReference, ScopeFile, ScopeSymbol,
-                                                 import_resolved_languages, inbound_references, outbound_references,
-                                                 scope_files, scope_symbols)
+from tarnwick.storage.grounding_queries import (
+    InboundReference,
+    OutboundReference,
+    ScopeFile,
+    ScopeSymbol,
+    import_resolved_languages,
+    inbound_references,
+    outbound_references,
+    scope_files,
+    scope_symbols,
+)
 from tarnwick.workers.wiki.scope_tests import importing_tests
 
 PAGE = ["pkg/b.py", "pkg/a.py", "pkg/missing.py"]

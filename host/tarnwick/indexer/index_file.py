@@ -51,8 +51,12 @@ class TreeSettings:
     keep: tuple[str, ...] = ()
 
     def info(self) -> dict[str, str]:
-        return {"format": FORMAT, "root": printable(self.root), "exclude": json.dumps(self.exclude),
-                "keep": json.dumps(self.keep)}
+        return {
+            "format": FORMAT,
+            "root": printable(self.root),
+            "exclude": json.dumps(self.exclude),
+            "keep": json.dumps(self.keep),
+        }
 
 
 def printable(path: os.PathLike[str] | str) -> str:
@@ -61,8 +65,9 @@ def printable(path: os.PathLike[str] | str) -> str:
     return os.fsencode(path).decode("utf-8", "backslashreplace")
 
 
-def current_index(path: Path, settings: TreeSettings, rebuild: bool = False,
-                  log: Callable[[str], None] = print, progress=sys.stderr) -> Database:
+def current_index(
+    path: Path, settings: TreeSettings, rebuild: bool = False, log: Callable[[str], None] = print, progress=sys.stderr
+) -> Database:
     """The index at `path` of the tree `settings` describe, read-only and up
     to date: built when missing, incomplete, made from other settings or
     asked for (`rebuild`), refreshed when files of the tree changed since.
@@ -101,8 +106,7 @@ def _open_existing(path: Path) -> Database | None:
     return db
 
 
-def _verdict(path: Path, previous: Database | None, settings: TreeSettings, rebuild: bool
-             ) -> tuple[str | None, bool]:
+def _verdict(path: Path, previous: Database | None, settings: TreeSettings, rebuild: bool) -> tuple[str | None, bool]:
     """Why the index must be built (None when it is current), and whether
     the previous one's analyses of unchanged files can be reused."""
     root = printable(settings.root)
@@ -115,8 +119,9 @@ def _verdict(path: Path, previous: Database | None, settings: TreeSettings, rebu
         return f"indexing {root} again", False
     if info != {**settings.info(), "complete": "yes"}:
         same_tree = info.get("root") == root
-        return (f"the index {printable(path)} was made from another tree or with other settings: "
-                f"indexing {root} again"), same_tree
+        return (
+            f"the index {printable(path)} was made from another tree or with other settings: indexing {root} again"
+        ), same_tree
     changes = _changes(previous.file_stamps(), tree_stamps(settings.root, settings.exclude, settings.keep))
     if not changes:
         return None, True
@@ -125,9 +130,11 @@ def _verdict(path: Path, previous: Database | None, settings: TreeSettings, rebu
 
 def _changes(indexed: dict[str, tuple[int, int]], now: dict[str, tuple[int, int]]) -> str:
     """What changed in the tree since it was indexed, in words ("" for nothing)."""
-    groups = [("changed", [p for p in now if p in indexed and tuple(indexed[p]) != now[p]]),
-              ("added", [p for p in now if p not in indexed]),
-              ("removed", sorted(p for p in indexed if p not in now))]
+    groups = [
+        ("changed", [p for p in now if p in indexed and tuple(indexed[p]) != now[p]]),
+        ("added", [p for p in now if p not in indexed]),
+        ("removed", sorted(p for p in indexed if p not in now)),
+    ]
     return ", ".join(f"{len(paths)} {word} ({_some(paths)})" for word, paths in groups if paths)
 
 

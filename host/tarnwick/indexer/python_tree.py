@@ -136,8 +136,10 @@ PROPERTY_DECORATORS = frozenset({"property", "cached_property", "abstractpropert
 # Attribute names of the built-in types: `text.split()` on an unknown object
 # is far more likely a str method than the one declaration named `split`.
 BUILTIN_ATTRIBUTES = frozenset(
-    name for kind in (str, bytes, bytearray, list, dict, set, frozenset, tuple, int, float, complex, object)
-    for name in dir(kind))
+    name
+    for kind in (str, bytes, bytearray, list, dict, set, frozenset, tuple, int, float, complex, object)
+    for name in dir(kind)
+)
 # How many hops of re-exports (`from .x import Y` in a package) are followed.
 REEXPORT_DEPTH = 8
 PROGRESS_MIN_FILES = 200
@@ -159,12 +161,22 @@ _UNKNOWN = ("unknown",)  # an object of unknown type: its attributes are matched
 _FREE = ("free",)  # a name bound nowhere in the file: matched by name itself
 
 _FUNCTIONS = (ast.FunctionDef, ast.AsyncFunctionDef)
-_LITERALS = (ast.Constant, ast.JoinedStr, ast.List, ast.Tuple, ast.Dict, ast.Set, ast.ListComp, ast.SetComp,
-             ast.DictComp)
+_LITERALS = (
+    ast.Constant,
+    ast.JoinedStr,
+    ast.List,
+    ast.Tuple,
+    ast.Dict,
+    ast.Set,
+    ast.ListComp,
+    ast.SetComp,
+    ast.DictComp,
+)
 # Expressions whose value is of a built-in type.
 _BUILTIN_EXPRESSIONS = _LITERALS + (ast.GeneratorExp, ast.Compare)
 _BLOCKS = (ast.If, ast.Try, ast.With, ast.AsyncWith, ast.For, ast.AsyncFor, ast.While) + (
-    (ast.TryStar,) if hasattr(ast, "TryStar") else ())
+    (ast.TryStar,) if hasattr(ast, "TryStar") else ()
+)
 
 
 @dataclass
@@ -192,8 +204,21 @@ class IndexStats:
 
 
 class _Decl:
-    __slots__ = ("name", "fqn", "kind", "start", "end", "exported", "members", "bases", "type", "returns",
-                 "module", "ancestry", "instance")
+    __slots__ = (
+        "name",
+        "fqn",
+        "kind",
+        "start",
+        "end",
+        "exported",
+        "members",
+        "bases",
+        "type",
+        "returns",
+        "module",
+        "ancestry",
+        "instance",
+    )
     # What a file's stored analysis keeps of a declaration.
     STORED = __slots__[:10]
 
@@ -283,6 +308,7 @@ class _Module:
 
 # -- the files of a tree ------------------------------------------------------
 
+
 def _skipped(directory: str, name: str, top: bool) -> bool:
     if name.startswith(".") or name in SKIPPED_DIRS:
         return True
@@ -341,7 +367,8 @@ def _python_files(root: Path, exclude=(), keep=(), unnamed=None) -> list[_Source
                     unnamed.append(path)
                 continue
             if any(fnmatch.fnmatchcase(path, glob) for glob in exclude) and not any(
-                    fnmatch.fnmatchcase(path, glob) for glob in keep):
+                fnmatch.fnmatchcase(path, glob) for glob in keep
+            ):
                 continue
             stem = name[:-3]
             dotted = f"{folder}.{stem}" if folder else stem
@@ -358,6 +385,7 @@ def _python_files(root: Path, exclude=(), keep=(), unnamed=None) -> list[_Source
 
 
 # -- per file: declarations, imports and use chains ---------------------------
+
 
 def _literal_all(body: list[ast.stmt]) -> set[str] | None:
     """The names of a literal `__all__` (with `+=`, `.extend` and `.append` of
@@ -382,13 +410,23 @@ def _literal_all(body: list[ast.stmt]) -> set[str] | None:
                 value = literal(node.value)
                 if value is not None:
                     names = set(value)
-        elif (isinstance(node, ast.AugAssign) and isinstance(node.target, ast.Name)
-              and node.target.id == "__all__" and names is not None):
+        elif (
+            isinstance(node, ast.AugAssign)
+            and isinstance(node.target, ast.Name)
+            and node.target.id == "__all__"
+            and names is not None
+        ):
             names.update(literal(node.value) or ())
-        elif (isinstance(node, ast.Expr) and isinstance(node.value, ast.Call)
-              and isinstance(node.value.func, ast.Attribute) and node.value.func.attr in ("extend", "append")
-              and isinstance(node.value.func.value, ast.Name) and node.value.func.value.id == "__all__"
-              and names is not None and len(node.value.args) == 1):
+        elif (
+            isinstance(node, ast.Expr)
+            and isinstance(node.value, ast.Call)
+            and isinstance(node.value.func, ast.Attribute)
+            and node.value.func.attr in ("extend", "append")
+            and isinstance(node.value.func.value, ast.Name)
+            and node.value.func.value.id == "__all__"
+            and names is not None
+            and len(node.value.args) == 1
+        ):
             names.update(literal(node.value.args[0]) or ())
     return names
 
@@ -532,8 +570,7 @@ class _FileWalker:
 
     # -- declarations -------------------------------------------------------
 
-    def declare(self, name: str, kind: str, node: ast.AST, owner: int | None, typed: tuple | None = None
-                ) -> int | None:
+    def declare(self, name: str, kind: str, node: ast.AST, owner: int | None, typed: tuple | None = None) -> int | None:
         """Declare `name` at module level (owner None) or in class `owner`
         (with the chain key of its type, if known); the first declaration of
         a name wins (None for a later one)."""
@@ -565,8 +602,9 @@ class _FileWalker:
         for node in _flat(body):
             if isinstance(node, _FUNCTIONS):
                 prop = any(_last_name(decorator) in PROPERTY_DECORATORS for decorator in node.decorator_list)
-                method = self.declare(node.name, "property" if prop else "method", node, cls,
-                                      self.type_key(node.returns, False))
+                method = self.declare(
+                    node.name, "property" if prop else "method", node, cls, self.type_key(node.returns, False)
+                )
                 if method is not None:
                     self.functions[id(node)] = method
             elif isinstance(node, ast.ClassDef):
@@ -576,7 +614,7 @@ class _FileWalker:
             elif isinstance(node, (ast.Assign, ast.AnnAssign)):
                 typed = self.value_type(node)
                 kind = "field" if isinstance(node, ast.AnnAssign) else "attribute"
-                for target in (node.targets if isinstance(node, ast.Assign) else [node.target]):
+                for target in node.targets if isinstance(node, ast.Assign) else [node.target]:
                     for stored in _names_in(target):
                         if isinstance(stored, ast.Name):
                             self.declare(stored.id, kind, node, cls, typed)
@@ -672,9 +710,13 @@ class _FileWalker:
         self.visit_arguments(node.args)
         self.annotation(node.returns)
         args = node.args
-        self.types.append({arg.arg: self.type_key(arg.annotation, False)
-                           for arg in args.posonlyargs + args.args + args.kwonlyargs + [args.vararg, args.kwarg]
-                           if arg is not None})
+        self.types.append(
+            {
+                arg.arg: self.type_key(arg.annotation, False)
+                for arg in args.posonlyargs + args.args + args.kwonlyargs + [args.vararg, args.kwarg]
+                if arg is not None
+            }
+        )
         scope, owner, self_ctx, returns = self.scope, self.owner, self.self_ctx, self.returns
         self.returns = _Returns(set(self.types[-1]))
         if scope == "module":
@@ -732,8 +774,11 @@ class _FileWalker:
             self_name, cls = self.self_ctx
             for target in targets:
                 for stored in _names_in(target):
-                    if (isinstance(stored, ast.Attribute) and isinstance(stored.value, ast.Name)
-                            and stored.value.id == self_name):
+                    if (
+                        isinstance(stored, ast.Attribute)
+                        and isinstance(stored.value, ast.Name)
+                        and stored.value.id == self_name
+                    ):
                         if self.declare(stored.attr, "attribute", node, cls, typed) is None and typed:
                             # Declared before (`parser = None` in the class body): the
                             # first assignment that names a class gives its type.
@@ -790,8 +835,11 @@ class _FileWalker:
     def returned(self, value: ast.expr | None) -> tuple | None:
         """The chain key of what a return statement gives, `_Returns.SKIP`
         when it says nothing of the type, or None when it cannot be placed."""
-        if value is None or isinstance(value, ast.Subscript) or (
-                isinstance(value, ast.Constant) and value.value is None):
+        if (
+            value is None
+            or isinstance(value, ast.Subscript)
+            or (isinstance(value, ast.Constant) and value.value is None)
+        ):
             return _Returns.SKIP
         if isinstance(value, ast.Name):
             if value.id in self.returns.params:
@@ -827,22 +875,37 @@ class _FileWalker:
 
 
 _DISPATCH = {
-    ast.Name: _FileWalker.visit_name, ast.Attribute: _FileWalker.visit_attribute,
-    ast.FunctionDef: _FileWalker.visit_function, ast.AsyncFunctionDef: _FileWalker.visit_function,
-    ast.ClassDef: _FileWalker.visit_class, ast.Assign: _FileWalker.visit_assign,
-    ast.AnnAssign: _FileWalker.visit_assign, ast.Import: _FileWalker.visit_import,
-    ast.ImportFrom: _FileWalker.visit_import_from, ast.arguments: _FileWalker.visit_arguments,
-    ast.ExceptHandler: _FileWalker.visit_except, ast.BinOp: _FileWalker.visit_binop,
-    ast.MatchAs: _FileWalker.visit_match_name, ast.MatchStar: _FileWalker.visit_match_name,
-    ast.MatchMapping: _FileWalker.visit_match_name, ast.Return: _FileWalker.visit_return,
-    ast.Yield: _FileWalker.visit_yield, ast.YieldFrom: _FileWalker.visit_yield,
+    ast.Name: _FileWalker.visit_name,
+    ast.Attribute: _FileWalker.visit_attribute,
+    ast.FunctionDef: _FileWalker.visit_function,
+    ast.AsyncFunctionDef: _FileWalker.visit_function,
+    ast.ClassDef: _FileWalker.visit_class,
+    ast.Assign: _FileWalker.visit_assign,
+    ast.AnnAssign: _FileWalker.visit_assign,
+    ast.Import: _FileWalker.visit_import,
+    ast.ImportFrom: _FileWalker.visit_import_from,
+    ast.arguments: _FileWalker.visit_arguments,
+    ast.ExceptHandler: _FileWalker.visit_except,
+    ast.BinOp: _FileWalker.visit_binop,
+    ast.MatchAs: _FileWalker.visit_match_name,
+    ast.MatchStar: _FileWalker.visit_match_name,
+    ast.MatchMapping: _FileWalker.visit_match_name,
+    ast.Return: _FileWalker.visit_return,
+    ast.Yield: _FileWalker.visit_yield,
+    ast.YieldFrom: _FileWalker.visit_yield,
     # Nothing to see below these.
-    ast.Load: None, ast.Store: None, ast.Del: None, ast.Constant: None, ast.Global: None, ast.Nonlocal: None,
+    ast.Load: None,
+    ast.Store: None,
+    ast.Del: None,
+    ast.Constant: None,
+    ast.Global: None,
+    ast.Nonlocal: None,
     ast.Pass: None,
 }
 
 
 # -- the whole tree -----------------------------------------------------------
+
 
 class _Indexer:
     def __init__(self, root: Path, progress, exclude=(), keep=()):
@@ -1170,8 +1233,12 @@ class _Indexer:
         if show:
             unchanged = f" ({stats.reused} unchanged)" if stats.reused else ""
             skipped = f", {len(stats.unparsable)} unparsable" if stats.unparsable else ""
-            print(f"indexed {stats.files} files{unchanged}{skipped}, {stats.declarations} declarations, "
-                  f"{stats.references} references in {stats.seconds:.1f} s", file=self.progress, flush=True)
+            print(
+                f"indexed {stats.files} files{unchanged}{skipped}, {stats.declarations} declarations, "
+                f"{stats.references} references in {stats.seconds:.1f} s",
+                file=self.progress,
+                flush=True,
+            )
         return stats
 
     def name_modules(self, files: list[_Source]) -> None:
@@ -1184,8 +1251,9 @@ class _Indexer:
                 self.prefixes.update(".".join(parts[:n]) for n in range(1, len(parts)))
         self.modules = [_Module(source) for source in files]
 
-    def walk_of(self, source: _Source, stamp: tuple[int, int], stored: tuple | None, stats: IndexStats
-                ) -> tuple[str | None, bytes | None, _Walk]:
+    def walk_of(
+        self, source: _Source, stamp: tuple[int, int], stored: tuple | None, stats: IndexStats
+    ) -> tuple[str | None, bytes | None, _Walk]:
         """A file's problem (why it has no declarations), stored analysis and
         walk: those of the previous index while the file is unchanged, else new."""
         if stored is not None and tuple(stored[:2]) == stamp:
@@ -1215,12 +1283,14 @@ class _Indexer:
     def write(self, db, sources: list[tuple]) -> None:
         """Load everything into `db` with one bulk insert per table."""
         file_ids = db.add_files((module.path, LANGUAGE) for module in self.modules)
-        db.add_sources((file_id, *source) for file_id, source in zip(file_ids, sources))
+        db.add_sources((file_id, *source) for file_id, source in zip(file_ids, sources, strict=True))
         db.add_resolved_language(LANGUAGE)
         decl_ids = db.add_symbols(
-            (file_ids[d.module], d.name, d.fqn, d.kind, d.start, d.end, d.exported) for d in self.decls)
-        db.add_references((file_ids[source], decl_ids[target], resolution, n)
-                          for (source, target, resolution), n in self.refs.items())
+            (file_ids[d.module], d.name, d.fqn, d.kind, d.start, d.end, d.exported) for d in self.decls
+        )
+        db.add_references(
+            (file_ids[source], decl_ids[target], resolution, n) for (source, target, resolution), n in self.refs.items()
+        )
 
 
 def _analyse(path: Path, source: _Source) -> tuple[str | None, _Walk]:

@@ -122,8 +122,7 @@ class Database:
     closes the connection on exit.
     """
 
-    def __init__(self, path: str | os.PathLike[str] = ":memory:", readonly: bool = False,
-                 journal: bool = True) -> None:
+    def __init__(self, path: str | os.PathLike[str] = ":memory:", readonly: bool = False, journal: bool = True) -> None:
         self.path = os.fspath(path)
         if readonly:
             self.connection = sqlite3.connect(f"{Path(self.path).absolute().as_uri()}?mode=ro", uri=True)
@@ -173,9 +172,7 @@ class Database:
         with self.connection:
             first = self._next_id("files")
             params = [(first + i, path, language) for i, (path, language) in enumerate(rows)]
-            self.connection.executemany(
-                "INSERT INTO files (id, path, language) VALUES (?, ?, ?)", params
-            )
+            self.connection.executemany("INSERT INTO files (id, path, language) VALUES (?, ?, ?)", params)
         return [row[0] for row in params]
 
     def add_symbol(
@@ -202,8 +199,7 @@ class Database:
         for row in rows:
             if len(row) not in (6, 7):
                 raise ValueError(
-                    "a declaration is (file, name, fqn, kind, start_line, end_line[, exported]),"
-                    f" got {row!r}"
+                    f"a declaration is (file, name, fqn, kind, start_line, end_line[, exported]), got {row!r}"
                 )
         file_ids = self._file_ids(row[0] for row in rows)
         with self.connection:
@@ -229,9 +225,7 @@ class Database:
             )
         return [row[0] for row in params]
 
-    def add_reference(
-        self, source: FileRef, target_id: int, resolution: str, count: int = 1
-    ) -> None:
+    def add_reference(self, source: FileRef, target_id: int, resolution: str, count: int = 1) -> None:
         """Record ``count`` references from ``source`` (a path or a file id) to a declaration."""
         self.add_references([(source, target_id, resolution, count)])
 
@@ -244,17 +238,12 @@ class Database:
         rows = [tuple(row) for row in references]
         for row in rows:
             if len(row) not in (3, 4):
-                raise ValueError(
-                    f"a reference is (source, target_id, resolution[, count]), got {row!r}"
-                )
+                raise ValueError(f"a reference is (source, target_id, resolution[, count]), got {row!r}")
         file_ids = self._file_ids(row[0] for row in rows)
-        params = [
-            (file_ids[row[0]], row[1], row[2], row[3] if len(row) == 4 else 1) for row in rows
-        ]
+        params = [(file_ids[row[0]], row[1], row[2], row[3] if len(row) == 4 else 1) for row in rows]
         with self.connection:
             self.connection.executemany(
-                "INSERT INTO refs (source_file_id, target_id, resolution, count)"
-                " VALUES (?, ?, ?, ?)",
+                "INSERT INTO refs (source_file_id, target_id, resolution, count) VALUES (?, ?, ?, ?)",
                 params,
             )
 
@@ -300,14 +289,16 @@ class Database:
     def file_stamps(self) -> dict[str, tuple[int, int]]:
         """(size, mtime_ns) of every file the indexer saw, by path."""
         rows = self.connection.execute(
-            "SELECT f.path, s.size, s.mtime_ns FROM sources AS s JOIN files AS f ON f.id = s.file_id")
+            "SELECT f.path, s.size, s.mtime_ns FROM sources AS s JOIN files AS f ON f.id = s.file_id"
+        )
         return {path: (size, mtime_ns) for path, size, mtime_ns in rows}
 
     def file_analyses(self) -> dict[str, tuple[int, int, str | None, bytes | None]]:
         """(size, mtime_ns, problem, analysis) of every file the indexer saw, by path."""
         rows = self.connection.execute(
             "SELECT f.path, s.size, s.mtime_ns, s.problem, s.analysis"
-            " FROM sources AS s JOIN files AS f ON f.id = s.file_id")
+            " FROM sources AS s JOIN files AS f ON f.id = s.file_id"
+        )
         return {row[0]: row[1:] for row in rows}
 
     # -- lifecycle ---------------------------------------------------------
@@ -328,8 +319,9 @@ class Database:
     # -- internals ---------------------------------------------------------
 
     def _has_table(self, name: str) -> bool:
-        return bool(self.connection.execute(
-            "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?", (name,)).fetchone())
+        return bool(
+            self.connection.execute("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?", (name,)).fetchone()
+        )
 
     def _next_id(self, table: str) -> int:
         # Ids are assigned here rather than by SQLite so that the bulk

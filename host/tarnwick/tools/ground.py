@@ -27,8 +27,7 @@ import textwrap
 import time
 from pathlib import Path
 
-from tarnwick.indexer.index_file import (IndexFileError, IndexingInterrupted, TreeSettings, current_index,
-                                         printable)
+from tarnwick.indexer.index_file import IndexFileError, IndexingInterrupted, TreeSettings, current_index, printable
 
 DEFAULT_PAGE = ["email/parser.py", "email/feedparser.py", "email/message.py", "email/header.py"]
 # The standard library without its test suite (but for the email tests) and
@@ -99,22 +98,35 @@ def _share(text: str) -> float:
 
 
 def _parser() -> _Parser:
-    epilog = "\n\n".join(textwrap.fill(paragraph.format(home=printable(index_home())), 79, break_long_words=False,
-                                       break_on_hyphens=False) for paragraph in EPILOG)
-    parser = _Parser(prog="ground", description=__doc__.split("\n\n")[0], epilog=epilog,
-                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    epilog = "\n\n".join(
+        textwrap.fill(
+            paragraph.format(home=printable(index_home())), 79, break_long_words=False, break_on_hyphens=False
+        )
+        for paragraph in EPILOG
+    )
+    parser = _Parser(
+        prog="ground",
+        description=__doc__.split("\n\n")[0],
+        epilog=epilog,
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+    )
     parser.add_argument("page", nargs="*", help="paths or glob patterns of the page's files, relative to the tree")
     parser.add_argument("--tree", type=Path, help="root of the source tree (default: the standard library)")
     parser.add_argument("--index", type=Path, help="index file (default: see below)")
     parser.add_argument("--reindex", action="store_true", help="index the whole tree again, reusing nothing")
-    parser.add_argument("--exclude", action="append", metavar="GLOB",
-                        help="leave matching files out of the index (default for the standard library: its "
-                             "tests and a few large unrelated packages)")
+    parser.add_argument(
+        "--exclude",
+        action="append",
+        metavar="GLOB",
+        help="leave matching files out of the index (default for the standard library: its "
+        "tests and a few large unrelated packages)",
+    )
     parser.add_argument("--keep", action="append", metavar="GLOB", help="index matching files even if excluded")
     parser.add_argument("--total", type=_count, default=24, help="declaration blocks to select (default 24)")
     parser.add_argument("--floor", type=_count, default=2, help="blocks each file gets first (default 2)")
-    parser.add_argument("--max-share", type=_share, default=0.4,
-                        help="largest share of one file, from 0 to 1 (default 0.4)")
+    parser.add_argument(
+        "--max-share", type=_share, default=0.4, help="largest share of one file, from 0 to 1 (default 0.4)"
+    )
     parser.add_argument("--neighbours", type=_count, default=12, help="neighbours to list (default 12)")
     return parser
 
@@ -181,11 +193,15 @@ class Timer:
         return result
 
 
-NEIGHBOURS_NOTE = ("Declarations in other production files that this page's files reference most; every edge counts "
-                   "but a name match to an attribute, a field, a property or a constant.")
-NAME_MATCHES_NOTE = ("Pairs of files joined by `unique` references to an attribute, a field, a property or a constant: "
-                     "the name matches one declaration, but no import or local binding ties the reference to it, so "
-                     "these edges are not dependencies.")
+NEIGHBOURS_NOTE = (
+    "Declarations in other production files that this page's files reference most; every edge counts "
+    "but a name match to an attribute, a field, a property or a constant."
+)
+NAME_MATCHES_NOTE = (
+    "Pairs of files joined by `unique` references to an attribute, a field, a property or a constant: "
+    "the name matches one declaration, but no import or local binding ties the reference to it, so "
+    "these edges are not dependencies."
+)
 
 
 def ground(args: argparse.Namespace) -> str:
@@ -207,9 +223,13 @@ def ground(args: argparse.Namespace) -> str:
     name_matches = timer(scope.name_match_counts, facts)
 
     out = [f"# Grounding of {plural(len(paths), 'file')} in `{printable(args.tree)}`", "", cards, consumers]
-    out += ["## Declaration blocks", "",
-            f"{len(blocks)} of {plural(len(facts.symbols), 'declaration')} (total {args.total}, floor {args.floor}, "
-            f"max share {args.max_share}), every file's best first:", ""]
+    out += [
+        "## Declaration blocks",
+        "",
+        f"{len(blocks)} of {plural(len(facts.symbols), 'declaration')} (total {args.total}, floor {args.floor}, "
+        f"max share {args.max_share}), every file's best first:",
+        "",
+    ]
     out += [f"- `{s.name}` ({s.kind}, `{s.path}:L{s.start_line}-{s.end_line}`)" for s in blocks]
     out += ["", "## Seeds", ""]
     out += [f"- `{path}`: lines {start}-{end}" for path, (start, end) in seeds.items()]

@@ -83,5 +83,8 @@ def tests_reaching(facts: Any) -> tuple[frozenset[str], dict[str, list[str]]]:
 def _is_evidence(ref: Any, facts: Any) -> bool:
     if ref.resolution in EVIDENCE_RESOLUTIONS:
         return True
-    return (ref.resolution == "unique" and not facts.import_resolved(ref.target_path)
-            and ref.target_kind not in NAME_MATCH_KINDS)
+    return (
+        ref.resolution == "unique"
+        and not facts.import_resolved(ref.target_path)
+        and ref.target_kind not in NAME_MATCH_KINDS
+    )
