@@ -20,20 +20,30 @@ from timing import best_of, report  # noqa: E402
 
 
 def main():
-    fields = pages.make_page(random.Random(3), n_files=60, decls_per_file=100, n_inbound=100_000,
-                             n_outbound=0, n_outside=3_000)
-    print(f"page: {len(fields['files'])} files, {len(fields['symbols'])} declarations, "
-          f"{len(fields['inbound'])} inbound references")
+    fields = pages.make_page(
+        random.Random(3), n_files=60, decls_per_file=100, n_inbound=100_000, n_outbound=0, n_outside=3_000
+    )
+    print(
+        f"page: {len(fields['files'])} files, {len(fields['symbols'])} declarations, "
+        f"{len(fields['inbound'])} inbound references"
+    )
     facts = scope.ScopeFacts(**fields)
     assert scope.production_fan_in(facts) == pyscope.production_fan_in(facts)
-    report("production_fan_in", [
-        ("first call (fresh facts)",
-         best_of(lambda: scope.production_fan_in(scope.ScopeFacts(**fields))),
-         best_of(lambda: pyscope.production_fan_in(scope.ScopeFacts(**fields)))),
-        ("repeated call (converted facts)",
-         best_of(lambda: scope.production_fan_in(facts)),
-         best_of(lambda: pyscope.production_fan_in(facts))),
-    ])
+    report(
+        "production_fan_in",
+        [
+            (
+                "first call (fresh facts)",
+                best_of(lambda: scope.production_fan_in(scope.ScopeFacts(**fields))),
+                best_of(lambda: pyscope.production_fan_in(scope.ScopeFacts(**fields))),
+            ),
+            (
+                "repeated call (converted facts)",
+                best_of(lambda: scope.production_fan_in(facts)),
+                best_of(lambda: pyscope.production_fan_in(facts)),
+            ),
+        ],
+    )
 
 
 if __name__ == "__main__":

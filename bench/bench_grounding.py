@@ -33,19 +33,26 @@ def grounding(module, facts):
 
 
 def main():
-    fields = pages.make_page(random.Random(7), n_files=300, decls_per_file=100, n_inbound=100_000,
-                             n_outbound=20_000, n_outside=3_000)
-    print(f"page: {len(fields['files'])} files, {len(fields['symbols'])} declarations, "
-          f"{len(fields['inbound'])} inbound and {len(fields['outbound'])} outbound references")
+    fields = pages.make_page(
+        random.Random(7), n_files=300, decls_per_file=100, n_inbound=100_000, n_outbound=20_000, n_outside=3_000
+    )
+    print(
+        f"page: {len(fields['files'])} files, {len(fields['symbols'])} declarations, "
+        f"{len(fields['inbound'])} inbound and {len(fields['outbound'])} outbound references"
+    )
     converted = scope.ScopeFacts(**fields)
     grounding(scope, converted)  # the record keeps its native view from here on
     rows = [
-        ("whole grounding, fresh facts",
-         best_of(lambda: grounding(scope, scope.ScopeFacts(**fields)), 3),
-         best_of(lambda: grounding(pyscope, scope.ScopeFacts(**fields)), 3)),
-        ("whole grounding, converted facts",
-         best_of(lambda: grounding(scope, converted), 5),
-         best_of(lambda: grounding(pyscope, converted), 3)),
+        (
+            "whole grounding, fresh facts",
+            best_of(lambda: grounding(scope, scope.ScopeFacts(**fields)), 3),
+            best_of(lambda: grounding(pyscope, scope.ScopeFacts(**fields)), 3),
+        ),
+        (
+            "whole grounding, converted facts",
+            best_of(lambda: grounding(scope, converted), 5),
+            best_of(lambda: grounding(pyscope, converted), 3),
+        ),
     ]
     report("one page, every grounding function", rows)
 

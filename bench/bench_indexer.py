@@ -43,9 +43,11 @@ def main():
     for root in roots:
         seconds, stats = measure(root, args.repeat)
         counts = ", ".join(f"{n} {resolution}" for resolution, n in stats.by_resolution.items())
-        print(f"{root}\n  {stats.files} files ({len(stats.unparsable)} unparsable), {stats.declarations} declarations,"
-              f" {stats.references} reference rows ({counts}); {seconds:.2f} s,"
-              f" {seconds / max(stats.files, 1) * 1e3:.2f} ms per file")
+        print(
+            f"{root}\n  {stats.files} files ({len(stats.unparsable)} unparsable), {stats.declarations} declarations,"
+            f" {stats.references} reference rows ({counts}); {seconds:.2f} s,"
+            f" {seconds / max(stats.files, 1) * 1e3:.2f} ms per file"
+        )
 
 
 if __name__ == "__main__":

@@ -25,20 +25,24 @@ KEY_FIELDS = ("id", "kind", "name", "start_line", "end_line")
 
 
 def main():
-    fields = pages.make_page(random.Random(5), n_files=300, decls_per_file=67, n_inbound=30_000,
-                             n_outbound=0, n_outside=2_000)
+    fields = pages.make_page(
+        random.Random(5), n_files=300, decls_per_file=67, n_inbound=30_000, n_outbound=0, n_outside=2_000
+    )
     facts = scope.ScopeFacts(**fields)
     fan_in = scope.production_fan_in(facts)
     ranked = scope.ranked_by_file(facts, fan_in)
-    strangers = {path: [SimpleNamespace(**{f: getattr(s, f) for f in KEY_FIELDS}) for s in records]
-                 for path, records in ranked.items()}
-    print(f"page: {len(facts.files)} files, {len(facts.symbols)} declarations; fan-in: "
-          f"{len(fan_in.outside)} outside, {len(fan_in.inside)} inside, {len(fan_in.entry)} entry points")
+    strangers = {
+        path: [SimpleNamespace(**{f: getattr(s, f) for f in KEY_FIELDS}) for s in records]
+        for path, records in ranked.items()
+    }
+    print(
+        f"page: {len(facts.files)} files, {len(facts.symbols)} declarations; fan-in: "
+        f"{len(fan_in.outside)} outside, {len(fan_in.inside)} inside, {len(fan_in.entry)} entry points"
+    )
 
     quota = (400, 2, 0.05)
     assert scope.select_with_quota(ranked, fan_in, *quota) == pyscope.select_with_quota(ranked, fan_in, *quota)
-    assert scope.select_with_quota(strangers, fan_in, *quota) == \
-        pyscope.select_with_quota(strangers, fan_in, *quota)
+    assert scope.select_with_quota(strangers, fan_in, *quota) == pyscope.select_with_quota(strangers, fan_in, *quota)
     assert scope.file_seeds(facts, fan_in) == pyscope.file_seeds(facts, fan_in)
 
     def native(function):
@@ -48,23 +52,36 @@ def main():
         return best_of(function, repeat=5)
 
     symbols = facts.symbols
-    report("ranking and selection", [
-        ("ranked_by_file",
-         native(lambda: scope.ranked_by_file(facts, fan_in)),
-         python(lambda: pyscope.ranked_by_file(facts, fan_in))),
-        ("file_seeds",
-         native(lambda: scope.file_seeds(facts, fan_in)),
-         python(lambda: pyscope.file_seeds(facts, fan_in))),
-        ("select_with_quota, facts' records",
-         native(lambda: scope.select_with_quota(ranked, fan_in, *quota)),
-         python(lambda: pyscope.select_with_quota(ranked, fan_in, *quota))),
-        ("select_with_quota, other records",
-         native(lambda: scope.select_with_quota(strangers, fan_in, *quota)),
-         python(lambda: pyscope.select_with_quota(strangers, fan_in, *quota))),
-        ("rank_key, one call a declaration",
-         native(lambda: [scope.rank_key(s, fan_in) for s in symbols]),
-         python(lambda: [pyscope.rank_key(s, fan_in) for s in symbols])),
-    ])
+    report(
+        "ranking and selection",
+        [
+            (
+                "ranked_by_file",
+                native(lambda: scope.ranked_by_file(facts, fan_in)),
+                python(lambda: pyscope.ranked_by_file(facts, fan_in)),
+            ),
+            (
+                "file_seeds",
+                native(lambda: scope.file_seeds(facts, fan_in)),
+                python(lambda: pyscope.file_seeds(facts, fan_in)),
+            ),
+            (
+                "select_with_quota, facts' records",
+                native(lambda: scope.select_with_quota(ranked, fan_in, *quota)),
+                python(lambda: pyscope.select_with_quota(ranked, fan_in, *quota)),
+            ),
+            (
+                "select_with_quota, other records",
+                native(lambda: scope.select_with_quota(strangers, fan_in, *quota)),
+                python(lambda: pyscope.select_with_quota(strangers, fan_in, *quota)),
+            ),
+            (
+                "rank_key, one call a declaration",
+                native(lambda: [scope.rank_key(s, fan_in) for s in symbols]),
+                python(lambda: [pyscope.rank_key(s, fan_in) for s in symbols]),
+            ),
+        ],
+    )
 
 
 if __name__ == "__main__":

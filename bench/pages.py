@@ -103,21 +103,71 @@ _RESOLUTION_WEIGHTS = (35, 15, 25, 15, 10)
 
 _FOLDERS = ("core", "lib", "daemon", "cli", "util", "storage", "net", "api")
 _MODULES = (
-    "manager", "store", "cache", "config", "client", "server", "models",
-    "parser", "render", "index", "queue", "worker", "router", "schema",
+    "manager",
+    "store",
+    "cache",
+    "config",
+    "client",
+    "server",
+    "models",
+    "parser",
+    "render",
+    "index",
+    "queue",
+    "worker",
+    "router",
+    "schema",
 )
 _OUTSIDE_FOLDERS = ("app", "svc", "tools", "web", "jobs")
 _TYPE_NAMES = (
-    "Store", "Cache", "Manager", "Client", "Config", "Handler", "Record",
-    "Session", "Builder", "Reader", "Writer", "Index", "Entry", "Node",
+    "Store",
+    "Cache",
+    "Manager",
+    "Client",
+    "Config",
+    "Handler",
+    "Record",
+    "Session",
+    "Builder",
+    "Reader",
+    "Writer",
+    "Index",
+    "Entry",
+    "Node",
 )
 _FUNCTION_NAMES = (
-    "open", "close", "load", "save", "build", "run", "parse", "render",
-    "resolve", "fetch", "update", "apply", "merge", "flush", "start", "stop",
+    "open",
+    "close",
+    "load",
+    "save",
+    "build",
+    "run",
+    "parse",
+    "render",
+    "resolve",
+    "fetch",
+    "update",
+    "apply",
+    "merge",
+    "flush",
+    "start",
+    "stop",
 )
 _METHOD_NAMES = (
-    "__init__", "get", "put", "read", "write", "reset", "size", "items",
-    "keys", "validate", "_refresh", "_lock", "to_dict", "from_dict",
+    "__init__",
+    "get",
+    "put",
+    "read",
+    "write",
+    "reset",
+    "size",
+    "items",
+    "keys",
+    "validate",
+    "_refresh",
+    "_lock",
+    "to_dict",
+    "from_dict",
 )
 _ATTRIBUTE_NAMES = ("name", "path", "size", "items", "data", "parent", "_state", "id")
 _CONSTANT_NAMES = ("DEFAULT_SIZE", "TIMEOUT", "VERSION", "MAX_ITEMS", "_CACHE_DIR", "ROOT")
@@ -220,14 +270,26 @@ def _declarations(rng, rec, path, count, ids):
                 else:
                     name = rng.choice(_TYPE_NAMES)
                     length = rng.randint(2, 8)
-                    add(name, cls_fqn + "." + name, rng.choice(("class", "enum")), line,
-                        line + length, rng.random() < 0.5)
+                    add(
+                        name,
+                        cls_fqn + "." + name,
+                        rng.choice(("class", "enum")),
+                        line,
+                        line + length,
+                        rng.random() < 0.5,
+                    )
                     line += length + 1
             end = line if rng.random() < 0.8 else line - 1
             old = symbols[cls_index]
             symbols[cls_index] = rec.ScopeSymbol(
-                id=old.id, path=old.path, name=old.name, fqn=old.fqn, kind=old.kind,
-                start_line=old.start_line, end_line=end, is_export=old.is_export,
+                id=old.id,
+                path=old.path,
+                name=old.name,
+                fqn=old.fqn,
+                kind=old.kind,
+                start_line=old.start_line,
+                end_line=end,
+                is_export=old.is_export,
             )
             line = end + 1
         elif roll < 0.65:
@@ -245,8 +307,7 @@ def _declarations(rng, rec, path, count, ids):
         elif roll < 0.92:
             name = rng.choice(_TYPE_NAMES)
             length = rng.randint(0, 12)
-            add(name, module + "." + name, rng.choice(_OTHER_TYPE_KINDS), line, line + length,
-                rng.random() < 0.8)
+            add(name, module + "." + name, rng.choice(_OTHER_TYPE_KINDS), line, line + length, rng.random() < 0.8)
             line += length + 1
         else:
             name = rng.choice(_ATTRIBUTE_NAMES)
@@ -267,8 +328,14 @@ def _declarations(rng, rec, path, count, ids):
 
 def _with_lines(rec, s, start, end):
     return rec.ScopeSymbol(
-        id=s.id, path=s.path, name=s.name, fqn=s.fqn, kind=s.kind,
-        start_line=start, end_line=end, is_export=s.is_export,
+        id=s.id,
+        path=s.path,
+        name=s.name,
+        fqn=s.fqn,
+        kind=s.kind,
+        start_line=start,
+        end_line=end,
+        is_export=s.is_export,
     )
 
 
@@ -278,11 +345,13 @@ def _outside_symbols(rng, rec, path, ids):
     symbols = []
     line = 1
     for _ in range(rng.randint(1, 5)):
-        kind = rng.choice(("function", "function", "class", "method", "constant", "attribute",
-                           "field", "struct"))
+        kind = rng.choice(("function", "function", "class", "method", "constant", "attribute", "field", "struct"))
         pool = {
-            "class": _TYPE_NAMES, "struct": _TYPE_NAMES, "constant": _CONSTANT_NAMES,
-            "attribute": _ATTRIBUTE_NAMES, "field": _ATTRIBUTE_NAMES,
+            "class": _TYPE_NAMES,
+            "struct": _TYPE_NAMES,
+            "constant": _CONSTANT_NAMES,
+            "attribute": _ATTRIBUTE_NAMES,
+            "field": _ATTRIBUTE_NAMES,
         }.get(kind, _FUNCTION_NAMES)
         name = rng.choice(pool)
         # Now and then the index stores a bare name as the qualified name,
@@ -291,8 +360,14 @@ def _outside_symbols(rng, rec, path, ids):
         length = rng.randint(0, 30)
         symbols.append(
             rec.ScopeSymbol(
-                id=ids.next(), path=path, name=name, fqn=fqn, kind=kind,
-                start_line=line, end_line=line + length, is_export=rng.random() < 0.8,
+                id=ids.next(),
+                path=path,
+                name=name,
+                fqn=fqn,
+                kind=kind,
+                start_line=line,
+                end_line=line + length,
+                is_export=rng.random() < 0.8,
             )
         )
         line += length + 2
@@ -307,8 +382,7 @@ SIZES = {
     "tiny": dict(n_files=2, decls_per_file=4, n_inbound=12, n_outbound=6, n_outside=4),
     "small": dict(n_files=4, decls_per_file=12, n_inbound=60, n_outbound=30, n_outside=10),
     "medium": dict(n_files=12, decls_per_file=40, n_inbound=800, n_outbound=300, n_outside=80),
-    "large": dict(n_files=40, decls_per_file=120, n_inbound=20000, n_outbound=4000,
-                  n_outside=1500),
+    "large": dict(n_files=40, decls_per_file=120, n_inbound=20000, n_outbound=4000, n_outside=1500),
 }
 
 
@@ -367,7 +441,7 @@ def make_page(
             is_test = False
         if path in seen:
             # A second file of the same name in another folder.
-            path = "pkg%d/%s" % (len(page_paths), path)
+            path = f"pkg{len(page_paths)}/{path}"
         if path in seen:
             continue
         seen.add(path)
@@ -393,12 +467,11 @@ def make_page(
     outside_paths = []
     for i in range(n_outside):
         if rng.random() < test_share:
-            path = "tests/%s/test_%s_%d.py" % (rng.choice(_FOLDERS), rng.choice(_MODULES), i)
+            path = f"tests/{rng.choice(_FOLDERS)}/test_{rng.choice(_MODULES)}_{i}.py"
             test_paths.add(path)
         else:
             language = rng.choice((RESOLVED_LANGUAGE, UNRESOLVED_LANGUAGE))
-            path = "%s/%s_%d%s" % (rng.choice(_OUTSIDE_FOLDERS), rng.choice(_MODULES), i,
-                                   _EXTENSIONS[language])
+            path = f"{rng.choice(_OUTSIDE_FOLDERS)}/{rng.choice(_MODULES)}_{i}{_EXTENSIONS[language]}"
         outside_paths.append(path)
     outside_symbols = []
     for path in outside_paths:
@@ -413,8 +486,7 @@ def make_page(
             roll = rng.random()
             if outside_paths and roll < 0.7:
                 # Skewed so that a few consumers dominate, as in real code.
-                source = outside_paths[min(int(rng.expovariate(4.0) * len(outside_paths)),
-                                           len(outside_paths) - 1)]
+                source = outside_paths[min(int(rng.expovariate(4.0) * len(outside_paths)), len(outside_paths) - 1)]
             elif roll < 0.8:
                 source = target.path
             else:
@@ -466,18 +538,14 @@ def make_page(
     test_imports = {}
     for path in page_paths:
         if outside_tests and rng.random() < 0.5:
-            test_imports[path] = frozenset(
-                rng.sample(outside_tests, rng.randint(1, min(3, len(outside_tests))))
-            )
+            test_imports[path] = frozenset(rng.sample(outside_tests, rng.randint(1, min(3, len(outside_tests)))))
 
     return {
         "files": tuple(page_files),
         "symbols": tuple(page_symbols),
         "inbound": tuple(inbound),
         "outbound": tuple(outbound),
-        "import_resolved_paths": frozenset(
-            f.path for f in page_files if f.language == RESOLVED_LANGUAGE
-        ),
+        "import_resolved_paths": frozenset(f.path for f in page_files if f.language == RESOLVED_LANGUAGE),
         "test_sources": test_sources,
         "line_counts": line_counts,
         "summaries": summaries,
@@ -503,7 +571,4 @@ def make_scored(rng, symbols, count):
 
 def missing_paths(rng, count):
     """``count`` page paths that the index does not hold."""
-    return [
-        "%s/missing_%d%s" % (rng.choice(_FOLDERS), i, rng.choice((".py", ".go")))
-        for i in range(count)
-    ]
+    return [f"{rng.choice(_FOLDERS)}/missing_{i}{rng.choice(('.py', '.go'))}" for i in range(count)]

@@ -253,9 +253,7 @@ def select_with_quota(ranked, fan_in, total, floor, max_share):
                 taken[path] += 1
                 budget -= 1
 
-    picked = [
-        (index, ranked[path][index], path) for path in files for index in range(taken[path])
-    ]
+    picked = [(index, ranked[path][index], path) for path in files for index in range(taken[path])]
     picked = sorted(picked, key=lambda t: (t[0], rank_key(t[1], fan_in), t[2]))
     return [symbol for _, symbol, _ in picked]
 
@@ -326,8 +324,7 @@ def _most_used(declarations, fan_in):
         if selected:
             selected = sorted(selected, key=lambda s: -source.get(s.id, 0))
             return [
-                "`" + s.name + "` L" + str(s.start_line) + " (" + label
-                + str(source.get(s.id, 0)) + ")"
+                "`" + s.name + "` L" + str(s.start_line) + " (" + label + str(source.get(s.id, 0)) + ")"
                 for s in selected
             ]
     return []
@@ -394,18 +391,10 @@ _INTRO_UNRESOLVED_TAIL = (
     "only production declaration of that name): likely uses, not proven ones. "
     "Attribute and constant names are not counted."
 )
-_ZERO_CONSUMERS = (
-    "0 production consumers: no production file outside this page reaches its code "
-)
-_NOT_COUNTED_TAIL = (
-    " that match a name only (an attribute or a call that shares a name with a "
-    "declaration here)."
-)
+_ZERO_CONSUMERS = "0 production consumers: no production file outside this page reaches its code "
+_NOT_COUNTED_TAIL = " that match a name only (an attribute or a call that shares a name with a declaration here)."
 _UNUSED_HEAD = "Used by no production file outside this page: "
-_UNUSED_TAIL = (
-    " (code used inside the page, entry points, and code reached dynamically or "
-    "by name can still be live)."
-)
+_UNUSED_TAIL = " (code used inside the page, entry points, and code reached dynamically or by name can still be live)."
 
 
 def render_consumers(facts, fan_in, heading):
@@ -463,10 +452,7 @@ def render_consumers(facts, fan_in, heading):
 
     unused = _unused_outside(facts, used, fan_in)
     if unused:
-        named = [
-            "`" + s.name + "` (" + s.kind + ", `" + s.path + ":L" + str(s.start_line) + "`)"
-            for s in unused
-        ]
+        named = ["`" + s.name + "` (" + s.kind + ", `" + s.path + ":L" + str(s.start_line) + "`)" for s in unused]
         more = len(unused) - _UNUSED_NAMES
         line = _UNUSED_HEAD + ", ".join(named[:_UNUSED_NAMES])
         if more > 0:

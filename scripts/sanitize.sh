@@ -4,6 +4,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/setup.sh
+need_debs g++ python3-dev python3-venv libgtest-dev
+use_venv test
 cmake -S . -B build/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DSCOPE_SANITIZE=ON -DSCOPE_BUILD_MODULE=OFF \
   -DSCOPE_BUILD_TESTS=ON >/dev/null
 cmake --build build/asan
@@ -15,5 +17,5 @@ ctest --test-dir build/asan --output-on-failure
 cmake -S . -B build/asan-py -G Ninja -DCMAKE_BUILD_TYPE=Debug -DSCOPE_SANITIZE=ON -DSCOPE_BUILD_TESTS=OFF >/dev/null
 cmake --build build/asan-py
 LD_PRELOAD="$(g++ -print-file-name=libasan.so):$(g++ -print-file-name=libubsan.so)" ASAN_OPTIONS=detect_leaks=0 \
-  PYTHONPATH=build/asan-py/python:host python3 -m pytest tests/python -q -p no:cacheprovider \
+  PYTHONPATH=build/asan-py/python:host python -m pytest tests/python -q \
   -k "not tool and not demo and not missing_sibling and not grow_memory"

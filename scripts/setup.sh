@@ -1,39 +1,73 @@
 #!/usr/bin/env bash
-# Installs what building and testing need, when it is missing: a C++20
-# compiler, CMake, Ninja, GoogleTest, Google Benchmark and the Python tools.
-# Sourced by the other scripts; safe to run again (it only checks then).
+# Sourced by the other scripts, from the checkout's root. Installs what the
+# command at hand needs when it is missing, and never touches the machine's
+# own Python: the Python tools, the module and the host package go into the
+# checkout's virtual environment .venv/.
+#   need_debs PACKAGE...   Debian packages (apt-get, as root)
+#   use_venv build|test    .venv/ with the tools of scripts/requirements-NAME.txt,
+#                          first on PATH from then on
+#   install_packages       builds the module's wheel into build/dist/ and installs
+#                          it and the host package (editable) into .venv/
 set -euo pipefail
 
-missing_debs=()
-command -v g++ >/dev/null 2>&1 || missing_debs+=(g++)
-[ -f /usr/include/gtest/gtest.h ] || missing_debs+=(libgtest-dev)
-[ -f /usr/include/benchmark/benchmark.h ] || missing_debs+=(libbenchmark-dev)
-python3 - <<'PY' || missing_debs+=(python3-dev)
-import os, sysconfig, sys
-sys.exit(0 if os.path.exists(os.path.join(sysconfig.get_paths()["include"], "Python.h")) else 1)
-PY
-if [ ${#missing_debs[@]} -gt 0 ]; then
-  echo "setup: installing ${missing_debs[*]}" >&2
-  if [ "$(id -u)" -eq 0 ]; then
-    apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing_debs[@]}" >/dev/null
-  else
-    sudo apt-get update -qq && sudo DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing_debs[@]}" >/dev/null
+# The interpreter the environment is made from (3.11 or newer).
+SCOPE_PYTHON="${SCOPE_PYTHON:-python3}"
+
+need_debs() {
+  local missing=() deb
+  for deb in "$@"; do
+    case "$deb" in
+      g++) command -v g++ >/dev/null 2>&1 || missing+=(g++) ;;
+      python3-dev)
+        "$SCOPE_PYTHON" -c 'import os, sys, sysconfig
+sys.exit(not os.path.exists(os.path.join(sysconfig.get_paths()["include"], "Python.h")))' || missing+=(python3-dev)
+        ;;
+      python3-venv) "$SCOPE_PYTHON" -c 'import ensurepip' 2>/dev/null || missing+=(python3-venv) ;;
+      libgtest-dev) [ -f /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev) ;;
+      libbenchmark-dev) [ -f /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev) ;;
+      *) dpkg -s "$deb" >/dev/null 2>&1 || missing+=("$deb") ;;
+    esac
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "setup: missing Debian packages; as root, run: apt-get install ${missing[*]}" >&2
+    exit 1
   fi
-fi
+  echo "setup: installing ${missing[*]}" >&2
+  apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
+}
 
-missing_pips=()
-python3 -c "import scikit_build_core" 2>/dev/null || missing_pips+=("scikit-build-core>=0.8")
-python3 -c "import pytest" 2>/dev/null || missing_pips+=(pytest)
-python3 -c "import hypothesis" 2>/dev/null || missing_pips+=(hypothesis)
-command -v cmake >/dev/null 2>&1 || missing_pips+=(cmake)
-command -v ninja >/dev/null 2>&1 || missing_pips+=(ninja)
-if [ ${#missing_pips[@]} -gt 0 ]; then
-  echo "setup: installing ${missing_pips[*]}" >&2
-  python3 -m pip install --quiet --root-user-action=ignore "${missing_pips[@]}"
-fi
+pip_quiet() { python -m pip --disable-pip-version-check -q "$@"; }
 
-# Installs the module `scope` into the machine's python3 from this checkout.
-install_module() {
-  python3 -m pip install --quiet --root-user-action=ignore --no-build-isolation --no-deps . \
-    -Ccmake.define.SCOPE_WERROR=ON
+use_venv() {
+  local requirements="scripts/requirements-$1.txt"
+  if ! .venv/bin/python -c 'import sys; sys.exit(sys.version_info < (3, 11))' 2>/dev/null; then
+    "$SCOPE_PYTHON" -c 'import sys; sys.exit(sys.version_info < (3, 11))' || {
+      echo "setup: $SCOPE_PYTHON is older than 3.11; set SCOPE_PYTHON to a Python 3.11 or newer" >&2
+      exit 1
+    }
+    echo "setup: creating .venv/ with $SCOPE_PYTHON" >&2
+    "$SCOPE_PYTHON" -m venv --clear .venv
+  fi
+  export VIRTUAL_ENV="$PWD/.venv"
+  export PATH="$VIRTUAL_ENV/bin:$PATH"
+  hash -r
+  # Installed again only when a requirements file changed.
+  local stamp=".venv/.installed-$1" wanted
+  wanted="$(cat scripts/requirements-*.txt | sha256sum)"
+  if [ "$(cat "$stamp" 2>/dev/null)" != "$wanted" ]; then
+    echo "setup: installing the tools of $requirements into .venv/" >&2
+    pip_quiet install -r "$requirements"
+    echo "$wanted" >"$stamp"
+  fi
+}
+
+install_packages() {
+  rm -rf build/dist
+  pip_quiet wheel --no-build-isolation --no-deps -w build/dist . -Ccmake.define.SCOPE_WERROR=ON
+  # The module from its wheel; the host package editable, so that the tool
+  # runs the stand-ins as they are checked out.
+  pip_quiet install --no-deps --force-reinstall build/dist/tarnwick_wiki_scope-*.whl
+  pip_quiet install --no-build-isolation --no-deps -e ./host
 }

@@ -1,13 +1,32 @@
 #!/usr/bin/env bash
-# Builds everything and runs every test: the core's GoogleTest suite, then
-# the installed module's pytest suite.
+# Every check, in the checkout's .venv/: lint and format, the core's
+# GoogleTest suite, the installed module's stubs and types, and the module's
+# pytest suite.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/setup.sh
+need_debs g++ python3-dev python3-venv libgtest-dev
+use_venv test
 
+echo "== lint and format" >&2
+ruff check --quiet
+ruff format --check --quiet
+clang-format --dry-run -Werror $(find src tests/core -name '*.cpp' -o -name '*.hpp') bench/*.cpp
+
+echo "== core tests" >&2
 cmake -S . -B build/test -G Ninja -DSCOPE_BUILD_TESTS=ON -DSCOPE_BUILD_MODULE=OFF -DSCOPE_WERROR=ON >/dev/null
 cmake --build build/test
 ctest --test-dir build/test --output-on-failure
 
-install_module
-python3 -m pytest tests/python -q -p no:cacheprovider
+echo "== module: build, install, stubs and types" >&2
+install_packages
+python -m mypy.stubtest scope --mypy-config-file pyproject.toml --allowlist tests/typing/stubtest-allowlist.txt
+# The README's usage under mypy --strict, against an environment that holds
+# nothing but the two wheels: the stubs must come from the module's wheel.
+pip_quiet wheel --no-build-isolation --no-deps -w build/dist ./host
+python -m venv --clear --without-pip build/typing-venv
+pip_quiet --python build/typing-venv/bin/python install --no-deps build/dist/*.whl
+mypy --strict --python-executable build/typing-venv/bin/python tests/typing/usage_example.py
+
+echo "== module tests" >&2
+python -m pytest tests/python -q

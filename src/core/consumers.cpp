@@ -137,7 +137,8 @@ void append_consumer_rows(std::vector<std::string>& lines, const StringPool& poo
     const std::uint32_t c = order[i];
     std::vector<std::pair<StrId, std::int64_t>> by_count(counts.names.begin() + counts.start[c],
                                                          counts.names.begin() + counts.start[c + 1]);
-    std::stable_sort(by_count.begin(), by_count.end(), [](const auto& a, const auto& b) { return a.second > b.second; });
+    std::stable_sort(by_count.begin(), by_count.end(),
+                     [](const auto& a, const auto& b) { return a.second > b.second; });
     std::vector<std::string> names;
     for (const auto& [name, count] : by_count) {
       std::string quoted(1, '`');
@@ -157,8 +158,7 @@ void append_consumer_rows(std::vector<std::string>& lines, const StringPool& poo
 
 std::string not_counted_line(const StringPool& pool, const ConsumerCounts& counts) {
   std::vector<StrId> resolutions = counts.left_resolutions;
-  std::sort(resolutions.begin(), resolutions.end(),
-            [&](StrId a, StrId b) { return pool.text(a) < pool.text(b); });
+  std::sort(resolutions.begin(), resolutions.end(), [&](StrId a, StrId b) { return pool.text(a) < pool.text(b); });
   std::vector<std::string> items;
   for (StrId resolution : resolutions)
     items.push_back(std::to_string(counts.left_refs[resolution]) + " `" + std::string(pool.text(resolution)) + "`");

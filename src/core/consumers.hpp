@@ -17,20 +17,19 @@ namespace scope {
 // Rows of the public, exported, top-level types and callables whose slot is
 // not `used`: types first, then best first by rank key, then path.
 inline constexpr Needs kUnusedNeeds =
-    kRankKeyNeeds | Needs{.symbols = bits(sym_f::path, sym_f::kind, sym_f::name, sym_f::is_export),
-                          .derived = derived::members};
+    kRankKeyNeeds |
+    Needs{.symbols = bits(sym_f::path, sym_f::kind, sym_f::name, sym_f::is_export), .derived = derived::members};
 std::vector<std::uint32_t> unused_outside(const FactsView& view, const Vocab& vocab, const std::vector<bool>& used,
                                           const FanInSlots& fan_in);
 
 // The whole section as Markdown (UTF-8), ending in one line feed.
 inline constexpr Needs kConsumersNeeds =
-    kUnusedNeeds |
-    Needs{.files = bits(file_f::path, file_f::language),
-          .symbols = bit(sym_f::start_line),
-          .inbound = bits(in_f::source_path, in_f::target_path, in_f::target_name, in_f::target_kind,
-                          in_f::resolution, in_f::refs),
-          .path_bits = path_bit::in_page | path_bit::import_resolved | path_bit::test_source,
-          .derived = derived::inbound_slots};
+    kUnusedNeeds | Needs{.files = bits(file_f::path, file_f::language),
+                         .symbols = bit(sym_f::start_line),
+                         .inbound = bits(in_f::source_path, in_f::target_path, in_f::target_name, in_f::target_kind,
+                                         in_f::resolution, in_f::refs),
+                         .path_bits = path_bit::in_page | path_bit::import_resolved | path_bit::test_source,
+                         .derived = derived::inbound_slots};
 std::string render_consumers(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in,
                              std::string_view heading);
 

@@ -36,7 +36,7 @@ struct FanInCounts {
   FanInSlots uses;                           // entry is left empty
   std::vector<std::uint32_t> outside_order;  // slots in first-counted order
   std::vector<std::uint32_t> inside_order;
-  std::vector<bool> referenced;              // by slot: named by production code (not "legacy")
+  std::vector<bool> referenced;  // by slot: named by production code (not "legacy")
 };
 inline constexpr Needs kCountFanInNeeds{
     .inbound = bits(in_f::source_path, in_f::resolution, in_f::target_kind, in_f::refs),
@@ -47,9 +47,8 @@ FanInCounts count_fan_in(const FactsView& view, const Vocab& vocab);
 // Rows of the declarations that pass every entry-point test but the path
 // filter, in symbols order: public, exported, top-level callables and types
 // that no production code references.
-inline constexpr Needs kEntryCandidateNeeds{
-    .symbols = bits(sym_f::kind, sym_f::is_export, sym_f::name),
-    .derived = derived::symbol_slots | derived::members};
+inline constexpr Needs kEntryCandidateNeeds{.symbols = bits(sym_f::kind, sym_f::is_export, sym_f::name),
+                                            .derived = derived::symbol_slots | derived::members};
 std::vector<std::uint32_t> entry_candidates(const FactsView& view, const Vocab& vocab,
                                             const std::vector<bool>& referenced);
 

@@ -73,8 +73,8 @@ void derive(FactsView& view, const Vocab& vocab, const Needs& needs) {
   if (missing(derived::outbound_slots)) d.outbound_slot = slots_of(d.ids, view.outbound, out_f::target_id);
   if (missing(derived::by_path)) {
     const Table& symbols = view.symbols;
-    d.symbols_by_path = group_rows(symbols.rows(), view.pool.size(),
-                                   [&](std::size_t row) { return symbols.str(sym_f::path, row); });
+    d.symbols_by_path =
+        group_rows(symbols.rows(), view.pool.size(), [&](std::size_t row) { return symbols.str(sym_f::path, row); });
   }
   d.ready |= wanted & (derived::symbol_slots | derived::inbound_slots | derived::outbound_slots | derived::by_path);
   if ((wanted & derived::members) && (!(d.ready & derived::members) || !(d.members_vocab == vocab))) {

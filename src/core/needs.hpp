@@ -18,9 +18,13 @@ struct Needs {
   std::uint8_t derived = 0;  // derived:: flags
 
   friend constexpr Needs operator|(Needs a, Needs b) {
-    return {a.files | b.files,         a.symbols | b.symbols,         a.inbound | b.inbound,
-            a.outbound | b.outbound,   static_cast<std::uint8_t>(a.path_bits | b.path_bits),
-            a.line_counts || b.line_counts, a.summaries || b.summaries,
+    return {a.files | b.files,
+            a.symbols | b.symbols,
+            a.inbound | b.inbound,
+            a.outbound | b.outbound,
+            static_cast<std::uint8_t>(a.path_bits | b.path_bits),
+            a.line_counts || b.line_counts,
+            a.summaries || b.summaries,
             static_cast<std::uint8_t>(a.derived | b.derived)};
   }
   // These needs plus the columns that their derived data is made from.

@@ -25,7 +25,8 @@ KeyInput key_input(const FactsView& view, const Vocab& vocab, const FanInSlots& 
 std::vector<RankKey> rank_keys(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in) {
   std::vector<RankKey> keys;
   keys.reserve(view.symbols.rows());
-  for (std::size_t row = 0; row < view.symbols.rows(); ++row) keys.push_back(rank_key(key_input(view, vocab, fan_in, row)));
+  for (std::size_t row = 0; row < view.symbols.rows(); ++row)
+    keys.push_back(rank_key(key_input(view, vocab, fan_in, row)));
   return keys;
 }
 
@@ -187,7 +188,8 @@ class Quota {
           runs_sorted = !(quota.key(file, index) < quota.key(file, index - 1));
       runs_sorted_ = runs_sorted;
       for (std::size_t file = 0; file < quota.files_.size(); ++file) {
-        const std::int64_t end = runs_sorted ? std::min(quota.taken_[file] + 1, quota.length(file)) : quota.length(file);
+        const std::int64_t end =
+            runs_sorted ? std::min(quota.taken_[file] + 1, quota.length(file)) : quota.length(file);
         for (std::int64_t index = quota.taken_[file]; index < end; ++index) heap_.push_back({file, index});
       }
       std::make_heap(heap_.begin(), heap_.end(), Later{this});
@@ -222,8 +224,7 @@ class Quota {
     std::stable_sort(by_path.begin(), by_path.end(),
                      [&](std::size_t a, std::size_t b) { return files_[a].path < files_[b].path; });
     for (std::size_t i = 0; i < by_path.size(); ++i)
-      rank[by_path[i]] =
-          i > 0 && files_[by_path[i]].path == files_[by_path[i - 1]].path ? rank[by_path[i - 1]] : i;
+      rank[by_path[i]] = i > 0 && files_[by_path[i]].path == files_[by_path[i - 1]].path ? rank[by_path[i - 1]] : i;
     return rank;
   }
 

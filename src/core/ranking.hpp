@@ -51,7 +51,7 @@ struct QuotaFile {
 // file take the whole total, any of 0 or less holds it to its floor.
 struct Share {
   double value = 0;
-  bool exact = false;         // an int: only `at_least_one` matters
+  bool exact = false;  // an int: only `at_least_one` matters
   bool at_least_one = false;
 };
 

@@ -56,17 +56,25 @@ namespace sym_f {
 enum : unsigned { id, path, name, fqn, kind, start_line, end_line, is_export, count };
 }
 inline constexpr Field kSymbolFields[] = {
-    {"id", Cell::integer},         {"path", Cell::text},        {"name", Cell::text},
-    {"fqn", Cell::text},           {"kind", Cell::text, false, Term::kind},        {"start_line", Cell::integer},
-    {"end_line", Cell::integer},   {"is_export", Cell::truth},
+    {"id", Cell::integer},
+    {"path", Cell::text},
+    {"name", Cell::text},
+    {"fqn", Cell::text},
+    {"kind", Cell::text, false, Term::kind},
+    {"start_line", Cell::integer},
+    {"end_line", Cell::integer},
+    {"is_export", Cell::truth},
 };
 
 namespace in_f {
 enum : unsigned { source_path, target_id, target_path, target_name, target_kind, resolution, refs, count };
 }
 inline constexpr Field kInboundFields[] = {
-    {"source_path", Cell::text}, {"target_id", Cell::integer}, {"target_path", Cell::text},
-    {"target_name", Cell::text}, {"target_kind", Cell::text, false, Term::kind},
+    {"source_path", Cell::text},
+    {"target_id", Cell::integer},
+    {"target_path", Cell::text},
+    {"target_name", Cell::text},
+    {"target_kind", Cell::text, false, Term::kind},
     {"resolution", Cell::text, false, Term::resolution},
     {"refs", Cell::integer},
 };
@@ -74,7 +82,7 @@ inline constexpr Field kInboundFields[] = {
 namespace out_f {
 // `target` is the referenced declaration; the target_* cells are its fields.
 enum : unsigned { source_path, resolution, refs, target, target_id, target_path, target_kind, target_fqn, count };
-}
+}  // namespace out_f
 inline constexpr Field kOutboundFields[] = {
     {"source_path", Cell::text},
     {"resolution", Cell::text, false, Term::resolution},

@@ -215,7 +215,8 @@ std::string render_file_cards(const FactsView& view, const FileUsers& users, con
     if (path < users.entry_of.size() && users.entry_of[path] != FileUsers::kNone) {
       auto entries = users.of(users.entry_of[path]);
       user_count = entries.size();
-      for (std::size_t i : first_by_count(entries, card_names)) shown.push_back(short_path(pool.text(entries[i].first)));
+      for (std::size_t i : first_by_count(entries, card_names))
+        shown.push_back(short_path(pool.text(entries[i].first)));
     }
     append_cell(out, named(shown, user_count, kCardNames));
 

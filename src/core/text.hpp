@@ -38,10 +38,10 @@ inline std::string named(std::span<const std::string> names, std::int64_t limit)
 // the order of their first counted reference. A file nobody else uses has
 // no entry.
 struct FileUsers {
-  std::vector<StrId> target;                               // by entry
-  std::vector<std::uint32_t> start;                        // by entry, plus the end
-  std::vector<std::pair<StrId, std::int64_t>> users;       // entries one after another
-  std::vector<std::uint32_t> entry_of;                     // by target path StrId; kNone: no entry
+  std::vector<StrId> target;                          // by entry
+  std::vector<std::uint32_t> start;                   // by entry, plus the end
+  std::vector<std::pair<StrId, std::int64_t>> users;  // entries one after another
+  std::vector<std::uint32_t> entry_of;                // by target path StrId; kNone: no entry
 
   static constexpr std::uint32_t kNone = 0xffffffffu;
   std::span<const std::pair<StrId, std::int64_t>> of(std::size_t entry) const {

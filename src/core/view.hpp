@@ -103,14 +103,14 @@ enum : std::uint8_t { in_page = 1, import_resolved = 2, test_source = 4 };
 // for one call (the host may rebind the sets between calls), as bits by StrId.
 namespace vocab_bit {
 enum : std::uint16_t {
-  evidence = 1,     // EVIDENCE_RESOLUTIONS
-  trusted = 2,      // _TRUSTED
-  name_match = 4,   // NAME_MATCH_KINDS
-  type = 8,         // _TYPE_KINDS
-  callable = 16,    // _CALLABLE_KINDS
-  constant = 32,    // exactly "constant"
-  unique = 64,      // exactly "unique"
-  legacy = 128,     // exactly "legacy"
+  evidence = 1,    // EVIDENCE_RESOLUTIONS
+  trusted = 2,     // _TRUSTED
+  name_match = 4,  // NAME_MATCH_KINDS
+  type = 8,        // _TYPE_KINDS
+  callable = 16,   // _CALLABLE_KINDS
+  constant = 32,   // exactly "constant"
+  unique = 64,     // exactly "unique"
+  legacy = 128,    // exactly "legacy"
 };
 }
 
@@ -141,9 +141,9 @@ struct Derived {
   // Declarations with equal ids, and references to that id, share a slot.
   DenseIndex ids;
   std::vector<std::uint32_t> symbol_slot, inbound_slot, outbound_slot;  // by row
-  Groups symbols_by_path;  // keys are path StrIds
-  std::vector<bool> member;  // by symbol row
-  Vocab members_vocab;       // the vocabulary `member` was computed with
+  Groups symbols_by_path;                                               // keys are path StrIds
+  std::vector<bool> member;                                             // by symbol row
+  Vocab members_vocab;                                                  // the vocabulary `member` was computed with
 };
 
 struct FactsView {

@@ -10,7 +10,8 @@ namespace {
 
 // "f() argument 'a'" or "f() argument 'a': what", for the start of a message.
 PyRef place(Where where) {
-  if (where.what == nullptr) return check(PyUnicode_FromFormat("%s() argument '%s'", CallScope::function(), where.argument));
+  if (where.what == nullptr)
+    return check(PyUnicode_FromFormat("%s() argument '%s'", CallScope::function(), where.argument));
   return check(PyUnicode_FromFormat("%s() argument '%s': %s", CallScope::function(), where.argument, where.what));
 }
 
@@ -83,8 +84,8 @@ PyRef new_int128(__int128 value) {
   return check(PyNumber_Add(shifted.get(), low.get()));
 }
 
-void bind_arguments(std::span<const char* const> params, std::size_t required, PyObject* const* args,
-                    Py_ssize_t nargs, PyObject* kwnames, PyObject** bound) {
+void bind_arguments(std::span<const char* const> params, std::size_t required, PyObject* const* args, Py_ssize_t nargs,
+                    PyObject* kwnames, PyObject** bound) {
   const char* function = CallScope::function();
   const auto count = static_cast<Py_ssize_t>(params.size());
   if (nargs > count)
@@ -96,7 +97,8 @@ void bind_arguments(std::span<const char* const> params, std::size_t required, P
     Py_ssize_t at = 0;
     while (at < count && PyUnicode_CompareWithASCIIString(name, params[static_cast<std::size_t>(at)]) != 0) ++at;
     if (at == count) raise_format(PyExc_TypeError, "%s() got an unexpected keyword argument '%S'", function, name);
-    if (bound[at] != nullptr) raise_format(PyExc_TypeError, "%s() got multiple values for argument '%S'", function, name);
+    if (bound[at] != nullptr)
+      raise_format(PyExc_TypeError, "%s() got multiple values for argument '%S'", function, name);
     bound[at] = args[nargs + k];
   }
   for (std::size_t i = 0; i < required; ++i)

@@ -62,8 +62,8 @@ std::vector<std::pair<PyRef, PyRef>> mapping_items(PyObject* mapping, Where wher
 // Binds the arguments of a vectorcall to `params` by position and by
 // keyword, as Python binds a function's positional-or-keyword parameters;
 // the first `required` must be given, the others stay null when they are not.
-void bind_arguments(std::span<const char* const> params, std::size_t required, PyObject* const* args,
-                    Py_ssize_t nargs, PyObject* kwnames, PyObject** bound);
+void bind_arguments(std::span<const char* const> params, std::size_t required, PyObject* const* args, Py_ssize_t nargs,
+                    PyObject* kwnames, PyObject** bound);
 
 // How a key or member of a host container stands to the int symbol ids.
 enum class IdMatch { id, none, ask };

@@ -46,8 +46,7 @@ class AttributeReader {
     way_ = Way::protocol;
     PyObject* descriptor = _PyType_Lookup(type, name_);  // borrowed; also sets the version tag
     version_ = type->tp_version_tag;
-    if (type->tp_getattro != PyObject_GenericGetAttr || !PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG))
-      return;
+    if (type->tp_getattro != PyObject_GenericGetAttr || !PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG)) return;
     if (descriptor != nullptr && Py_IS_TYPE(descriptor, &PyMemberDescr_Type)) {
       auto* member_descriptor = reinterpret_cast<PyMemberDescrObject*>(descriptor);
       // A descriptor taken from another class (`path = Other.__dict__["id"]`)
@@ -139,9 +138,12 @@ void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Tab
   }
   const Py_ssize_t rows = PyTuple_GET_SIZE(records);
   for (Pending& column : columns) {
-    if (column.spec.cell == Cell::integer || column.spec.cell == Cell::truth) column.ints.reserve(rows);
-    else if (column.spec.cell == Cell::record) column.objects.reserve(rows);
-    else column.strs.reserve(rows);
+    if (column.spec.cell == Cell::integer || column.spec.cell == Cell::truth)
+      column.ints.reserve(rows);
+    else if (column.spec.cell == Cell::record)
+      column.objects.reserve(rows);
+    else
+      column.strs.reserve(rows);
   }
   for (Py_ssize_t row = 0; row < rows; ++row) {
     PyObject* record = PyTuple_GET_ITEM(records, row);  // borrowed from the facts' own tuple
@@ -230,7 +232,8 @@ void load_columns(const ModuleState& state, NativeFacts& native, TableId id, PyO
   // The target records first: the target's fields are read from them.
   if (missing & via_target) missing |= record_fields & ~table.loaded();
   read_columns(state, native, id, table, records, missing & ~via_target, argument);
-  if (missing & via_target) read_columns(state, native, id, table, records, missing & via_target & ~table.loaded(), argument);
+  if (missing & via_target)
+    read_columns(state, native, id, table, records, missing & via_target & ~table.loaded(), argument);
 }
 
 void load_table(const ModuleState& state, FactsObject* facts, TableId table, Mask wanted) {
@@ -260,8 +263,9 @@ void load_path_bits(const ModuleState& state, FactsObject* facts, std::uint8_t w
 void load_line_counts(FactsObject* facts) {
   NativeFacts& native = native_of(facts);
   if (native.view.line_counts_loaded) return;
-  auto counts = by_path<std::int64_t>(native, facts->fields[kLineCounts], FactsView::kNoLines, "line_counts",
-                                      [](PyObject* value) { return integer_of(value, Where{"facts", "line_counts value"}); });
+  auto counts =
+      by_path<std::int64_t>(native, facts->fields[kLineCounts], FactsView::kNoLines, "line_counts",
+                            [](PyObject* value) { return integer_of(value, Where{"facts", "line_counts value"}); });
   if (native.view.line_counts_loaded) return;
   native.view.line_counts = std::move(counts);
   native.view.line_counts_loaded = true;

@@ -21,7 +21,8 @@ template <class Rows>
 PyRef records_at(PyObject* records, const Rows& rows) {
   PyRef list = check(PyList_New(static_cast<Py_ssize_t>(std::size(rows))));
   Py_ssize_t i = 0;
-  for (auto row : rows) PyList_SET_ITEM(list.get(), i++, Py_NewRef(PyTuple_GET_ITEM(records, static_cast<Py_ssize_t>(row))));
+  for (auto row : rows)
+    PyList_SET_ITEM(list.get(), i++, Py_NewRef(PyTuple_GET_ITEM(records, static_cast<Py_ssize_t>(row))));
   return list;
 }
 
@@ -83,11 +84,11 @@ Share share_arg(PyObject* value) {
 
 PyRef is_use_body(Call& c) {
   PyObject *resolution = c.arg(0), *kind = c.arg(1), *resolved = c.arg(2);
-  return new_bool(is_use(
-      [&] { return check(PySequence_Contains(c.module_attr(kEvidenceResolutions).get(), resolution)) != 0; },
-      [&] { return check(PyObject_RichCompareBool(resolution, c.state.names[kUnique], Py_EQ)) != 0; },
-      [&] { return truth(resolved); },
-      [&] { return check(PySequence_Contains(c.module_attr(kNameMatchKinds).get(), kind)) != 0; }));
+  return new_bool(
+      is_use([&] { return check(PySequence_Contains(c.module_attr(kEvidenceResolutions).get(), resolution)) != 0; },
+             [&] { return check(PyObject_RichCompareBool(resolution, c.state.names[kUnique], Py_EQ)) != 0; },
+             [&] { return truth(resolved); },
+             [&] { return check(PySequence_Contains(c.module_attr(kNameMatchKinds).get(), kind)) != 0; }));
 }
 
 PyRef members_body(Call& c) {
@@ -118,7 +119,8 @@ PyRef production_fan_in_body(Call& c) {
       slots->entry[p.view.derived.symbol_slot[row]] = 1;
     }
   }
-  PyRef fan_in = check(PyObject_CallFunctionObjArgs(c.state.fan_in_type, outside.get(), inside.get(), entry.get(), nullptr));
+  PyRef fan_in =
+      check(PyObject_CallFunctionObjArgs(c.state.fan_in_type, outside.get(), inside.get(), entry.get(), nullptr));
   remember_fan_in(c.state, p.native, fan_in.get(), std::move(slots));
   return fan_in;
 }
@@ -155,14 +157,15 @@ PyRef rank_key_body(Call& c) {
   PyRef key = new_int(id_value);
   const std::int64_t outside = count_of(fan_in, c.state.names[kOutside], key.get(), "outside value");
   const std::int64_t inside = count_of(fan_in, c.state.names[kInside], key.get(), "inside value");
-  const bool api = is_api([&] { return outside > 0; }, [&] {
-    PyRef entry = check(PyObject_GetAttr(fan_in, c.state.names[kEntry]));
-    return check(PySequence_Contains(entry.get(), key.get())) != 0;
-  });
+  const bool api = is_api([&] { return outside > 0; },
+                          [&] {
+                            PyRef entry = check(PyObject_GetAttr(fan_in, c.state.names[kEntry]));
+                            return check(PySequence_Contains(entry.get(), key.get())) != 0;
+                          });
   const RankKey k = rank_key(KeyInput{api, type_or_callable, kind_text == "constant", is_private_name(name_text),
                                       outside, inside, start, end});
-  PyRef items[] = {new_bool(k.not_api),  new_int(k.kind_group), new_bool(k.is_private), new_int128(k.outside),
-                   new_int128(k.size),   new_int128(k.inside),  new_int(k.start_line)};
+  PyRef items[] = {new_bool(k.not_api), new_int(k.kind_group), new_bool(k.is_private), new_int128(k.outside),
+                   new_int128(k.size),  new_int128(k.inside),  new_int(k.start_line)};
   PyRef tuple = check(PyTuple_New(7));
   for (Py_ssize_t i = 0; i < 7; ++i) PyTuple_SET_ITEM(tuple.get(), i, items[i].release());
   return tuple;
@@ -261,7 +264,8 @@ PyRef pick_spread_body(Call& c) {
       break;
     }
     auto [name, path] = unpack_pair(pair.get(), Where{"scored", "an item"});
-    if (spreader.offer(intern(paths, path.get(), Where{"scored", "a path"}))) check(PyList_Append(result.get(), name.get()));
+    if (spreader.offer(intern(paths, path.get(), Where{"scored", "a path"})))
+      check(PyList_Append(result.get(), name.get()));
   }
   return result;
 }
@@ -344,7 +348,8 @@ PyRef render_file_cards_body(Call& c) {
   if (PyObject* given = c.arg(3)) {
     if (PyUnicode_Check(given) || !PySequence_Check(given)) wrong_type(Where{"missing"}, "a sequence of str", given);
     PyRef paths = snapshot(given, Where{"missing"}, "a sequence of str");
-    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(paths.get()); ++i) missing.push_back(text_arg(PyTuple_GET_ITEM(paths.get(), i), "missing"));
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(paths.get()); ++i)
+      missing.push_back(text_arg(PyTuple_GET_ITEM(paths.get(), i), "missing"));
   }
   Prepared p(c.module, c.state, facts, kCardsNeeds);
   const std::vector<NameList> tests = tests_by_file(c, p);
@@ -384,7 +389,8 @@ PyRef neighbours_body(Call& c) {
     const std::vector<StrId> paths = outside_target_paths(p.view);
     is_test.assign(p.view.pool.size(), false);
     for (StrId path : paths)
-      if (truth(check(PyObject_CallOneArg(is_test_path.get(), str_of(p.native, path).get())).get())) is_test[path] = true;
+      if (truth(check(PyObject_CallOneArg(is_test_path.get(), str_of(p.native, path).get())).get()))
+        is_test[path] = true;
   }
   const std::vector<Neighbour> ranked = neighbours(p.view, p.vocab, is_test, limit);
   PyRef result = check(PyList_New(static_cast<Py_ssize_t>(ranked.size())));
@@ -410,62 +416,96 @@ PyRef name_match_counts_body(Call& c) {
 // The table.
 
 constexpr Entry kEntries[] = {
-    {"load_scope_facts", {{{"db"}, {"paths"}, {"read_lines"}}}, load_scope_facts,
+    {"load_scope_facts",
+     {{{"db"}, {"paths"}, {"read_lines"}}},
+     load_scope_facts,
      "Loads one page's facts: queries the index (scope_files, inbound_references, import_resolved_languages, then "
      "scope_symbols and outbound_references), reads each indexed file once with `read_lines` (None means "
      "unreadable), asks `is_test_path` once per distinct inbound source, and stores the result of "
      "`importing_tests`. Errors of any of these propagate unchanged."},
-    {"is_use", {{{"resolution"}, {"target_kind"}, {"import_resolved"}}}, is_use_body,
+    {"is_use",
+     {{{"resolution"}, {"target_kind"}, {"import_resolved"}}},
+     is_use_body,
      "Whether a reference is evidence that its source uses its target: an \"import\" or \"local\" one always; a "
      "\"unique\" one only where imports are not resolved and the target is no attribute or constant "
      "(NAME_MATCH_KINDS)."},
-    {"_members", {{{"facts"}}}, members_body,
+    {"_members",
+     {{{"facts"}}},
+     members_body,
      "The set of ids of the declarations that lie inside a type declared in the same file (bounds inclusive; a "
      "type never contains itself)."},
-    {"production_fan_in", {{{"facts"}}}, production_fan_in_body,
+    {"production_fan_in",
+     {{{"facts"}}},
+     production_fan_in_body,
      "Counts the production uses of the page's declarations: FanIn(outside, inside, entry). Tests never count; "
      "evidence counts, and so does a trusted resolution except to an attribute or a constant; uses from the "
      "page's own files go to `inside`. `entry` holds the public, exported, top-level callables and types that no "
      "production code references, outside test files."},
-    {"rank_key", {{{"symbol"}, {"fan_in"}}}, rank_key_body,
+    {"rank_key",
+     {{{"symbol"}, {"fan_in"}}},
+     rank_key_body,
      "The sort key of a declaration, lower first: (not API, kind group, private, -outside uses x weight, "
      "-min(size, 40), -inside uses x weight, start line). A constant weighs 1, others 2."},
-    {"ranked_by_file", {{{"facts"}, {"fan_in"}}}, ranked_by_file_body,
+    {"ranked_by_file",
+     {{{"facts"}, {"fan_in"}}},
+     ranked_by_file_body,
      "Each file's declarations best first (stable by rank_key): a dict from path to list, paths in order of "
      "their first declaration."},
-    {"file_seeds", {{{"facts"}, {"fan_in"}}}, file_seeds_body,
+    {"file_seeds",
+     {{{"facts"}, {"fan_in"}}},
+     file_seeds_body,
      "One citable (start, end) range per file: its best declaration that starts after line 0, else its whole "
      "text when it was read and is not empty. Declaration seeds come first."},
-    {"select_with_quota", {{{"ranked"}, {"fan_in"}, {"total"}, {"floor"}, {"max_share"}}}, select_with_quota_body,
+    {"select_with_quota",
+     {{{"ranked"}, {"fan_in"}, {"total"}, {"floor"}, {"max_share"}}},
+     select_with_quota_body,
      "Up to `total` declarations of `ranked` (path -> best-first sequence): `floor` per file first, the rest by "
      "rank with no file above ceil(total * max_share) while another has some left, interleaved so that every "
      "file's best comes before any file's second."},
-    {"pick_spread", {{{"scored"}, {"limit"}, {"per_file"}}}, pick_spread_body,
+    {"pick_spread",
+     {{{"scored"}, {"limit"}, {"per_file"}}},
+     pick_spread_body,
      "The first `limit` names of the best-first (name, path) pairs, at most `per_file` per path."},
     {"_short_path", {{{"path"}}}, short_path_body, "The last two \"/\"-separated segments of `path`."},
     {"_cell", {{{"text"}}}, cell_body, "`text` for one Markdown table cell: \"|\" escaped, line feeds made spaces."},
-    {"_named", {{{"names"}, {"limit", "3"}}}, named_body,
+    {"_named",
+     {{{"names"}, {"limit", "3"}}},
+     named_body,
      "The first `limit` names joined by \", \", then \" +N\" for the N names left out."},
-    {"file_users", {{{"facts"}}}, file_users_body,
+    {"file_users",
+     {{{"facts"}}},
+     file_users_body,
      "For each page file that other production files use through evidence: a Counter of those users' summed "
      "refs. Tests and a file's references to itself never count."},
-    {"_most_used", {{{"declarations"}, {"fan_in"}}}, most_used_body,
+    {"_most_used",
+     {{{"declarations"}, {"fan_in"}}},
+     most_used_body,
      "One file's used declarations, most used first, as \"`name` L<line> (<count>)\" items: uses from outside "
      "the page, or, when there are none, uses from the page's own files (\"in-page\")."},
-    {"render_file_cards", {{{"facts"}, {"fan_in"}, {"heading"}, {"missing", "()"}}}, render_file_cards_body,
+    {"render_file_cards",
+     {{{"facts"}, {"fan_in"}, {"heading"}, {"missing", "()"}}},
+     render_file_cards_body,
      "The Markdown table with one card per file of the page, then one row per `missing` path."},
-    {"render_consumers", {{{"facts"}, {"fan_in"}, {"heading"}}}, render_consumers_body,
+    {"render_consumers",
+     {{{"facts"}, {"fan_in"}, {"heading"}}},
+     render_consumers_body,
      "The Markdown section of the page's consumers: the production files outside the page that use it through "
      "evidence (at most 12 rows), the references not counted because they only match a name, and the public "
      "top-level types and callables that nothing outside uses."},
-    {"_unused_outside", {{{"facts"}, {"used"}, {"fan_in"}}}, unused_outside_body,
+    {"_unused_outside",
+     {{{"facts"}, {"used"}, {"fan_in"}}},
+     unused_outside_body,
      "The public, exported, top-level types and callables whose id is not in `used`: types first, then best "
      "first by rank_key, then by path."},
-    {"neighbours", {{{"facts"}, {"limit"}}}, neighbours_body,
+    {"neighbours",
+     {{{"facts"}, {"limit"}}},
+     neighbours_body,
      "The declarations outside the page that its files use most: a list of (target record, count) pairs, "
      "highest count first, then fqn, then first counted; at most `limit`. Targets in the page or in test files "
      "are skipped, and a name match to an attribute or a constant does not count."},
-    {"name_match_counts", {{{"facts"}}}, name_match_counts_body,
+    {"name_match_counts",
+     {{{"facts"}}},
+     name_match_counts_body,
      "Counts of \"unique\" references to attributes and constants, keyed by (source path, target path) in "
      "first-counted order: inbound references first, then outbound; every file counts."},
 };

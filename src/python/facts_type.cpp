@@ -50,8 +50,8 @@ PyObject* facts_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
         stack.push_back(value);
       }
     }
-    bind_arguments(kFactsFieldNames, kTestImports, stack.data(), nargs, PyTuple_GET_SIZE(names.get()) ? names.get() : nullptr,
-                   given);
+    bind_arguments(kFactsFieldNames, kTestImports, stack.data(), nargs,
+                   PyTuple_GET_SIZE(names.get()) ? names.get() : nullptr, given);
     PyRef converted[kFactsFieldCount];
     for (int i = kFiles; i <= kOutbound; ++i)
       converted[i] = snapshot(given[i], Where{kFactsFieldNames[i]}, "a sequence");
@@ -78,7 +78,8 @@ PyObject* facts_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
 int facts_clear(PyObject* self) {
   FactsObject* facts = facts_of(self);
   std::vector<FactsObject*>* live = state_of_type(Py_TYPE(self)).facts_with_records;
-  if (facts->native != nullptr && live != nullptr) live->erase(std::remove(live->begin(), live->end(), facts), live->end());
+  if (facts->native != nullptr && live != nullptr)
+    live->erase(std::remove(live->begin(), live->end(), facts), live->end());
   for (auto& slot : facts->fields) Py_CLEAR(slot);
   delete std::exchange(facts->native, nullptr);
   return 0;

@@ -48,9 +48,9 @@ PyRef language_list(const Call& c, PyObject* files) {
     if (!text.empty()) languages.emplace_back(std::string(text), language);
   }
   std::stable_sort(languages.begin(), languages.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
-  languages.erase(std::unique(languages.begin(), languages.end(),
-                              [](const auto& a, const auto& b) { return a.first == b.first; }),
-                  languages.end());
+  languages.erase(
+      std::unique(languages.begin(), languages.end(), [](const auto& a, const auto& b) { return a.first == b.first; }),
+      languages.end());
   PyRef list = check(PyList_New(static_cast<Py_ssize_t>(languages.size())));
   for (std::size_t i = 0; i < languages.size(); ++i)
     PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i), languages[i].second.release());

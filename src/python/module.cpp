@@ -40,10 +40,25 @@ const Import kImports[] = {
 };
 
 const char* const kNameTexts[kNameCount] = {
-    "outside",        "inside",          "entry",         "keys",           "NAME_MATCH_KINDS",
-    "_TYPE_KINDS",    "_CALLABLE_KINDS", "EVIDENCE_RESOLUTIONS", "_TRUSTED", "is_test_path",
-    "tests_reaching", "scope_files",     "inbound_references",   "import_resolved_languages",
-    "scope_symbols",  "outbound_references", "file_summary",     "importing_tests", "unique",
+    "outside",
+    "inside",
+    "entry",
+    "keys",
+    "NAME_MATCH_KINDS",
+    "_TYPE_KINDS",
+    "_CALLABLE_KINDS",
+    "EVIDENCE_RESOLUTIONS",
+    "_TRUSTED",
+    "is_test_path",
+    "tests_reaching",
+    "scope_files",
+    "inbound_references",
+    "import_resolved_languages",
+    "scope_symbols",
+    "outbound_references",
+    "file_summary",
+    "importing_tests",
+    "unique",
 };
 
 const Schema* const kSchemas[kTableCount] = {&kFileSchema, &kSymbolSchema, &kInboundSchema, &kOutboundSchema};
@@ -126,6 +141,7 @@ void populate(PyObject* module, ModuleState& state) {
   add(module, "_CONSUMER_NAMES", new_int(kConsumerNames));
   add(module, "_UNUSED_NAMES", new_int(kUnusedNames));
   add(module, "_SIZE_CAP", new_int(kSizeCap));
+  add(module, "__version__", check(PyUnicode_FromString(SCOPE_VERSION)));  // from pyproject.toml, through CMake
 
   state.fan_in_type = make_fan_in().release();
   add(module, "FanIn", PyRef::borrow(state.fan_in_type));

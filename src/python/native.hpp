@@ -52,7 +52,7 @@ struct NativeFacts {
   std::vector<FanInCache> fan_ins;  // most recent first
   std::shared_ptr<const FileUsers> users;
   Vocab users_vocab;
-  DenseIndex records;  // address of each declaration record, numbered
+  DenseIndex records;                     // address of each declaration record, numbered
   std::vector<std::uint32_t> record_row;  // by number: the first row that holds the record
   bool records_ready = false;
 };

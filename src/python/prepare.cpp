@@ -72,14 +72,17 @@ Vocab vocab_for(PyObject* module, const ModuleState& state, const NativeFacts& n
       vocab.set_literals(native.view.pool, id);
     }
   };
-  ask(kinds, {{kNameMatchKinds, vocab_bit::name_match}, {kTypeKinds, vocab_bit::type},
-              {kCallableKinds, vocab_bit::callable}});
+  ask(kinds,
+      {{kNameMatchKinds, vocab_bit::name_match}, {kTypeKinds, vocab_bit::type}, {kCallableKinds, vocab_bit::callable}});
   ask(resolutions, {{kEvidenceResolutions, vocab_bit::evidence}, {kTrusted, vocab_bit::trusted}});
   return vocab;
 }
 
 Prepared::Prepared(PyObject* module, const ModuleState& state, FactsObject* facts, const Needs& needs)
-    : native(native_of(facts)), view(native.view), facts_(facts), hold_(PyRef::borrow(reinterpret_cast<PyObject*>(facts))) {
+    : native(native_of(facts)),
+      view(native.view),
+      facts_(facts),
+      hold_(PyRef::borrow(reinterpret_cast<PyObject*>(facts))) {
   const Needs all = needs.complete();
   {
     Allowed loading(view, everything());
@@ -95,8 +98,8 @@ Prepared::Prepared(PyObject* module, const ModuleState& state, FactsObject* fact
   derive(view, vocab, all);
 }
 
-void prepare_records(PyObject* module, const ModuleState& state, NativeFacts& scratch, PyObject* records,
-                     Mask fields, const char* argument, Vocab& vocab) {
+void prepare_records(PyObject* module, const ModuleState& state, NativeFacts& scratch, PyObject* records, Mask fields,
+                     const char* argument, Vocab& vocab) {
   load_columns(state, scratch, kSymbolsTable, records, fields | bit(sym_f::id), argument);
   vocab = vocab_for(module, state, scratch);
   derive(scratch.view, vocab, Needs{.derived = derived::symbol_slots});
@@ -155,8 +158,8 @@ std::shared_ptr<const FanInSlots> fan_in_slots(const ModuleState& state, NativeF
     slots->entry.assign(in_entry.begin(), in_entry.end());
   }
   if (keep) {
-    FanInCache cached{PyRef::borrow(fan_in), outside, inside, entry, version_of(outside.get()),
-                      version_of(inside.get()), slots, nullptr, {}};
+    FanInCache cached{PyRef::borrow(fan_in),    outside, inside,  entry, version_of(outside.get()),
+                      version_of(inside.get()), slots,   nullptr, {}};
     native.fan_ins.insert(native.fan_ins.begin(), std::move(cached));
     if (native.fan_ins.size() > kFanInsKept) native.fan_ins.pop_back();
   }
@@ -168,7 +171,7 @@ void remember_fan_in(const ModuleState& state, NativeFacts& native, PyObject* fa
   PyRef outside = check(PyObject_GetAttr(fan_in, state.names[kOutside]));
   PyRef inside = check(PyObject_GetAttr(fan_in, state.names[kInside]));
   PyRef entry = check(PyObject_GetAttr(fan_in, state.names[kEntry]));
-  FanInCache cached{PyRef::borrow(fan_in), outside, inside, entry, version_of(outside.get()),
+  FanInCache cached{PyRef::borrow(fan_in),    outside,          inside,  entry, version_of(outside.get()),
                     version_of(inside.get()), std::move(slots), nullptr, {}};
   native.fan_ins.insert(native.fan_ins.begin(), std::move(cached));
   if (native.fan_ins.size() > kFanInsKept) native.fan_ins.pop_back();

@@ -32,8 +32,8 @@ class Prepared {
 
 // Prepares a view of records that belong to no ScopeFacts (a list the host
 // passes as `argument`): `fields` of each record, and the symbol slots.
-void prepare_records(PyObject* module, const ModuleState& state, NativeFacts& scratch, PyObject* records,
-                     Mask fields, const char* argument, Vocab& vocab);
+void prepare_records(PyObject* module, const ModuleState& state, NativeFacts& scratch, PyObject* records, Mask fields,
+                     const char* argument, Vocab& vocab);
 
 // A FanIn-like object (`outside`, `inside` and, when `with_entry`, `entry`)
 // in native form for the declarations of `native` (whose symbol slots are

@@ -55,16 +55,16 @@ TEST(Members, AgreesWithTheQuadraticDefinition) {
       std::int64_t start = random() % 8, length = static_cast<std::int64_t>(random() % 6) - 1;
       const char* kind = random() % 3 ? "class" : "method";
       // Repeated ids happen: the same declaration seen twice.
-      rows.push_back({static_cast<std::int64_t>(random() % 10), random() % 4 ? "a" : "b", "n", kind, start,
-                      start + length});
+      rows.push_back(
+          {static_cast<std::int64_t>(random() % 10), random() % 4 ? "a" : "b", "n", kind, start, start + length});
     }
     page.symbols(rows);
     std::vector<bool> member = members(page.view, page.vocab);
     for (std::size_t s = 0; s < rows.size(); ++s) {
       bool expected = false;
       for (const Sym& t : rows)
-        expected |= t.kind == "class" && t.path == rows[s].path && t.id != rows[s].id &&
-                    t.start <= rows[s].start && t.end >= rows[s].end;
+        expected |= t.kind == "class" && t.path == rows[s].path && t.id != rows[s].id && t.start <= rows[s].start &&
+                    t.end >= rows[s].end;
       EXPECT_EQ(member[s], expected) << "round " << round << " row " << s;
     }
   }
@@ -120,8 +120,8 @@ TEST(FanIn, AgreesWithAPlainRecount) {
     int count = static_cast<int>(random() % 400);
     for (int i = 0; i < count; ++i) {
       std::int64_t target = random() % 2 ? pool[random() % pool.size()] : static_cast<std::int64_t>(random() % 300);
-      rows.push_back({sources[random() % 4], target, "lib/a.py", "n", kinds[random() % 3],
-                      resolutions[random() % 5], static_cast<std::int64_t>(random() % 5)});
+      rows.push_back({sources[random() % 4], target, "lib/a.py", "n", kinds[random() % 3], resolutions[random() % 5],
+                      static_cast<std::int64_t>(random() % 5)});
     }
     page.inbound(rows);
     FanInCounts counts = count_fan_in(page.view, page.vocab);

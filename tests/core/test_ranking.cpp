@@ -64,8 +64,10 @@ TEST(Quota, CapIsTheCeilingOfTheDoubleProduct) {
 
 TEST(RankKey, OrderAndExactness) {
   Page page;
-  page.symbols({{1, "a", "MAX", "constant", 10, 50}, {2, "a", "run", "function", 10, 49},
-                {3, "a", "_f", "function", 5, 3}, {4, "a", "huge", "function", INT64_MIN, INT64_MAX}});
+  page.symbols({{1, "a", "MAX", "constant", 10, 50},
+                {2, "a", "run", "function", 10, 49},
+                {3, "a", "_f", "function", 5, 3},
+                {4, "a", "huge", "function", INT64_MIN, INT64_MAX}});
   FanInView fan_in;
   fan_in.outside = {{1, 4}, {2, 2}, {4, INT64_MAX}};
   fan_in.inside = {{1, 3}, {2, 3}};

@@ -35,14 +35,14 @@ TEST(Text, ShortPath) {
       {"mod.py", "mod.py"},
       {"a/b", "a/b"},
       {"", ""},
-      {"/mod.py", "/mod.py"},   // the first segment is empty
-      {"a/b/", "b/"},           // the last segment is empty
+      {"/mod.py", "/mod.py"},  // the first segment is empty
+      {"a/b/", "b/"},          // the last segment is empty
       {"a/b/c/", "c/"},
       {"a//b", "/b"},
       {"x/a//b", "/b"},
       {"/", "/"},
       {"//", "/"},
-      {"x\\y/z", "x\\y/z"},     // a backslash separates nothing
+      {"x\\y/z", "x\\y/z"},  // a backslash separates nothing
       {"d\xc3\xa9p/\xed\xa0\x80/f", "\xed\xa0\x80/f"},
   };
   for (const TextCase& c : cases) EXPECT_EQ(short_path(c.input), c.expected) << '"' << c.input << '"';
@@ -50,16 +50,10 @@ TEST(Text, ShortPath) {
 
 TEST(Text, Cell) {
   const TextCase cases[] = {
-      {"plain text", "plain text"},
-      {"a|b", "a\\|b"},
-      {"||", "\\|\\|"},
-      {"one\ntwo", "one two"},
-      {"\n\n", "  "},
-      {"cr\r\nlf", "cr\r lf"},
-      {"lone\rcr", "lone\rcr"},
-      {"\\|", "\\\\|"},         // an escaped bar gets one more backslash
-      {" `x` ", " `x` "},
-      {"", ""},
+      {"plain text", "plain text"}, {"a|b", "a\\|b"}, {"||", "\\|\\|"},
+      {"one\ntwo", "one two"},      {"\n\n", "  "},   {"cr\r\nlf", "cr\r lf"},
+      {"lone\rcr", "lone\rcr"},     {"\\|", "\\\\|"},  // an escaped bar gets one more backslash
+      {" `x` ", " `x` "},           {"", ""},
   };
   for (const TextCase& c : cases) EXPECT_EQ(cell(c.input), c.expected) << '"' << c.input << '"';
 }
@@ -156,7 +150,7 @@ struct CardsPage : Page {
         {"web/main.py", 4, "lib/store.py", "load", "function", "local", 1},
         {"lib/cache.py", 5, "lib/store.py", "save", "function", "local", 2},
         {"web/main.py", 5, "lib/store.py", "save", "function", "import", 2},
-        {"app/cli.py", 1, "lib/store.py", "open", "function", "ambiguous", 5},       // a name match
+        {"app/cli.py", 1, "lib/store.py", "open", "function", "ambiguous", 5},  // a name match
         {"lib/store.py", 10, "lib/cache.py", "Cache", "class", "import", 1},
         {"go/wire.go", 11, "lib/cache.py", "get", "method", "unique", 1},      // imports resolved there
         {"app/main.py", 20, "go/wire.go", "Encode", "function", "unique", 2},  // the best there is
@@ -192,9 +186,9 @@ TEST(FileUsers, CountsEvidenceFromOtherProductionFiles) {
   std::vector<FileUsers> users = file_users(page.view, page.vocab);
   ASSERT_EQ(users.size(), 3u);
   EXPECT_EQ(users[0].target, s("lib/store.py"));
-  EXPECT_EQ(users[0].users, (std::vector<std::pair<StrId, std::int64_t>>{
-                                {s("app/main.py"), 3}, {s("svc/app/main.py"), 3}, {s("lib/cache.py"), 4},
-                                {s("web/main.py"), 3}}));
+  EXPECT_EQ(users[0].users,
+            (std::vector<std::pair<StrId, std::int64_t>>{
+                {s("app/main.py"), 3}, {s("svc/app/main.py"), 3}, {s("lib/cache.py"), 4}, {s("web/main.py"), 3}}));
   EXPECT_EQ(users[1].target, s("lib/cache.py"));
   EXPECT_EQ(users[1].users, (std::vector<std::pair<StrId, std::int64_t>>{{s("lib/store.py"), 1}}));
   EXPECT_EQ(users[2].target, s("go/wire.go"));
@@ -222,8 +216,8 @@ TEST(FileUsers, AgreesWithThePlainRules) {
     std::vector<In> rows;
     int count = static_cast<int>(random() % 40);
     for (int i = 0; i < count; ++i)
-      rows.push_back({paths[random() % 6], 1, paths[random() % 6], "n", kinds[random() % 5],
-                      resolutions[random() % 5], static_cast<std::int64_t>(random() % 5)});
+      rows.push_back({paths[random() % 6], 1, paths[random() % 6], "n", kinds[random() % 5], resolutions[random() % 5],
+                      static_cast<std::int64_t>(random() % 5)});
     page.inbound(rows);
     std::vector<FileUsers> ours = file_users(page.view, page.vocab), plain = plain_file_users(page.view, page.vocab);
     ASSERT_EQ(ours.size(), plain.size()) << "round " << round;

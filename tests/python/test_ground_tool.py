@@ -1,114 +1,139 @@
-"""The loader and the grounding tool on a tree the indexer has indexed."""
+"""The grounding tool on trees of its own: an index kept complete and current, the command line, the document."""
 
-import subprocess
-import sys
-import textwrap
-from pathlib import Path
+import os
+import sqlite3
 
 import pytest
+from test_indexer import write_tree
 
-import scope
-from conftest import ROOT
-from tarnwick.indexer import index_tree
+from tarnwick.indexer import python_tree
 from tarnwick.storage.database import Database
-from tarnwick.workers.wiki.checkout import checkout_reader
+from tarnwick.tools import ground as tool
 
 TREE = {
-    "shop/__init__.py": '"""The shop."""\nfrom .models import Cart\n__all__ = ["Cart", "checkout"]\n'
-                        "def checkout():\n    return Cart()\ndef helper():\n    pass\n",
-    "shop/models.py": textwrap.dedent('''\
-        """Cart and items."""
-        LIMIT = 10
-        _SECRET = 1
-
-        class Cart:
-            class Line:
-                def total(self):
-                    return 0
-
-            def __init__(self):
-                self.lines = []
-
-            def add_line(self, line):
-                self.lines.append(line)
-                return self.count()
-
-            def count(self):
-                return LIMIT
-
-        def make():
-            return Cart()
-        '''),
-    "shop/api/views.py": textwrap.dedent('''\
-        from ..models import Cart, make
-        from .. import models
-        import shop.models as m
-
-        def view(order):
-            cart = make()
-            cart.add_line(1)
-            models.Cart.Line()
-            order.unique_name()
-            order.save()
-            return m.LIMIT
-        '''),
-    "billing/ledger.py": "class Ledger:\n    def unique_name(self):\n        pass\n    def save(self):\n        pass\n",
-    "billing/archive.py": "class Archive:\n    def save(self):\n        pass\n",
-    "tests/test_cart.py": "from shop.models import Cart\n\ndef test_cart():\n    Cart().add_line(1)\n",
+    "shop/__init__.py": '"""The shop."""\nfrom .models import Cart\n',
+    "shop/models.py": '"""Cart and items."""\nLIMIT = 10\n\n\nclass Cart:\n'
+                      '    def add(self, line):\n        return LIMIT\n',
+    "shop/old.py": "from .models import Cart\n\ndef legacy():\n    return Cart().add(1)\n",
+    "app/main.py": "from shop.models import Cart, LIMIT\n\ndef run():\n    return Cart().add(LIMIT)\n",
+    "tests/test_cart.py": "from shop.models import Cart\n\ndef test_cart():\n    Cart().add(1)\n",
     "broken.py": "def oops(:\n",
 }
+RAW = {"latin.py": "# -*- coding: latin-1 -*-\n# Caf\u00e9 menu.\nPRICE = '\u00e9'\n".encode("latin-1"),
+       os.fsdecode(b"bad\xff.py"): b"x = 1\n"}
+UNINDEXED = ["ground: 2 files could not be indexed:", "ground:   bad\\xff.py: its name is no valid UTF-8",
+             "ground:   broken.py: syntax error at line 1: invalid syntax"]
 
 
-@pytest.fixture(scope="module")
-def indexed(tmp_path_factory):
-    root = tmp_path_factory.mktemp("tree")
-    for path, text in TREE.items():
-        (root / path).parent.mkdir(parents=True, exist_ok=True)
-        (root / path).write_text(text)
-    db = Database()
-    stats = index_tree(root, db, progress=None)
-    return root, db, stats
+@pytest.fixture
+def tree(tmp_path):
+    return write_tree(tmp_path / "src", TREE, RAW)
 
 
-def test_the_loader_end_to_end(indexed):
-    root, db, _ = indexed
-    facts = scope.load_scope_facts(db, ["shop/models.py", "shop/__init__.py", "nowhere.py"], checkout_reader(root))
-    assert [f.path for f in facts.files] == ["shop/__init__.py", "shop/models.py"]
-    assert facts.summaries == {"shop/__init__.py": "The shop.", "shop/models.py": "Cart and items."}
-    assert facts.test_sources == {"tests/test_cart.py"}
-    assert facts.test_imports == {"shop/models.py": frozenset({"tests/test_cart.py"})}
-    fan_in = scope.production_fan_in(facts)
-    text = scope.render_consumers(facts, fan_in, "## Consumers")
-    assert "- `shop/api/views.py` uses `Cart`, `make`, `LIMIT`, `Line` (6 refs)" in text
-    assert "`checkout` (function, `shop/__init__.py:L4`)" in text
+def ground(capsys, tree, *args):
+    status = tool.main(["--tree", str(tree), "--index", str(tree.parent / "index.sqlite"), *args])
+    out, err = capsys.readouterr()
+    return status, out, err.splitlines()
 
 
-def run_tool(*args):
-    env = {"PYTHONPATH": f"{Path(scope.__file__).parent}:{ROOT / 'host'}", "PATH": "/usr/bin:/bin"}
-    return subprocess.run([sys.executable, "-m", "tarnwick.tools.ground", *args], capture_output=True, text=True,
-                          env=env, timeout=120)
+def test_a_first_run_indexes_the_tree_and_names_the_files_it_could_not_index(tree, capsys):
+    status, out, err = ground(capsys, tree, "app/main.py", "latin.py", "shop/gone.py")
+    assert (status, err) == (0, [f"ground: indexing {tree} into {tree.parent / 'index.sqlite'}"] + UNINDEXED)
+    assert out.startswith(f"# Grounding of 3 files in `{tree}`\n")
+    assert "| `latin.py` | 3 | 1 | Caf\u00e9 menu. |" in out  # read in the encoding its coding line names
+    assert "| `shop/gone.py` | ? | 0 | not in the index | | | |" in out
+    assert "- `shop.models.Cart.add` (`shop/models.py`, method): 1 ref\n" in out
+    assert f"## Neighbours\n\n{tool.NEIGHBOURS_NOTE}\n" in out
+    assert f"## Name matches\n\n{tool.NAME_MATCHES_NOTE}\n\nNone.\n" in out
 
 
-def test_the_tool_grounds_a_page(indexed, tmp_path):
-    root, _, _ = indexed
-    result = run_tool("--tree", str(root), "--index", str(tmp_path / "i.sqlite"), "shop/*.py", "shop/gone.py")
-    assert result.returncode == 0, result.stderr
-    for section in ("## Files", "## Consumers", "## Declaration blocks", "## Seeds", "## Neighbours",
-                    "## Name matches", "Module calls took"):
-        assert section in result.stdout
-    assert "| `shop/gone.py` | ? | 0 | not in the index | | | |" in result.stdout
+def interrupt(*args, **kwargs):
+    raise KeyboardInterrupt
 
 
-@pytest.mark.parametrize("args, message", [
-    (["--tree", "/no/such/tree"], "no such directory: /no/such/tree"),
-    (["--tree", "{root}", "--index", "{tmp}/i.sqlite", "nothing/*.py"], "the page matches no indexed file"),
-    (["--tree", "{root}", "--index", "{tmp}/junk.sqlite", "shop/*.py"], "cannot read the index"),
+@pytest.mark.parametrize("owner, name", [(python_tree, "_analyse"), (python_tree._Indexer, "follow"),
+                                         (Database, "add_references"), (Database, "set_info")])
+def test_an_interrupted_indexing_leaves_the_previous_index_or_none_and_the_next_run_is_current(
+        tree, capsys, monkeypatch, owner, name):
+    index = tree.parent / "index.sqlite"
+    for edited in (False, True):
+        if edited:  # ten lines on top of a file, a file added and one removed
+            (tree / "shop/models.py").write_text("\n" * 10 + TREE["shop/models.py"])
+            write_tree(tree, {"shop/new.py": "from .models import Cart\nCart()\n"})
+            (tree / "shop/old.py").unlink()
+        before = index.read_bytes() if index.exists() else None
+        with monkeypatch.context() as patch:
+            patch.setattr(owner, name, interrupt)
+            status, out, err = ground(capsys, tree, "shop/models.py")
+        kept = f"the previous index {index} was kept" if before else "no index was written"
+        assert (status, out, err[-1]) == (130, "", f"ground: indexing was interrupted; {kept}")
+        assert (index.read_bytes() if index.exists() else None) == before
+        assert sorted(os.listdir(tree.parent)) == (["index.sqlite", "src"] if before else ["src"])
+        status, out, err = ground(capsys, tree, "shop/models.py")
+        changes = "1 changed (shop/models.py), 1 added (shop/new.py), 1 removed (shop/old.py)"
+        assert (status, err[0]) == (0, f"ground: refreshing the index of {tree}: {changes}" if edited else
+                                    f"ground: indexing {tree} into {index}")
+        first, last = 5 + 10 * edited, 7 + 10 * edited
+        assert out.startswith(f"# Grounding of 1 file in `{tree}`\n")
+        assert f"| `shop/models.py` | {last} | 3 | Cart and items. | `Cart` L{first} (" in out
+        assert f"- `Cart` (class, `shop/models.py:L{first}-{last}`)" in out
+        assert f"- `shop/models.py`: lines {first}-{last}" in out
+        assert "- `app/main.py` uses `LIMIT`, `Cart`, `add` (5 refs)" in out
+        assert ("shop/new.py" in out, "shop/old.py" in out) == (edited, not edited)
+    assert ground(capsys, tree, "shop/models.py")[2] == []  # nothing changed since
+
+
+@pytest.mark.parametrize("make, status, message", [
+    (lambda index, run: Database(index).close(),  # the tables, but not the marks of a complete index
+     0, "ground: the index {index} is incomplete or from another version: indexing {tree} again"),
+    (lambda index, run: run("--exclude", "app/*"),
+     0, "ground: the index {index} was made from another tree or with other settings: indexing {tree} again"),
+    (lambda index, run: index.write_bytes(b"not a database, not even close" * 100),
+     1, "ground: error: cannot read the index {index}: file is not a database"),
+    (lambda index, run: sqlite3.connect(index).execute("CREATE TABLE notes (text)"),
+     1, "ground: error: {index} is no index (it has no files table); choose another index file"),
 ])
-def test_the_tool_reports_bad_input_in_one_line(indexed, tmp_path, args, message):
-    root, _, _ = indexed
-    (tmp_path / "junk.sqlite").write_bytes(b"this is not a database, not even close" * 100)
-    result = run_tool(*(a.format(root=root, tmp=tmp_path) for a in args))
-    assert result.returncode == 1
-    lines = result.stderr.strip().splitlines()
-    assert len(lines) == 1 and lines[0].startswith(f"ground: error: {message}")
-    assert "Traceback" not in result.stderr
+def test_index_files_that_cannot_be_used_as_they_are(tree, capsys, make, status, message):
+    index = tree.parent / "index.sqlite"
+    make(index, lambda *args: ground(capsys, tree, *args))
+    assert ground(capsys, tree, "shop/models.py")[::2] == (status, [message.format(index=index, tree=tree)] + (
+        UNINDEXED if status == 0 else []))
+
+
+LARGEST = "must be from 0 to 9223372036854775807, not"
+
+
+@pytest.mark.parametrize("args, status, message", [
+    (["--max-share", "nan"], 2, "argument --max-share: must be a number from 0 to 1, not nan"),
+    (["--max-share", "inf"], 2, "argument --max-share: must be a number from 0 to 1, not inf"),
+    (["--max-share", "1.5"], 2, "argument --max-share: must be a number from 0 to 1, not 1.5"),
+    (["--total", "-5"], 2, f"argument --total: {LARGEST} -5"),
+    (["--floor", "-1"], 2, f"argument --floor: {LARGEST} -1"),
+    (["--neighbours", "-1"], 2, f"argument --neighbours: {LARGEST} -1"),
+    (["--total", "99999999999999999999"], 2, f"argument --total: {LARGEST} 99999999999999999999"),
+    (["--tree", "/no/such/tree"], 2, "argument --tree: no such directory: /no/such/tree"),
+    (["{tree}/shop/models.py"], 2, "page paths are relative to the tree {tree}: '{tree}/shop/models.py' is absolute;"
+                                   " write 'shop/models.py'"),
+    (["/elsewhere/x.py"], 2, "page paths are relative to the tree {tree}: '/elsewhere/x.py' is absolute"),
+    (["nothing/*.py"], 1, "the page matches no indexed file: nothing/*.py"),
+])
+def test_bad_input_is_one_line_on_stderr(tree, capsys, args, status, message):
+    result, out, err = ground(capsys, tree, *(arg.format(tree=tree) for arg in args))
+    line = f"ground: error: {message.format(tree=tree)}" + (" (see --help)" if status == 2 else "")
+    assert (result, out, err if status == 2 else err[-1:]) == (status, "", [line])  # bad values: nothing but that
+
+
+def test_help_says_where_the_index_lives_and_what_a_page_is(capsys):
+    assert tool.main(["--help"]) == 0
+    text = " ".join(capsys.readouterr().out.split())
+    assert all(said in text for said in ("relative to the tree", ", ".join(tool.DEFAULT_PAGE),
+                                         f"{tool.index_home()}/<tree name>-<hash of its path>"))
+
+
+def test_trees_whose_last_folders_share_a_name_get_indexes_of_their_own(tmp_path, capsys, monkeypatch):
+    monkeypatch.setattr(tool, "index_home", lambda: tmp_path / "home")
+    for name in ("a", "b"):
+        write_tree(tmp_path / name / "src", {f"{name}.py": f'"""Module {name}."""\n'})
+        assert tool.main(["--tree", str(tmp_path / name / "src"), f"{name}.py"]) == 0
+        assert f"| `{name}.py` | 1 | 0 | Module {name}. |" in capsys.readouterr().out
+    assert [name[:4] for name in os.listdir(tmp_path / "home")] == ["src-", "src-"]

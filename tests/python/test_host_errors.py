@@ -71,7 +71,8 @@ def test_an_id_equal_to_a_key_matches_it_in_every_function(key):
 
 
 @pytest.mark.parametrize("call, error, names", [
-    (lambda: scope.select_with_quota({"a": FACTS.symbols}, scope.FanIn({}), 1, 1, "x"), TypeError, "select_with_quota.*'max_share'"),
+    (lambda: scope.select_with_quota({"a": FACTS.symbols}, scope.FanIn({}), 1, 1, "x"), TypeError,
+     "select_with_quota.*'max_share'"),
     (lambda: scope.select_with_quota({}, scope.FanIn({}), 2**70, 1, 0.5), OverflowError, "select_with_quota.*'total'"),
     (lambda: scope.select_with_quota({}, scope.FanIn({}), 1, 2**70, 0.5), OverflowError, "select_with_quota.*'floor'"),
     (lambda: scope.pick_spread([], 2**70, 1), OverflowError, "pick_spread.*'limit'"),

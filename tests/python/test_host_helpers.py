@@ -4,45 +4,42 @@ import os
 from types import SimpleNamespace
 
 import pytest
+from test_indexer import write_tree
 
 from tarnwick.utils.path_filter import is_test_path
+from tarnwick.workers.wiki import scope_tests
 from tarnwick.workers.wiki.checkout import checkout_reader
 from tarnwick.workers.wiki.file_summary import file_summary
-from tarnwick.workers.wiki import scope_tests
 
 
 @pytest.mark.parametrize("path, expected", [
-    ("tests/helpers.py", True),
-    ("src/pkg/test/Fixture.java", True),
-    ("web/__tests__/app.jsx", True),
-    ("pkg/test_parser.py", True),
-    ("pkg/parser_test.py", True),
-    ("conftest.py", True),
-    ("cmd/server_test.go", True),
-    ("web/app.test.ts", True),
-    ("web/app.spec.tsx", True),
-    ("web/app.test.js", True),
-    ("web/app.spec.jsx", True),
-    ("tests", False),                 # a file, not a folder, named "tests"
-    ("src/testing/util.py", False),
-    ("src/latest/app.py", False),
-    ("src/contest.py", False),
-    ("src/test_data.json", False),
-    ("web/app.testing.ts", False),
-    ("Tests/helpers.py", False),      # folder names match exactly
-    ("pkg/attest_test.rs", False),
+    ("tests/helpers.py", True), ("src/pkg/test/Fixture.java", True), ("web/__tests__/app.jsx", True),
+    ("pkg/test_parser.py", True), ("pkg/parser_test.py", True), ("conftest.py", True), ("cmd/server_test.go", True),
+    ("web/app.test.ts", True), ("web/app.spec.tsx", True), ("web/app.test.js", True), ("web/app.spec.jsx", True),
+    ("tests", False),  # a file, not a folder, named "tests"
+    ("src/testing/util.py", False), ("src/latest/app.py", False), ("src/contest.py", False),
+    ("src/test_data.json", False), ("web/app.testing.ts", False), ("pkg/attest_test.rs", False),
+    ("Tests/helpers.py", False),  # folder names match exactly
 ])
 def test_is_test_path(path, expected):
     assert is_test_path(path) is expected
 
 
-DOC = '"""Loads the facts\n    of one page.\n\nDetails follow.\n"""\n'.splitlines(keepends=True)
+DOC = '"""Loads the facts\n    of one page. Then, e.g. more.\n\nDetails follow.\n"""\n'.splitlines(keepends=True)
 
 
 @pytest.mark.parametrize("lines, expected", [
     (DOC, "Loads the facts of one page."),
+    (['"""Reads files, e.g. sources, i.e. text! Then more."""'], "Reads files, e.g. sources, i.e. text!"),
     (["#!/usr/bin/env python3", "# -*- coding: utf-8 -*-", "# Licence notice", "",
       "r'''Raw docstring.'''"], "Raw docstring."),
+    # Tool directives, notes about them, licence and copyright headers are no summary.
+    (["# The following comment should be removed at some point.", "# mypy: strict-optional=False", "",
+      "# type: ignore", "import os", "# Not in the header."], ""),
+    (["# mypy: allow-untyped-defs", "# Parses the index.", "# Quickly."], "Parses the index."),
+    (["# Copyright 2020 ACME", "#", "#     https://example.com/licence", "", "# SPDX-License-Identifier: MIT", "",
+      "/* Licensed under the MIT licence. */", "// Serves pages. Fast."], "Serves pages."),
+    (['"""', "Copyright (c) 2020 ACME. All rights reserved.", '"""', "# pylint: disable=all"], ""),
     (['"""', "Unterminated", "docstring"], "Unterminated docstring"),
     (["# Parses  the", "# index.", "#", "# More."], "Parses the index."),
     (["/**", " * Hash maps", " * for ids.", " */", "int x;"], "Hash maps for ids."),
@@ -52,58 +49,48 @@ DOC = '"""Loads the facts\n    of one page.\n\nDetails follow.\n"""\n'.splitline
     (["# ======", "# Title", "# ======", "# Body"], "Title"),
     (["import os", '"""Not a docstring."""'], ""),
     (["#include <stdio.h>", "/* after code */"], ""),
-    (["", "   "], ""),
-    ([], ""),
+    (["", "   "], ""), ([], ""),
 ])
 def test_file_summary(lines, expected):
     assert file_summary(lines) == expected
 
 
 def test_checkout_reader(tmp_path):
-    (tmp_path / "src").mkdir()
-    (tmp_path / "src" / "a.py").write_bytes(b"\xef\xbb\xbfone\r\ntwo\n\nfour")
-    (tmp_path / "empty.txt").write_bytes(b"")
-    (tmp_path / "blob.bin").write_bytes(b"\xff\xfe\x00bad")
+    latin = "# coding: latin-1\n# Caf\u00e9\n".encode("latin-1")
+    write_tree(tmp_path, {}, {"src/a.py": b"\xef\xbb\xbfone\r\ntwo\n\nfour", "latin.py": latin, "latin.txt": latin,
+                              "cookie.py": b"# coding: nosuch\n", "empty.txt": b"", "blob.bin": b"\xff\xfe\x00bad"})
     (tmp_path.parent / "outside.txt").write_text("secret\n")
     read = checkout_reader(str(tmp_path))
     assert read("src/a.py") == ["one", "two", "", "four"]
+    assert read("latin.py") == ["# coding: latin-1", "# Caf\u00e9"]  # coding lines count in Python sources only
     assert read("empty.txt") == []
-    for unreadable in ["missing.py", "src", "", "blob.bin", "../outside.txt",
+    for unreadable in ["missing.py", "src", "", "blob.bin", "latin.txt", "cookie.py", "../outside.txt",
                        str(tmp_path / "src" / "a.py"), "nul\0byte"]:
         assert read(unreadable) is None, unreadable
+    if os.geteuid() != 0:  # root reads files without permission
+        (tmp_path / "latin.py").chmod(0)
+        assert read("latin.py") is None
 
 
-@pytest.mark.skipif(os.geteuid() == 0, reason="root reads files without permission")
-def test_checkout_reader_without_permission(tmp_path):
-    locked = tmp_path / "locked.py"
-    locked.write_text("x = 1\n")
-    locked.chmod(0)
-    assert checkout_reader(tmp_path)("locked.py") is None
+def ref(source, target, resolution="import", kind="function"):
+    return SimpleNamespace(source_path=source, target_path=target, resolution=resolution, target_kind=kind)
 
 
-def ref(source, target):
-    return SimpleNamespace(source_path=source, target_path=target)
+def facts(inbound, test_imports=()):
+    return SimpleNamespace(test_imports=dict(test_imports), inbound=inbound, import_resolved=lambda path: ".py" in path,
+                           test_sources=frozenset(r.source_path for r in inbound if "test" in r.source_path))
 
 
-def test_tests_reaching_merges_imports_and_test_references():
-    facts = SimpleNamespace(
-        test_imports={"pkg/a.py": frozenset({"tests/z_test.py", "tests/a_test.py"}),
-                      "pkg/c.py": frozenset()},
-        inbound=(ref("tests/m_test.py", "pkg/a.py"), ref("app/main.py", "pkg/b.py"),
-                 ref("tests/m_test.py", "pkg/b.py"), ref("tests/m_test.py", "pkg/b.py"),
-                 ref("app/main.py", "pkg/d.py"), ref("tests/t_test.py", "tests/t_test.py")),
-        test_sources=frozenset({"tests/m_test.py", "tests/t_test.py"}),
-    )
-    every, by_file = scope_tests.tests_reaching(facts)
-    assert by_file == {
-        "pkg/a.py": ["tests/a_test.py", "tests/m_test.py", "tests/z_test.py"],
-        "pkg/b.py": ["tests/m_test.py"],
-    }
-    assert list(by_file) == ["pkg/a.py", "pkg/b.py"]
-    assert every == {"tests/a_test.py", "tests/m_test.py", "tests/z_test.py"}
-
-
-def test_tests_reaching_nothing():
-    facts = SimpleNamespace(test_imports={}, inbound=(ref("app/x.py", "pkg/a.py"),),
-                            test_sources=frozenset())
-    assert scope_tests.tests_reaching(facts) == (frozenset(), {})
+def test_tests_reaching_merges_imports_and_evidence_from_tests():
+    every, by_file = scope_tests.tests_reaching(facts(test_imports={
+        "pkg/a.py": frozenset({"tests/z_test.py", "tests/a_test.py"}), "pkg/c.py": frozenset()}, inbound=(
+        ref("tests/m_test.py", "pkg/a.py", "local"), ref("app/main.py", "pkg/b.py"), ref("tests/m_test.py", "pkg/b.py"),
+        ref("tests/m_test.py", "pkg/b.py"), ref("tests/t_test.py", "tests/t_test.py"),
+        # A name match is no evidence, but for a unique one where the index does not resolve imports.
+        ref("tests/n_test.py", "pkg/d.py", "ambiguous"), ref("tests/n_test.py", "pkg/d.py", "unique"),
+        ref("tests/n_test.py", "pkg/e.go", "unique", "constant"), ref("tests/g_test.py", "pkg/e.go", "unique"))))
+    assert by_file == {"pkg/a.py": ["tests/a_test.py", "tests/m_test.py", "tests/z_test.py"],
+                       "pkg/b.py": ["tests/m_test.py"], "pkg/e.go": ["tests/g_test.py"]}
+    assert list(by_file) == ["pkg/a.py", "pkg/b.py", "pkg/e.go"]
+    assert every == {"tests/a_test.py", "tests/m_test.py", "tests/z_test.py", "tests/g_test.py"}
+    assert scope_tests.tests_reaching(facts((ref("app/x.py", "pkg/a.py"),))) == (frozenset(), {})

@@ -38,13 +38,11 @@ def db():
             ("app/main.py", "run", "app.main.run", "function", 1, 10),
         ])
         db.add_references([
-            ("app/main.py", alpha, "import", 2),
-            ("app/main.py", alpha, "import", 3),   # same group: summed
-            ("app/main.py", alpha, "ambiguous"),    # other resolution: own record
-            ("tests/test_a.py", fn, "import"),
-            ("pkg/b.py", alpha, "local"),
-            ("pkg/a.py", run, "import", 4),         # outbound only
-            ("pkg/b.py", helper, "unique"),         # the page referencing itself
+            # The same group twice is summed; another resolution is a record of its own.
+            ("app/main.py", alpha, "import", 2), ("app/main.py", alpha, "import", 3),
+            ("app/main.py", alpha, "ambiguous"), ("tests/test_a.py", fn, "import"), ("pkg/b.py", alpha, "local"),
+            ("pkg/a.py", run, "import", 4),  # outbound only
+            ("pkg/b.py", helper, "unique"),  # the page referencing itself
         ])
         db.ids = dict(alpha=alpha, fn=fn, late=late, tied=tied, helper=helper, run=run)
         yield db
@@ -54,85 +52,51 @@ def page_ids(db):
     return [f.id for f in scope_files(db, PAGE)]
 
 
-def test_scope_files_are_the_indexed_paths_in_path_order(db):
-    files = scope_files(db, PAGE + ["pkg/a.py", "./pkg/a.py", "PKG/A.PY"])
-    assert [(f.path, f.language) for f in files] == [("pkg/a.py", "python"), ("pkg/b.py", "python")]
-    assert all(isinstance(f, ScopeFile) for f in files)
+def test_the_queries_read_the_page_in_order(db):
+    ids, page = db.ids, page_ids(db)
+    assert scope_files(db, PAGE + ["pkg/a.py", "./pkg/a.py", "PKG/A.PY"]) == (
+        ScopeFile(2, "pkg/a.py", "python"), ScopeFile(1, "pkg/b.py", "python"))
     assert scope_files(db, ["docs/notes.md"])[0].language is None
-
-
-def test_scope_symbols_order_and_fields(db):
-    symbols = scope_symbols(db, page_ids(db))
+    symbols = scope_symbols(db, page)
     assert [s.name for s in symbols] == ["LATE", "Alpha", "tied", "alpha_fn", "helper"]
-    assert symbols[1] == ScopeSymbol(db.ids["alpha"], "pkg/a.py", "Alpha", "pkg.a.Alpha",
-                                     "class", 3, 20, True)
+    assert symbols[1] == ScopeSymbol(ids["alpha"], "pkg/a.py", "Alpha", "pkg.a.Alpha", "class", 3, 20, True)
     assert [type(s.is_export) for s in symbols] == [bool] * 5
-
-
-def test_inbound_references_group_sum_and_order(db):
-    ids = db.ids
-    assert inbound_references(db, page_ids(db)) == (
+    assert inbound_references(db, page) == (
         InboundReference("app/main.py", ids["alpha"], "pkg/a.py", "Alpha", "class", "ambiguous", 1),
         InboundReference("app/main.py", ids["alpha"], "pkg/a.py", "Alpha", "class", "import", 5),
         InboundReference("pkg/b.py", ids["alpha"], "pkg/a.py", "Alpha", "class", "local", 1),
         InboundReference("pkg/b.py", ids["helper"], "pkg/b.py", "helper", "function", "unique", 1),
-        InboundReference("tests/test_a.py", ids["fn"], "pkg/a.py", "alpha_fn", "function",
-                         "import", 1),
+        InboundReference("tests/test_a.py", ids["fn"], "pkg/a.py", "alpha_fn", "function", "import", 1),
     )
-
-
-def test_outbound_references_carry_their_target(db):
-    run = ScopeSymbol(db.ids["run"], "app/main.py", "run", "app.main.run", "function", 1, 10, False)
-    by_name = {s.name: s for s in scope_symbols(db, page_ids(db))}
-    assert outbound_references(db, page_ids(db)) == (
-        OutboundReference("pkg/a.py", run, "import", 4),
-        OutboundReference("pkg/b.py", by_name["Alpha"], "local", 1),
-        OutboundReference("pkg/b.py", by_name["helper"], "unique", 1),
-    )
+    run = ScopeSymbol(ids["run"], "app/main.py", "run", "app.main.run", "function", 1, 10, False)
+    assert outbound_references(db, page) == (OutboundReference("pkg/a.py", run, "import", 4),
+                                             OutboundReference("pkg/b.py", symbols[1], "local", 1),
+                                             OutboundReference("pkg/b.py", symbols[4], "unique", 1))
     assert outbound_references(db, [scope_files(db, ["docs/notes.md"])[0].id]) == ()
-
-
-def test_import_resolved_languages_is_the_indexed_subset(db):
     assert import_resolved_languages(db, ["go", "python", "rust"]) == frozenset({"go", "python"})
+    with pytest.raises(TypeError):
+        scope_files(db, "pkg/a.py")  # a single string is not taken for a list
 
 
-IDS_QUERIES = [scope_symbols, inbound_references, outbound_references]
-ALL_QUERIES = [(scope_files, "paths"), (import_resolved_languages, "languages")] + [
-    (query, "ids") for query in IDS_QUERIES]
-
-
-@pytest.mark.parametrize("query, kind", ALL_QUERIES, ids=lambda q: getattr(q, "__name__", q))
-def test_empty_list_is_one_statement_and_no_rows(db, query, kind):
-    before = db.query_count
-    assert not query(db, [])
-    assert db.query_count == before + 1
-
-
-@pytest.mark.parametrize("query, kind", ALL_QUERIES, ids=lambda q: getattr(q, "__name__", q))
-def test_lists_beyond_the_variable_limit_take_one_statement(db, query, kind):
+@pytest.mark.parametrize("query, kind", [(scope_files, "paths"), (import_resolved_languages, "languages")] + [
+    (query, "ids") for query in (scope_symbols, inbound_references, outbound_references)],
+    ids=lambda q: getattr(q, "__name__", q))
+def test_each_query_is_one_statement_for_no_items_and_beyond_the_variable_limit(db, query, kind):
     real = {"paths": PAGE, "languages": ["python"], "ids": page_ids(db)}[kind]
-    if kind == "ids":
-        padding = list(range(10_000, 50_000))
-    else:
-        padding = [f"nowhere/{n}.py" for n in range(40_000)]
+    padding = list(range(10_000, 50_000)) if kind == "ids" else [f"nowhere/{n}.py" for n in range(40_000)]
     expected = query(db, real)
     assert expected  # the comparison below must not be trivially empty
     before = db.query_count
+    assert not query(db, [])
     assert query(db, padding[:20_000] + list(real) + padding[20_000:]) == expected
-    assert db.query_count == before + 1
-
-
-def test_a_single_string_is_not_taken_for_a_list(db):
-    with pytest.raises(TypeError):
-        scope_files(db, "pkg/a.py")
+    assert db.query_count == before + 2
 
 
 def test_importing_tests_keeps_test_importers_only(db):
     db.add_file("tests/test_b.py")
-    db.add_reference("tests/test_b.py", db.ids["helper"], "unique")  # not an import
-    db.add_reference("tests/test_b.py", db.ids["alpha"], "import")
     own = db.add_symbol("tests/test_b.py", "fixture", "tests.test_b.fixture", "function", 1, 2)
-    db.add_reference("tests/test_b.py", own, "import")  # a file does not reach itself
+    db.add_references([("tests/test_b.py", db.ids["helper"], "unique"), ("tests/test_b.py", db.ids["alpha"], "import"),
+                       ("tests/test_b.py", own, "import")])  # not an import; a file does not reach itself
     files = scope_files(db, PAGE + ["tests/test_b.py"])
     before = db.query_count
     result = importing_tests(db, files)
@@ -141,23 +105,23 @@ def test_importing_tests_keeps_test_importers_only(db):
     assert importing_tests(db, ()) == {}
 
 
-def test_loading_rejects_unknown_files_and_targets(db):
-    with pytest.raises(KeyError):
-        db.add_symbol("pkg/unknown.py", "x", "x", "function", 1, 1)
-    with pytest.raises(KeyError):
-        db.add_reference("pkg/unknown.py", db.ids["alpha"], "import")
-    with pytest.raises(sqlite3.IntegrityError):
-        db.add_reference("pkg/a.py", 999_999, "import")
-    with pytest.raises(sqlite3.IntegrityError):
-        db.add_file("pkg/a.py")
+@pytest.mark.parametrize("load, error", [
+    (lambda db: db.add_symbol("pkg/unknown.py", "x", "x", "function", 1, 1), KeyError),
+    (lambda db: db.add_reference("pkg/unknown.py", db.ids["alpha"], "import"), KeyError),
+    (lambda db: db.add_reference("pkg/a.py", 999_999, "import"), sqlite3.IntegrityError),
+    (lambda db: db.add_file("pkg/a.py"), sqlite3.IntegrityError)])
+def test_loading_rejects_unknown_files_and_targets(db, load, error):
+    pytest.raises(error, load, db)
 
 
-def test_file_index_survives_reopening(tmp_path):
+def test_a_file_index_survives_reopening_and_opens_read_only(tmp_path):
     path = tmp_path / "index.sqlite"
     with Database(path) as db:
         file_id = db.add_file("src/x.go", "go")
         symbol = db.add_symbol(file_id, "X", "x.X", "struct", 2, 9, exported=True)
         assert db.add_symbol("src/x.go", "Y", "x.Y", "function", 10, 12) == symbol + 1
-    with Database(str(path)) as db:
+    with Database(str(path), readonly=True) as db:
         assert scope_files(db, ["src/x.go"]) == (ScopeFile(file_id, "src/x.go", "go"),)
         assert [s.is_export for s in scope_symbols(db, [file_id])] == [True, False]
+        with pytest.raises(sqlite3.OperationalError):
+            db.add_file("src/y.go")

@@ -3,7 +3,7 @@
 import pytest
 
 import scope
-from conftest import make_facts, sym, inref
+from conftest import inref, make_facts, sym
 from tarnwick.storage.grounding_queries import ScopeFile
 
 ODD_TEXTS = ["plain", "", "nul\x00inside", "lone \ud800 surrogate", "\udfff", "astral \U0001f600", "é/ü.py",

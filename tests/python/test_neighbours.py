@@ -103,6 +103,6 @@ def test_agrees_with_the_plain_implementation(seed):
     facts = scope.ScopeFacts(**pages.make_page(random.Random(seed)))
     for limit in (1, 5, 10_000):
         ours, theirs = scope.neighbours(facts, limit), pyscope.neighbours(facts, limit)
-        assert ours == theirs and all(a[0] is b[0] for a, b in zip(ours, theirs))
+        assert ours == theirs and all(a[0] is b[0] for a, b in zip(ours, theirs, strict=True))
     ours, theirs = scope.name_match_counts(facts), pyscope.name_match_counts(facts)
     assert list(ours.items()) == list(theirs.items())

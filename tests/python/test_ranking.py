@@ -286,7 +286,7 @@ class TestPickSpread:
 
 
 def same_records(ours, theirs):
-    return len(ours) == len(theirs) and all(a is b for a, b in zip(ours, theirs))
+    return len(ours) == len(theirs) and all(a is b for a, b in zip(ours, theirs, strict=True))
 
 
 @pytest.mark.parametrize("seed", range(30))

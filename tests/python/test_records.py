@@ -11,7 +11,7 @@ import types
 import pytest
 
 import scope
-from conftest import make_facts, sym, inref
+from conftest import inref, make_facts, sym
 from tarnwick.models import edge, symbol as symbol_model
 from tarnwick.storage import grounding_queries as queries
 from tarnwick.storage.grounding_queries import ScopeFile

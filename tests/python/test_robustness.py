@@ -138,7 +138,6 @@ def test_mappings_whose_items_are_not_pairs_raise():
 
         items = Odd.items
 
-    record = sym(1, "a", "f")
     odd_fan_in = SimpleNamespace(outside=OddMapping(), inside={}, entry=())
     for call in (lambda: scope.select_with_quota(OddMapping(), FAN_IN, 3, 1, 0.5),
                  lambda: scope.ranked_by_file(FACTS, odd_fan_in),

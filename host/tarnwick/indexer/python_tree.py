@@ -6,8 +6,20 @@ Files
     Hidden directories, `__pycache__`, `site-packages`, `dist-packages`,
     `node_modules`, virtual environments (a directory holding `pyvenv.cfg`)
     and top-level `build` / `dist` output directories are skipped.  A file
-    that does not parse (a syntax error, an undecodable file) is still
-    indexed as a file, without declarations, and listed in the statistics.
+    is read in the encoding its coding line names (`# -*- coding: latin-1
+    -*-`), else as UTF-8.  A file that cannot be read or parsed (a syntax
+    error, bytes not valid in its encoding) is still indexed as a file,
+    without declarations, and listed with the reason in the statistics; a
+    file whose name is no valid UTF-8 cannot be stored and is listed apart.
+
+Unchanged files
+    The index keeps each file's size and modification time, and this
+    indexer's analysis of the file: what it declares, imports, binds and
+    uses, before any name is resolved against other files.  Given the
+    previous index of the tree, a file whose size, time and module name are
+    unchanged is not parsed again; its stored analysis is reused.  Names are
+    then resolved over the whole tree, as in a first run, since an edit of
+    one file can change what the names of any other resolve to.
 
 Module names
     A file in a package (a directory with an `__init__.py`, or a directory
@@ -22,11 +34,16 @@ Module names
 
 Declarations
     - classes ("class"), functions ("function") and methods ("method");
+    - properties ("property"): methods decorated with `property`,
+      `functools.cached_property` or `abc.abstractproperty`;
     - module-level constants ("constant"): UPPER_CASE names assigned at
       module level;
-    - attributes ("attribute"): names assigned in a class body (fields,
-      enum members) and instance attributes assigned as `self.name = ...` in
-      a method, once per class and name, at the first assignment.
+    - fields ("field"): names annotated in a class body (`x: int`, `x: int =
+      0`), as dataclasses, NamedTuples and TypedDicts declare theirs;
+    - attributes ("attribute"): names assigned without an annotation in a
+      class body (class attributes, enum members) and instance attributes
+      assigned as `self.name = ...` in a method, once per class and name,
+      at the first assignment.
     Definitions under module-level or class-level `if` / `try` / `with`
     blocks count; the first definition of a name wins.  Lines are the
     statement's `lineno`..`end_lineno` (decorators are not included).
@@ -49,9 +66,11 @@ References, counted per (source file, target declaration, resolution)
       `__init__` or pulled in by `from m import *`.  The imported name in a
       `from m import Y` statement counts as one reference too, so a module
       that only re-exports `Y` still depends on it;
-    - "unique": an otherwise unresolved name or attribute (`obj.parse` where
-      the type of `obj` is unknown) that matches exactly one production
-      declaration (one outside test files);
+    - "unique": an otherwise unresolved name or attribute that matches
+      exactly one production declaration (one outside test files): an
+      attribute (`obj.parse` where the type of `obj` is unknown) is matched
+      against the members of classes, a name bound nowhere in the file
+      against module-level declarations;
     - "ambiguous": one that matches several, up to `AMBIGUOUS_LIMIT`; a name
       shared by more declarations says nothing and is skipped.
     Members are also looked up in base classes that resolve to indexed
@@ -69,9 +88,18 @@ Values of a known class
     such a call earlier in the same function or at module level (`cart =
     Cart()`), an annotation (`cart: Cart`, `Optional[Cart]`, `"Cart"`), an
     attribute or a constant assigned or annotated so, and a call of a
-    function whose return annotation names a class.  A value made by
-    something outside the tree is outside too: its attributes are not
-    matched by name.
+    function whose return annotation names a class.
+
+Values from outside the tree
+    The attributes of a value known to come from outside the tree are not
+    matched by name: a literal, a comprehension or a comparison, the result
+    of a builtin or of a call of anything outside the tree, a name, an
+    attribute or a constant assigned one of those, and the result of a
+    function of the tree that has no return annotation and returns only
+    such values, or is a generator.  Returns of `None`, of the function's
+    own parameters and of subscripts say nothing of the type and are left
+    out of that judgement (`re.compile` returns `_compile(...)`, which
+    returns a parameter, an item of a cache, or what `_sre` compiled).
 
 This is a heuristic index, not a type checker: a local variable that shadows
 a module-level name is taken for that name, imports anywhere in a file count
@@ -84,29 +112,34 @@ import ast
 import builtins
 import fnmatch
 import gc
+import marshal
 import os
-import re
 import sys
 import time
 from collections import Counter
 from dataclasses import dataclass, field
 from pathlib import Path
 
+from tarnwick.storage.grounding_queries import NAME_MATCH_KINDS
 from tarnwick.utils.path_filter import is_test_path
+from tarnwick.utils.source_text import python_source_text
 
 LANGUAGE = "python"
 SKIPPED_DIRS = frozenset({"__pycache__", "site-packages", "dist-packages", "node_modules"})
 # Output directories of packaging tools, skipped at the top of the tree
 # (unless they are packages themselves).
 OUTPUT_DIRS = frozenset({"build", "dist"})
-CONSTANT = re.compile(r"_*[A-Z][A-Z0-9_]*")
 BUILTINS = frozenset(dir(builtins))
 AMBIGUOUS_LIMIT = 8
+# Decorators that make a method a property.
+PROPERTY_DECORATORS = frozenset({"property", "cached_property", "abstractproperty"})
 # Attribute names of the built-in types: `text.split()` on an unknown object
 # is far more likely a str method than the one declaration named `split`.
 BUILTIN_ATTRIBUTES = frozenset(
-    name for kind in (str, bytes, bytearray, list, dict, set, frozenset, tuple, int, float, complex, object)
-    for name in dir(kind))
+    name
+    for kind in (str, bytes, bytearray, list, dict, set, frozenset, tuple, int, float, complex, object)
+    for name in dir(kind)
+)
 # How many hops of re-exports (`from .x import Y` in a package) are followed.
 REEXPORT_DEPTH = 8
 PROGRESS_MIN_FILES = 200
@@ -117,8 +150,10 @@ PROGRESS_EVERY = 0.5  # seconds
 # _EXPR: attributes of some other expression; _FROM: the name imported by a
 # `from m import name`; _INSTANCE: attributes of a value whose type is
 # named by another chain (`Cls().a`, `x.a` after `x = Cls()` or with
-# `x: Cls`); _SUPER: attributes of `super()` in a method.
-_NAME, _SELF, _EXPR, _FROM, _INSTANCE, _SUPER = range(6)
+# `x: Cls`); _SUPER: attributes of `super()` in a method; _BUILTIN: a value
+# of a built-in type (a literal, a comprehension), only as a type.
+_NAME, _SELF, _EXPR, _FROM, _INSTANCE, _SUPER, _BUILTIN = range(7)
+_BUILTIN_VALUE = (_BUILTIN, None, ())
 # What a resolved name or attribute is: ("module", dotted name), ("decl",
 # index), or one of these two.
 _EXTERNAL = ("external",)  # outside the tree, or a builtin: its attributes are not ours
@@ -126,47 +161,119 @@ _UNKNOWN = ("unknown",)  # an object of unknown type: its attributes are matched
 _FREE = ("free",)  # a name bound nowhere in the file: matched by name itself
 
 _FUNCTIONS = (ast.FunctionDef, ast.AsyncFunctionDef)
-_LITERALS = (ast.Constant, ast.JoinedStr, ast.List, ast.Tuple, ast.Dict, ast.Set, ast.ListComp, ast.SetComp,
-             ast.DictComp)
+_LITERALS = (
+    ast.Constant,
+    ast.JoinedStr,
+    ast.List,
+    ast.Tuple,
+    ast.Dict,
+    ast.Set,
+    ast.ListComp,
+    ast.SetComp,
+    ast.DictComp,
+)
+# Expressions whose value is of a built-in type.
+_BUILTIN_EXPRESSIONS = _LITERALS + (ast.GeneratorExp, ast.Compare)
 _BLOCKS = (ast.If, ast.Try, ast.With, ast.AsyncWith, ast.For, ast.AsyncFor, ast.While) + (
-    (ast.TryStar,) if hasattr(ast, "TryStar") else ())
+    (ast.TryStar,) if hasattr(ast, "TryStar") else ()
+)
 
 
 @dataclass
 class IndexStats:
     """What one run put into the index.
 
-    `references` counts rows, one per (source file, target, resolution);
-    `by_resolution` sums their counts per resolution.  `unparsable` lists the
-    files indexed without declarations because they do not parse;
-    `unnamed` the files left out because their paths are no valid UTF-8
-    (as `os.fsdecode` gives them), which the index cannot store.
+    `files` of them, `parsed` were parsed in this run and `reused` were
+    unchanged since the previous index.  `references` counts rows, one per
+    (source file, target, resolution); `by_resolution` sums their counts
+    per resolution.  `unparsable` maps the files indexed without
+    declarations to the reason (they cannot be read, decoded or parsed);
+    `unnamed` lists the files left out because their paths are no valid
+    UTF-8 (as `os.fsdecode` gives them), which the index cannot store.
     """
 
     files: int = 0
+    parsed: int = 0
+    reused: int = 0
     declarations: int = 0
     references: int = 0
     by_resolution: dict[str, int] = field(default_factory=dict)
-    unparsable: list[str] = field(default_factory=list)
+    unparsable: dict[str, str] = field(default_factory=dict)
     unnamed: list[str] = field(default_factory=list)
     seconds: float = 0.0
 
 
 class _Decl:
-    __slots__ = ("name", "fqn", "kind", "start", "end", "exported", "module", "members", "bases", "ancestry",
-                 "type", "instance")
+    __slots__ = (
+        "name",
+        "fqn",
+        "kind",
+        "start",
+        "end",
+        "exported",
+        "members",
+        "bases",
+        "type",
+        "returns",
+        "module",
+        "ancestry",
+        "instance",
+    )
+    # What a file's stored analysis keeps of a declaration.
+    STORED = __slots__[:10]
 
-    def __init__(self, name, fqn, kind, node, exported, module):
+    def __init__(self, name, fqn, kind, start, end, exported):
         self.name, self.fqn, self.kind = name, fqn, kind
-        self.start, self.end = node.lineno, node.end_lineno
-        self.exported, self.module = exported, module
+        self.start, self.end, self.exported = start, end, exported
         self.members: dict[str, int] | None = {} if kind == "class" else None
         self.bases: list | None = None  # a class's base expressions, as chain keys (None: not a chain)
-        self.ancestry = None  # resolved lazily: (base class indices, whether a base lies outside the tree)
         # The chain key (in its module) of the class an attribute's or a
         # constant's value, or a function's result, is an instance of.
         self.type: tuple | None = None
-        self.instance = None  # that instance, resolved lazily
+        # A function without a return annotation: the chain keys of what its
+        # returns give (instances of what they name), None when one of them
+        # cannot be placed.
+        self.returns: tuple | None = None
+        self.module = -1  # the index of its module, once its file joins the tree
+        self.ancestry = None  # resolved lazily: (base class indices, whether a base lies outside the tree)
+        self.instance = None  # what `type` or `returns` give, resolved lazily
+
+
+class _Walk:
+    """What one file declares, imports, binds and uses, before any name is
+    resolved against other files: its analysis, stored with the index.
+
+    Declarations are numbered from 0 within the file (in `top`, in class
+    members and in `_SELF` / `_SUPER` chain keys); imports are kept as
+    written: ("import", dotted name) or ("from", level, module, name), and
+    star imports as (level, module).
+    """
+
+    __slots__ = ("module", "decls", "top", "imports", "stars", "bound", "chains")
+
+    def __init__(self, module: str):
+        self.module = module  # the module name the declarations' fqns start with
+        self.decls: list[_Decl] = []
+        self.top: dict[str, int] = {}  # module-level name -> declaration number
+        self.imports: dict[str, tuple] = {}  # local name -> the import that binds it first
+        self.stars: list[tuple[int, str]] = []
+        self.bound: set[str] = set()  # every name the file binds somewhere
+        self.chains: Counter = Counter()  # use chain key -> occurrences
+
+    def dump(self) -> bytes:
+        rows = [tuple(getattr(decl, name) for name in _Decl.STORED) for decl in self.decls]
+        return marshal.dumps((self.module, rows, self.top, self.imports, self.stars, self.bound, dict(self.chains)))
+
+    @classmethod
+    def load(cls, data: bytes) -> _Walk:
+        module, rows, top, imports, stars, bound, chains = marshal.loads(data)
+        walk = cls(module)
+        for row in rows:
+            decl = _Decl(*row[:6])
+            decl.members, decl.bases, decl.type, decl.returns = row[6:]
+            walk.decls.append(decl)
+        walk.top, walk.imports, walk.stars, walk.bound, walk.chains = top, imports, stars, bound, Counter(chains)
+        return walk
 
 
 class _Source:
@@ -183,10 +290,14 @@ class _Source:
 
 
 class _Module:
-    __slots__ = ("path", "name", "package", "folder", "top", "imports", "stars", "bound", "chains")
+    """A file of the tree once its walk has joined it: declaration indices
+    are the tree's, imports are resolved to module names."""
+
+    __slots__ = ("path", "name", "package", "folder", "first", "top", "imports", "stars", "bound", "chains")
 
     def __init__(self, source: _Source):
         self.path, self.name, self.package, self.folder = source.path, source.module, source.package, source.folder
+        self.first = 0  # the index of its first declaration: its walk's numbers start there
         self.top: dict[str, int] = {}  # module-level name -> declaration index
         # local name -> ("module", dotted) | ("from", module, attribute) | _EXTERNAL
         self.imports: dict[str, tuple] = {}
@@ -197,6 +308,7 @@ class _Module:
 
 # -- the files of a tree ------------------------------------------------------
 
+
 def _skipped(directory: str, name: str, top: bool) -> bool:
     if name.startswith(".") or name in SKIPPED_DIRS:
         return True
@@ -204,6 +316,15 @@ def _skipped(directory: str, name: str, top: bool) -> bool:
     if top and name in OUTPUT_DIRS and not os.path.isfile(os.path.join(path, "__init__.py")):
         return True
     return os.path.isfile(os.path.join(path, "pyvenv.cfg"))  # a virtual environment
+
+
+def _stamp(path: Path) -> tuple[int, int]:
+    """What tells a changed file: its size and modification time in ns ((-1, -1) when it cannot be stat'ed)."""
+    try:
+        status = path.stat()
+    except OSError:
+        return (-1, -1)
+    return (status.st_size, status.st_mtime_ns)
 
 
 def _python_files(root: Path, exclude=(), keep=(), unnamed=None) -> list[_Source]:
@@ -246,7 +367,8 @@ def _python_files(root: Path, exclude=(), keep=(), unnamed=None) -> list[_Source
                     unnamed.append(path)
                 continue
             if any(fnmatch.fnmatchcase(path, glob) for glob in exclude) and not any(
-                    fnmatch.fnmatchcase(path, glob) for glob in keep):
+                fnmatch.fnmatchcase(path, glob) for glob in keep
+            ):
                 continue
             stem = name[:-3]
             dotted = f"{folder}.{stem}" if folder else stem
@@ -263,6 +385,7 @@ def _python_files(root: Path, exclude=(), keep=(), unnamed=None) -> list[_Source
 
 
 # -- per file: declarations, imports and use chains ---------------------------
+
 
 def _literal_all(body: list[ast.stmt]) -> set[str] | None:
     """The names of a literal `__all__` (with `+=`, `.extend` and `.append` of
@@ -287,13 +410,23 @@ def _literal_all(body: list[ast.stmt]) -> set[str] | None:
                 value = literal(node.value)
                 if value is not None:
                     names = set(value)
-        elif (isinstance(node, ast.AugAssign) and isinstance(node.target, ast.Name)
-              and node.target.id == "__all__" and names is not None):
+        elif (
+            isinstance(node, ast.AugAssign)
+            and isinstance(node.target, ast.Name)
+            and node.target.id == "__all__"
+            and names is not None
+        ):
             names.update(literal(node.value) or ())
-        elif (isinstance(node, ast.Expr) and isinstance(node.value, ast.Call)
-              and isinstance(node.value.func, ast.Attribute) and node.value.func.attr in ("extend", "append")
-              and isinstance(node.value.func.value, ast.Name) and node.value.func.value.id == "__all__"
-              and names is not None and len(node.value.args) == 1):
+        elif (
+            isinstance(node, ast.Expr)
+            and isinstance(node.value, ast.Call)
+            and isinstance(node.value.func, ast.Attribute)
+            and node.value.func.attr in ("extend", "append")
+            and isinstance(node.value.func.value, ast.Name)
+            and node.value.func.value.id == "__all__"
+            and names is not None
+            and len(node.value.args) == 1
+        ):
             names.update(literal(node.value.args[0]) or ())
     return names
 
@@ -354,22 +487,48 @@ def _string_annotations(node: ast.expr):
         yield from _string_annotations(node.right)
 
 
+class _Returns:
+    """What the return statements of the function being walked give."""
+
+    __slots__ = ("params", "keys", "unplaced", "generator")
+    SKIP = ("skip",)  # a return that says nothing of the type
+
+    def __init__(self, params: set[str]):
+        self.params = params
+        self.keys: list[tuple] = []
+        self.unplaced = False
+        self.generator = False
+
+    def add(self, key: tuple | None) -> None:
+        if key is None:
+            self.unplaced = True
+        elif key is not self.SKIP and key not in self.keys:
+            self.keys.append(key)
+
+    def result(self) -> tuple | None:
+        """The function's `returns` (see `_Decl`)."""
+        if self.generator:
+            return (_BUILTIN_VALUE,)
+        return None if self.unplaced or not self.keys else tuple(self.keys)
+
+
 class _FileWalker:
     """One walk over a parsed file: declares its classes, functions,
     constants and attributes, records its imports and the names it binds,
-    and counts its use chains (resolved once every file is declared)."""
+    and counts its use chains, all into a `_Walk`."""
 
-    def __init__(self, indexer: _Indexer, index: int, module: _Module, tree: ast.Module):
-        self.ix = indexer
-        self.index = index
-        self.module = module
-        self.chains = module.chains
-        self.bound = module.bound
+    def __init__(self, module: str, tree: ast.Module):
+        self.walk = _Walk(module)
+        self.decls = self.walk.decls
+        self.chains = self.walk.chains
+        self.bound = self.walk.bound
         self.exported_names = _literal_all(tree.body)
         self.scope: str = "module"  # "module", "class" or "function"
         self.owner: int | None = None  # the class whose body is walked (scope "class")
         self.self_ctx: tuple[str, int] | None = None  # (self name, class) inside methods of a declared class
         self.classes: dict[int, int] = {}  # id(ClassDef) -> declaration, for nested classes
+        self.functions: dict[int, int] = {}  # id(FunctionDef) -> declaration, for functions and methods
+        self.returns: _Returns | None = None  # inside a function: what its returns give
         # Types of local names, as chain keys (None: not known), one layer per
         # enclosing function and one for the module.
         self.types: list[dict[str, tuple | None]] = [{}]
@@ -411,31 +570,30 @@ class _FileWalker:
 
     # -- declarations -------------------------------------------------------
 
-    def declare(self, name: str, kind: str, node: ast.AST, owner: int | None, typed: tuple | None = None
-                ) -> int | None:
+    def declare(self, name: str, kind: str, node: ast.AST, owner: int | None, typed: tuple | None = None) -> int | None:
         """Declare `name` at module level (owner None) or in class `owner`
         (with the chain key of its type, if known); the first declaration of
         a name wins (None for a later one)."""
-        ix = self.ix
+        walk = self.walk
         if owner is None:
-            if name in self.module.top:
+            if name in walk.top:
                 return None
-            fqn = f"{self.module.name}.{name}" if self.module.name else name
+            fqn = f"{walk.module}.{name}" if walk.module else name
             names = self.exported_names
             exported = name in names if names is not None else not name.startswith("_")
         else:
-            cls = ix.decls[owner]
+            cls = self.decls[owner]
             if name in cls.members:
                 return None
             fqn = f"{cls.fqn}.{name}"
             exported = cls.exported and not name.startswith("_")
-        decl_index = len(ix.decls)
-        ix.decls.append(_Decl(name, fqn, kind, node, exported, self.index))
-        ix.decls[-1].type = typed
+        decl_index = len(self.decls)
+        self.decls.append(_Decl(name, fqn, kind, node.lineno, node.end_lineno, exported))
+        self.decls[-1].type = typed
         if owner is None:
-            self.module.top[name] = decl_index
+            walk.top[name] = decl_index
         else:
-            ix.decls[owner].members[name] = decl_index
+            self.decls[owner].members[name] = decl_index
         return decl_index
 
     def declare_members(self, cls: int, body: list[ast.stmt]) -> None:
@@ -443,17 +601,23 @@ class _FileWalker:
         `self.x` assignment of its methods, so that those never shadow them."""
         for node in _flat(body):
             if isinstance(node, _FUNCTIONS):
-                self.declare(node.name, "method", node, cls, self.type_key(node.returns, False))
+                prop = any(_last_name(decorator) in PROPERTY_DECORATORS for decorator in node.decorator_list)
+                method = self.declare(
+                    node.name, "property" if prop else "method", node, cls, self.type_key(node.returns, False)
+                )
+                if method is not None:
+                    self.functions[id(node)] = method
             elif isinstance(node, ast.ClassDef):
                 nested = self.declare(node.name, "class", node, cls)
                 if nested is not None:
                     self.classes[id(node)] = nested
             elif isinstance(node, (ast.Assign, ast.AnnAssign)):
                 typed = self.value_type(node)
-                for target in (node.targets if isinstance(node, ast.Assign) else [node.target]):
+                kind = "field" if isinstance(node, ast.AnnAssign) else "attribute"
+                for target in node.targets if isinstance(node, ast.Assign) else [node.target]:
                     for stored in _names_in(target):
                         if isinstance(stored, ast.Name):
-                            self.declare(stored.id, "attribute", node, cls, typed)
+                            self.declare(stored.id, kind, node, cls, typed)
 
     def value_type(self, node: ast.Assign | ast.AnnAssign) -> tuple | None:
         """The type an assignment gives a single target, as a chain key."""
@@ -490,8 +654,13 @@ class _FileWalker:
 
     def type_key(self, node: ast.expr | None, call: bool) -> tuple | None:
         """The chain key naming the type of a value: the callee of `Cls(...)`
-        (call true) or a plain annotation `Cls` / `mod.Cls` (call false)."""
+        or `_BUILTIN_VALUE` for a literal (call true), or a plain annotation
+        `Cls` / `mod.Cls` (call false)."""
         if call:
+            if isinstance(node, _BUILTIN_EXPRESSIONS):
+                # None and ... are placeholders more often than values (`parser = None`).
+                placeholder = isinstance(node, ast.Constant) and (node.value is None or node.value is Ellipsis)
+                return None if placeholder else _BUILTIN_VALUE
             if not isinstance(node, ast.Call):
                 return None
             node = node.func
@@ -541,12 +710,19 @@ class _FileWalker:
         self.visit_arguments(node.args)
         self.annotation(node.returns)
         args = node.args
-        self.types.append({arg.arg: self.type_key(arg.annotation, False)
-                           for arg in args.posonlyargs + args.args + args.kwonlyargs + [args.vararg, args.kwarg]
-                           if arg is not None})
-        scope, owner, self_ctx = self.scope, self.owner, self.self_ctx
+        self.types.append(
+            {
+                arg.arg: self.type_key(arg.annotation, False)
+                for arg in args.posonlyargs + args.args + args.kwonlyargs + [args.vararg, args.kwarg]
+                if arg is not None
+            }
+        )
+        scope, owner, self_ctx, returns = self.scope, self.owner, self.self_ctx, self.returns
+        self.returns = _Returns(set(self.types[-1]))
         if scope == "module":
-            self.declare(node.name, "function", node, None, self.type_key(node.returns, False))
+            function = self.declare(node.name, "function", node, None, self.type_key(node.returns, False))
+            if function is not None:
+                self.functions[id(node)] = function
         elif scope == "class":
             positional = node.args.posonlyargs + node.args.args
             static = any(isinstance(d, ast.Name) and d.id == "staticmethod" for d in node.decorator_list)
@@ -556,7 +732,9 @@ class _FileWalker:
                 self.self_ctx = None
         self.scope, self.owner = "function", None
         self.visit_all(node.body)
-        self.scope, self.owner, self.self_ctx = scope, owner, self_ctx
+        if id(node) in self.functions:
+            self.decls[self.functions[id(node)]].returns = self.returns.result()
+        self.scope, self.owner, self.self_ctx, self.returns = scope, owner, self_ctx, returns
         self.types.pop()
 
     def visit_class(self, node: ast.ClassDef) -> None:
@@ -575,7 +753,7 @@ class _FileWalker:
             for base in node.bases:
                 head, attrs = _chain_of(base)
                 bases.append((_NAME, head.id, attrs) if isinstance(head, ast.Name) else None)
-            self.ix.decls[cls].bases = bases
+            self.decls[cls].bases = bases
             self.declare_members(cls, node.body)
         scope, owner = self.scope, self.owner
         self.scope, self.owner = "class", cls
@@ -589,20 +767,23 @@ class _FileWalker:
         if self.scope == "module":
             for target in targets:
                 for stored in _names_in(target):
-                    if isinstance(stored, ast.Name) and CONSTANT.fullmatch(stored.id):
+                    if isinstance(stored, ast.Name) and stored.id.isupper():  # UPPER_CASE, any script
                         self.declare(stored.id, "constant", node, None, typed)
                         constants.add(stored.id)
         elif self.self_ctx is not None and self.scope == "function":
             self_name, cls = self.self_ctx
             for target in targets:
                 for stored in _names_in(target):
-                    if (isinstance(stored, ast.Attribute) and isinstance(stored.value, ast.Name)
-                            and stored.value.id == self_name):
+                    if (
+                        isinstance(stored, ast.Attribute)
+                        and isinstance(stored.value, ast.Name)
+                        and stored.value.id == self_name
+                    ):
                         if self.declare(stored.attr, "attribute", node, cls, typed) is None and typed:
                             # Declared before (`parser = None` in the class body): the
                             # first assignment that names a class gives its type.
-                            existing = self.ix.decls[self.ix.decls[cls].members[stored.attr]]
-                            if existing.kind == "attribute" and existing.type is None:
+                            existing = self.decls[self.decls[cls].members[stored.attr]]
+                            if existing.kind in ("attribute", "field") and existing.type is None:
                                 existing.type = typed
         if isinstance(node, ast.AnnAssign):
             self.annotation(node.annotation)
@@ -630,30 +811,46 @@ class _FileWalker:
         for alias in node.names:
             local = alias.asname or alias.name.partition(".")[0]
             # The first import of a name wins (`try: import a as x` / `except: import b as x`).
-            target = self.ix.absolute(self.module, alias.name if alias.asname else local)
-            self.module.imports.setdefault(local, ("module", target))
+            self.walk.imports.setdefault(local, ("import", alias.name if alias.asname else local))
             self.bound.add(local)
 
     def visit_import_from(self, node: ast.ImportFrom) -> None:
         if node.module == "__future__":
             return
-        source = self.ix.import_source(self.module, node)
         for alias in node.names:
             if alias.name == "*":
-                if source is not None:
-                    self.module.stars.append(source)
+                self.walk.stars.append((node.level, node.module or ""))
                 continue
             local = alias.asname or alias.name
             self.bound.add(local)
-            if source is None:
-                self.module.imports.setdefault(local, _EXTERNAL)
-                continue
-            submodule = f"{source}.{alias.name}" if source else alias.name
-            if self.ix.is_module(submodule):
-                self.module.imports.setdefault(local, ("module", submodule))
-            else:
-                self.module.imports.setdefault(local, ("from", source, alias.name))
-                self.chains[(_FROM, (source, alias.name), ())] += 1
+            self.walk.imports.setdefault(local, ("from", node.level, node.module or "", alias.name))
+            self.chains[(_FROM, (node.level, node.module or "", alias.name), ())] += 1
+
+    def visit_return(self, node: ast.Return) -> None:
+        if node.value is not None:
+            self.visit(node.value)
+        if self.returns is not None:
+            self.returns.add(self.returned(node.value))
+
+    def returned(self, value: ast.expr | None) -> tuple | None:
+        """The chain key of what a return statement gives, `_Returns.SKIP`
+        when it says nothing of the type, or None when it cannot be placed."""
+        if (
+            value is None
+            or isinstance(value, ast.Subscript)
+            or (isinstance(value, ast.Constant) and value.value is None)
+        ):
+            return _Returns.SKIP
+        if isinstance(value, ast.Name):
+            if value.id in self.returns.params:
+                return _Returns.SKIP
+            return next((layer[value.id] for layer in reversed(self.types) if value.id in layer), None)
+        return self.type_key(value, True)
+
+    def visit_yield(self, node: ast.Yield | ast.YieldFrom) -> None:
+        if self.returns is not None:
+            self.returns.generator = True
+        self.generic(node)
 
     def visit_binop(self, node: ast.BinOp) -> None:
         # Long sums (`"a" + "b" + ...`) nest to the left; walk them without recursion.
@@ -678,21 +875,37 @@ class _FileWalker:
 
 
 _DISPATCH = {
-    ast.Name: _FileWalker.visit_name, ast.Attribute: _FileWalker.visit_attribute,
-    ast.FunctionDef: _FileWalker.visit_function, ast.AsyncFunctionDef: _FileWalker.visit_function,
-    ast.ClassDef: _FileWalker.visit_class, ast.Assign: _FileWalker.visit_assign,
-    ast.AnnAssign: _FileWalker.visit_assign, ast.Import: _FileWalker.visit_import,
-    ast.ImportFrom: _FileWalker.visit_import_from, ast.arguments: _FileWalker.visit_arguments,
-    ast.ExceptHandler: _FileWalker.visit_except, ast.BinOp: _FileWalker.visit_binop,
-    ast.MatchAs: _FileWalker.visit_match_name, ast.MatchStar: _FileWalker.visit_match_name,
+    ast.Name: _FileWalker.visit_name,
+    ast.Attribute: _FileWalker.visit_attribute,
+    ast.FunctionDef: _FileWalker.visit_function,
+    ast.AsyncFunctionDef: _FileWalker.visit_function,
+    ast.ClassDef: _FileWalker.visit_class,
+    ast.Assign: _FileWalker.visit_assign,
+    ast.AnnAssign: _FileWalker.visit_assign,
+    ast.Import: _FileWalker.visit_import,
+    ast.ImportFrom: _FileWalker.visit_import_from,
+    ast.arguments: _FileWalker.visit_arguments,
+    ast.ExceptHandler: _FileWalker.visit_except,
+    ast.BinOp: _FileWalker.visit_binop,
+    ast.MatchAs: _FileWalker.visit_match_name,
+    ast.MatchStar: _FileWalker.visit_match_name,
     ast.MatchMapping: _FileWalker.visit_match_name,
+    ast.Return: _FileWalker.visit_return,
+    ast.Yield: _FileWalker.visit_yield,
+    ast.YieldFrom: _FileWalker.visit_yield,
     # Nothing to see below these.
-    ast.Load: None, ast.Store: None, ast.Del: None, ast.Constant: None, ast.Global: None, ast.Nonlocal: None,
+    ast.Load: None,
+    ast.Store: None,
+    ast.Del: None,
+    ast.Constant: None,
+    ast.Global: None,
+    ast.Nonlocal: None,
     ast.Pass: None,
 }
 
 
 # -- the whole tree -----------------------------------------------------------
+
 
 class _Indexer:
     def __init__(self, root: Path, progress, exclude=(), keep=()):
@@ -703,7 +916,9 @@ class _Indexer:
         self.modules: list[_Module] = []
         self.by_module: dict[str, int] = {}
         self.prefixes: set[str] = set()  # dotted names of packages, namespace packages included
-        self.names: dict[str, list[int]] = {}  # short name -> production declarations
+        # Short name -> production declarations: module-level ones, and members of classes.
+        self.top_names: dict[str, list[int]] = {}
+        self.member_names: dict[str, list[int]] = {}
         self.lookups: dict[tuple[str, str], tuple] = {}
         self.refs: Counter = Counter()  # (source module, declaration, resolution) -> count
 
@@ -722,18 +937,46 @@ class _Indexer:
                 return near
         return name
 
-    def import_source(self, module: _Module, node: ast.ImportFrom) -> str | None:
-        """The dotted module a `from ... import` reads from; None when a
-        relative import climbs above the top of the tree's packages."""
-        if not node.level:
-            return self.absolute(module, node.module or "")
+    def import_source(self, module: _Module, level: int, name: str) -> str | None:
+        """The dotted module a `from <level dots><name> import` reads from;
+        None when a relative import climbs above the top of the tree's packages."""
+        if not level:
+            return self.absolute(module, name)
         base = module.package.split(".") if module.package else []
-        if node.level - 1 >= len(base):
+        if level - 1 >= len(base):
             return None
-        base = base[: len(base) - (node.level - 1)]
-        if node.module:
-            base += node.module.split(".")
+        base = base[: len(base) - (level - 1)]
+        if name:
+            base += name.split(".")
         return ".".join(base)
+
+    def linked(self, module: _Module, entry: tuple) -> tuple:
+        """An import entry of a walk, as the module sees it: ("module",
+        dotted), ("from", module, attribute) or _EXTERNAL."""
+        if entry[0] == "import":
+            return ("module", self.absolute(module, entry[1]))
+        _, level, name, attribute = entry
+        source = self.import_source(module, level, name)
+        if source is None:
+            return _EXTERNAL
+        submodule = f"{source}.{attribute}" if source else attribute
+        return ("module", submodule) if self.is_module(submodule) else ("from", source, attribute)
+
+    def join(self, index: int, walk: _Walk) -> None:
+        """Add a file's walk to the tree: its declarations get the tree's
+        indices, its imports are resolved to module names."""
+        module = self.modules[index]
+        first = module.first = len(self.decls)
+        for decl in walk.decls:
+            decl.module = index
+            if decl.members is not None:
+                decl.members = {name: number + first for name, number in decl.members.items()}
+        self.decls += walk.decls
+        module.top = {name: number + first for name, number in walk.top.items()}
+        module.imports = {local: self.linked(module, entry) for local, entry in walk.imports.items()}
+        stars = (self.import_source(module, level, name) for level, name in walk.stars)
+        module.stars = [star for star in stars if star is not None]
+        module.bound, module.chains = walk.bound, walk.chains
 
     def imported(self, entry: tuple, depth: int = 0) -> tuple:
         """What an import entry of a module stands for."""
@@ -838,15 +1081,23 @@ class _Indexer:
         return self.value_of(named[1]) if kind in ("function", "method") else _UNKNOWN
 
     def value_of(self, decl_index: int) -> tuple:
-        """The value of an attribute or a constant, or what a function
-        returns: an instance of the class its type names, _EXTERNAL or _UNKNOWN."""
+        """The value of an attribute, a field, a property or a constant, or
+        what a function returns: an instance of the class its type names,
+        _EXTERNAL or _UNKNOWN."""
         decl = self.decls[decl_index]
-        if decl.type is None:
-            return _UNKNOWN
         if decl.instance is None:
-            decl.instance = _UNKNOWN  # guards against a type defined through itself
-            decl.instance = self.instance_of(decl.module, decl.type)
+            decl.instance = _UNKNOWN  # guards against a value defined through itself
+            if decl.type is not None:
+                decl.instance = self.instance_of(decl.module, decl.type)
+            elif decl.returns is not None:
+                decl.instance = self.returned(decl)
         return decl.instance
+
+    def returned(self, decl: _Decl) -> tuple:
+        """What a function without a return annotation gives: _EXTERNAL when
+        every return that can be placed gives a value from outside the tree."""
+        values = {self.instance_of(decl.module, key) for key in decl.returns}
+        return _EXTERNAL if values == {_EXTERNAL} else _UNKNOWN
 
     # -- references ---------------------------------------------------------
 
@@ -854,8 +1105,9 @@ class _Indexer:
         resolution = "local" if self.decls[target].module == source else "import"
         self.refs[(source, target, resolution)] += weight
 
-    def name_match(self, source: int, name: str, weight: int) -> None:
-        candidates = self.names.get(name)
+    def name_match(self, source: int, name: str, weight: int, pool: dict[str, list[int]]) -> None:
+        """Tie an unresolved name to the production declarations of `pool` that bear it."""
+        candidates = pool.get(name)
         if not candidates or (name.startswith("__") and name.endswith("__")):
             return  # special names (`__init__`, `__name__`) belong to every object
         if len(candidates) == 1:
@@ -870,7 +1122,7 @@ class _Indexer:
         kind, head, attrs = chain
         module = self.modules[index]
         if kind == _SELF:
-            value = ("decl", head)
+            value = ("decl", head + module.first)
         elif kind == _NAME:
             value = self.name_value(module, head)
             if value[0] == "decl":
@@ -878,20 +1130,23 @@ class _Indexer:
                     self.count(index, value[1], weight)
             elif value is _FREE:
                 if weight:
-                    self.name_match(index, head, weight)
+                    self.name_match(index, head, weight, self.top_names)
                 value = _UNKNOWN
         elif kind == _FROM:
-            value = self.lookup(*head)
+            source = self.import_source(module, head[0], head[1])
+            value = _EXTERNAL if source is None else self.lookup(source, head[2])
             if value[0] == "decl" and weight:
                 self.count(index, value[1], weight)
             return value
+        elif kind == _BUILTIN:
+            return _EXTERNAL
         elif kind == _INSTANCE:
             # An instance of the class that `head` names; anything else is
             # an unknown value.  (`head` itself is counted by its own chain.)
             value = self.instance_of(index, head)
         elif kind == _SUPER:
             # `super().name`: the name in the bases of the method's class.
-            bases, outside = self.ancestry(head)
+            bases, outside = self.ancestry(head + module.first)
             value = _EXTERNAL if outside else _UNKNOWN
             for base in bases:
                 found = self.member(base, attrs[0])
@@ -904,7 +1159,7 @@ class _Indexer:
                 if weight:
                     self.count(index, value[1], weight)
             elif value is _UNKNOWN and weight and attrs[0] not in BUILTIN_ATTRIBUTES:
-                self.name_match(index, attrs[0], weight)
+                self.name_match(index, attrs[0], weight, self.member_names)
             attrs = attrs[1:]
         else:
             value = _UNKNOWN
@@ -914,7 +1169,7 @@ class _Indexer:
             if value is _UNKNOWN:
                 # An attribute of an object of unknown type.
                 if weight and attr not in BUILTIN_ATTRIBUTES:
-                    self.name_match(index, attr, weight)
+                    self.name_match(index, attr, weight, self.member_names)
                 continue
             if value[0] == "module":
                 # A name of an indexed module that is no declaration stays
@@ -922,8 +1177,8 @@ class _Indexer:
                 value = self.lookup(value[1], attr)
             else:
                 kind = self.decls[value[1]].kind
-                if kind in ("attribute", "constant"):
-                    value = self.value_of(value[1])  # the attribute's or constant's value
+                if kind in NAME_MATCH_KINDS:
+                    value = self.value_of(value[1])  # the attribute's, property's or constant's value
                     if value is _EXTERNAL:
                         return value
                 elif kind != "class":
@@ -932,14 +1187,14 @@ class _Indexer:
                     value = self.member(value[1], attr)
                 # A member no class body declares is set from outside or dynamically.
                 if value is _UNKNOWN and weight and attr not in BUILTIN_ATTRIBUTES:
-                    self.name_match(index, attr, weight)
+                    self.name_match(index, attr, weight, self.member_names)
             if value[0] == "decl" and weight:
                 self.count(index, value[1], weight)
         return value
 
     # -- running ------------------------------------------------------------
 
-    def run(self, db) -> IndexStats:
+    def run(self, db, previous) -> IndexStats:
         started = time.perf_counter()
         stats = IndexStats()
         if not self.root.is_dir():
@@ -955,47 +1210,20 @@ class _Indexer:
                 last = now
                 print(f"indexing {self.root}: {stage} {done}/{len(files)} files", file=self.progress, flush=True)
 
-        # Module names first, then the dotted paths from the root where they differ
-        # (`src.shop.models` for `shop.models`); the first file of a name wins.
-        for names in ([source.module for source in files], [source.dotted for source in files]):
-            for index, name in enumerate(names):
-                self.by_module.setdefault(name, index)
-                parts = name.split(".")
-                self.prefixes.update(".".join(parts[:n]) for n in range(1, len(parts)))
-        self.modules = [_Module(source) for source in files]
-
-        for index, module in enumerate(self.modules):
-            try:
-                tree = ast.parse((self.root / module.path).read_bytes(), filename=module.path)
-            except (SyntaxError, ValueError, UnicodeDecodeError, RecursionError, MemoryError, OSError):
-                stats.unparsable.append(module.path)
-            else:
-                before = len(self.decls)
-                try:
-                    _FileWalker(self, index, module, tree)
-                except RecursionError:
-                    # Nested too deeply to walk: keep the file, but nothing of it.
-                    del self.decls[before:]
-                    self.modules[index] = _Module(files[index])
-                    stats.unparsable.append(module.path)
+        self.name_modules(files)
+        stored = previous.file_analyses() if previous is not None else {}
+        sources = []  # per file: (size, mtime_ns, problem, analysis)
+        for index, source in enumerate(files):
+            stamp = _stamp(self.root / source.path)
+            problem, analysis, walk = self.walk_of(source, stamp, stored.get(source.path), stats)
+            if problem is not None:
+                stats.unparsable[source.path] = problem
+            self.join(index, walk)
+            sources.append((*stamp, problem, analysis))
             tick("declared", index + 1)
+        self.resolve(lambda done: tick("resolved", done))
+        self.write(db, sources)
 
-        production = [not is_test_path(module.path) for module in self.modules]
-        for decl_index, decl in enumerate(self.decls):
-            if production[decl.module]:
-                self.names.setdefault(decl.name, []).append(decl_index)
-        for index, module in enumerate(self.modules):
-            for chain, weight in module.chains.items():
-                self.follow(index, chain, weight)
-            module.chains = None
-            tick("resolved", index + 1)
-
-        file_ids = db.add_files((module.path, LANGUAGE) for module in self.modules)
-        db.add_resolved_language(LANGUAGE)
-        decl_ids = db.add_symbols(
-            (file_ids[d.module], d.name, d.fqn, d.kind, d.start, d.end, d.exported) for d in self.decls)
-        db.add_references((file_ids[source], decl_ids[target], resolution, n)
-                          for (source, target, resolution), n in self.refs.items())
         by_resolution: Counter = Counter()
         for (_, _, resolution), n in self.refs.items():
             by_resolution[resolution] += n
@@ -1003,20 +1231,105 @@ class _Indexer:
         stats.by_resolution = dict(sorted(by_resolution.items()))
         stats.seconds = time.perf_counter() - started
         if show:
+            unchanged = f" ({stats.reused} unchanged)" if stats.reused else ""
             skipped = f", {len(stats.unparsable)} unparsable" if stats.unparsable else ""
-            print(f"indexed {stats.files} files{skipped}, {stats.declarations} declarations, {stats.references} "
-                  f"references in {stats.seconds:.1f} s", file=self.progress, flush=True)
+            print(
+                f"indexed {stats.files} files{unchanged}{skipped}, {stats.declarations} declarations, "
+                f"{stats.references} references in {stats.seconds:.1f} s",
+                file=self.progress,
+                flush=True,
+            )
         return stats
 
+    def name_modules(self, files: list[_Source]) -> None:
+        """Module names first, then the dotted paths from the root where they
+        differ (`src.shop.models` for `shop.models`); the first file of a name wins."""
+        for names in ([source.module for source in files], [source.dotted for source in files]):
+            for index, name in enumerate(names):
+                self.by_module.setdefault(name, index)
+                parts = name.split(".")
+                self.prefixes.update(".".join(parts[:n]) for n in range(1, len(parts)))
+        self.modules = [_Module(source) for source in files]
 
-def index_tree(root, db, progress=sys.stderr, exclude=(), keep=()) -> IndexStats:
+    def walk_of(
+        self, source: _Source, stamp: tuple[int, int], stored: tuple | None, stats: IndexStats
+    ) -> tuple[str | None, bytes | None, _Walk]:
+        """A file's problem (why it has no declarations), stored analysis and
+        walk: those of the previous index while the file is unchanged, else new."""
+        if stored is not None and tuple(stored[:2]) == stamp:
+            problem, analysis = stored[2], stored[3]
+            walk = _Walk.load(analysis) if analysis is not None else _Walk(source.module)
+            if walk.module == source.module:
+                stats.reused += 1
+                return problem, analysis, walk
+        stats.parsed += 1
+        problem, walk = _analyse(self.root / source.path, source)
+        return problem, None if problem is not None else walk.dump(), walk
+
+    def resolve(self, tick) -> None:
+        """Follow every use chain of every file, counting references."""
+        top = {decl for module in self.modules for decl in module.top.values()}
+        production = [not is_test_path(module.path) for module in self.modules]
+        for decl_index, decl in enumerate(self.decls):
+            if production[decl.module]:
+                pool = self.top_names if decl_index in top else self.member_names
+                pool.setdefault(decl.name, []).append(decl_index)
+        for index, module in enumerate(self.modules):
+            for chain, weight in module.chains.items():
+                self.follow(index, chain, weight)
+            module.chains = None
+            tick(index + 1)
+
+    def write(self, db, sources: list[tuple]) -> None:
+        """Load everything into `db` with one bulk insert per table."""
+        file_ids = db.add_files((module.path, LANGUAGE) for module in self.modules)
+        db.add_sources((file_id, *source) for file_id, source in zip(file_ids, sources, strict=True))
+        db.add_resolved_language(LANGUAGE)
+        decl_ids = db.add_symbols(
+            (file_ids[d.module], d.name, d.fqn, d.kind, d.start, d.end, d.exported) for d in self.decls
+        )
+        db.add_references(
+            (file_ids[source], decl_ids[target], resolution, n) for (source, target, resolution), n in self.refs.items()
+        )
+
+
+def _analyse(path: Path, source: _Source) -> tuple[str | None, _Walk]:
+    """Read, parse and walk one file: (None, its walk), or (why it cannot
+    be, an empty walk)."""
+    try:
+        text = python_source_text(path.read_bytes())
+        return None, _FileWalker(source.module, ast.parse(text, filename=source.path)).walk
+    except OSError as error:
+        problem = f"cannot be read: {error.strerror or error}"
+    except UnicodeDecodeError as error:
+        line = error.object.count(b"\n", 0, error.start) + 1
+        problem = f"not valid {error.encoding.removesuffix('-sig').upper()} (line {line})"
+    except SyntaxError as error:
+        problem = f"syntax error at line {error.lineno}: {error.msg}" if error.lineno else error.msg
+    except ValueError as error:
+        problem = f"cannot be parsed: {error}"
+    except (RecursionError, MemoryError):
+        problem = "nested too deeply to parse"
+    return problem, _Walk(source.module)
+
+
+def tree_stamps(root, exclude=(), keep=()) -> dict[str, tuple[int, int]]:
+    """The size and modification time (in ns) of every file `index_tree`
+    would index, by path: what the index records to tell a changed file."""
+    root = Path(root)
+    return {source.path: _stamp(root / source.path) for source in _python_files(root, exclude, keep)}
+
+
+def index_tree(root, db, progress=sys.stderr, exclude=(), keep=(), previous=None) -> IndexStats:
     """Index every `.py` file under `root` into `db` (a `Database`) and
     return what was indexed.
 
     Paths are relative to `root` with "/" separators.  Files whose relative
     path matches a glob of `exclude` are skipped unless they match one of
-    `keep`.  Progress goes to `progress` (a text stream, or None for quiet)
-    for trees of more than `PROGRESS_MIN_FILES` files.  The tree is analysed
+    `keep`.  `previous`, an earlier index of the same tree made by this
+    indexer, lends the analyses of the files that did not change since.
+    Progress goes to `progress` (a text stream, or None for quiet) for trees
+    of more than `PROGRESS_MIN_FILES` files.  The tree is analysed
     completely before anything is written, then loaded with one bulk insert
     per table (files first: a path the index already holds raises
     `sqlite3.IntegrityError` before anything of this run is stored).
@@ -1027,7 +1340,7 @@ def index_tree(root, db, progress=sys.stderr, exclude=(), keep=()) -> IndexStats
     # end; the cyclic collector would scan them again and again for nothing.
     gc.disable()
     try:
-        return _Indexer(Path(root), progress, exclude, keep).run(db)
+        return _Indexer(Path(root), progress, exclude, keep).run(db, previous)
     finally:
         if collecting:
             gc.enable()

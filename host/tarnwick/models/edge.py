@@ -9,6 +9,10 @@ A reference is tied to its target in one of these ways:
 - ``"legacy"``: recorded by an older indexer that did not say how.
 """
 
+# Resolutions that are evidence of use on their own: an import or a local
+# binding ties the reference to its target.
+EVIDENCE_RESOLUTIONS: frozenset[str] = frozenset({"import", "local"})
+
 # Resolutions good enough to count a reference as a use of its target.  A
 # unique name match is trusted; an ambiguous one is only a name collision, and
 # legacy edges carry no information about how they were resolved.

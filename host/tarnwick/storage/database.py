@@ -2,7 +2,7 @@
 the indexer knows about a repository.
 
 Opening a ``Database`` creates the schema below when it is absent (``PRAGMA
-user_version`` is then 1); reopening an existing index leaves its rows alone.
+user_version`` is then 2); reopening an existing index leaves its rows alone.
 
 ``files``
     ``id`` INTEGER PRIMARY KEY;
@@ -33,6 +33,21 @@ user_version`` is then 1); reopening an existing index leaves its rows alone.
     ``language`` TEXT PRIMARY KEY: a language whose imports the indexer
     resolves, so that its "import" references are reliable.
 
+``sources``
+    ``file_id`` INTEGER PRIMARY KEY, references ``files(id)``: what the
+    indexer saw of a file, to notice later that it changed;
+    ``size`` INTEGER, ``mtime_ns`` INTEGER: its size in bytes and its
+    modification time in nanoseconds when it was indexed;
+    ``problem`` TEXT: why it yielded no declarations (it could not be read,
+    decoded or parsed), NULL when it did;
+    ``analysis`` BLOB: the indexer's own record of the file, reused while
+    the file is unchanged; opaque to everyone else.
+
+``index_info``
+    ``key`` TEXT PRIMARY KEY, ``value`` TEXT: facts about the index as a
+    whole (the tree it was made from, with which settings, whether it is
+    complete), written by whoever builds it.
+
 Rows are loaded with the ``add_*`` methods; the bulk forms take iterables and
 insert with one ``executemany`` per call.  Readers go through ``query``, which
 counts the statements it runs in ``query_count``.
@@ -44,9 +59,10 @@ import json
 import os
 import sqlite3
 from collections.abc import Iterable, Sequence
+from pathlib import Path
 from typing import Any
 
-SCHEMA_VERSION = 1
+SCHEMA_VERSION = 2
 
 _SCHEMA = """
 CREATE TABLE IF NOT EXISTS files (
@@ -77,6 +93,17 @@ CREATE INDEX IF NOT EXISTS refs_by_source ON refs(source_file_id);
 CREATE TABLE IF NOT EXISTS resolved_languages (
     language TEXT PRIMARY KEY
 );
+CREATE TABLE IF NOT EXISTS sources (
+    file_id  INTEGER PRIMARY KEY REFERENCES files(id),
+    size     INTEGER NOT NULL,
+    mtime_ns INTEGER NOT NULL,
+    problem  TEXT,
+    analysis BLOB
+);
+CREATE TABLE IF NOT EXISTS index_info (
+    key   TEXT PRIMARY KEY,
+    value TEXT NOT NULL
+);
 """
 
 # A file given to the loaders either by its path or by its id.
@@ -88,19 +115,30 @@ class Database:
 
     ``Database()`` or ``Database(":memory:")`` gives a fresh in-memory index;
     any other path opens that file, creating it and its schema if needed.
-    The handle is a context manager that closes the connection on exit.
+    With ``readonly`` the file must exist and is neither changed nor given
+    a schema.  Without ``journal`` SQLite keeps no rollback journal and
+    does not wait for the disk: for a file that is built once and moved
+    into place only when complete.  The handle is a context manager that
+    closes the connection on exit.
     """
 
-    def __init__(self, path: str | os.PathLike[str] = ":memory:") -> None:
+    def __init__(self, path: str | os.PathLike[str] = ":memory:", readonly: bool = False, journal: bool = True) -> None:
         self.path = os.fspath(path)
-        self.connection = sqlite3.connect(self.path)
+        if readonly:
+            self.connection = sqlite3.connect(f"{Path(self.path).absolute().as_uri()}?mode=ro", uri=True)
+        else:
+            self.connection = sqlite3.connect(self.path)
+        if not journal:
+            self.connection.execute("PRAGMA journal_mode = OFF")
+            self.connection.execute("PRAGMA synchronous = OFF")
         # Loading a reference to a declaration that does not exist is a bug in
         # whatever fills the index; let SQLite refuse it.
         self.connection.execute("PRAGMA foreign_keys = ON")
-        with self.connection:
-            self.connection.executescript(_SCHEMA)
-            if self.connection.execute("PRAGMA user_version").fetchone()[0] == 0:
-                self.connection.execute(f"PRAGMA user_version = {SCHEMA_VERSION}")
+        if not readonly:
+            with self.connection:
+                self.connection.executescript(_SCHEMA)
+                if self.connection.execute("PRAGMA user_version").fetchone()[0] == 0:
+                    self.connection.execute(f"PRAGMA user_version = {SCHEMA_VERSION}")
         # Number of statements run through ``query``; loading does not count.
         self.query_count = 0
 
@@ -134,9 +172,7 @@ class Database:
         with self.connection:
             first = self._next_id("files")
             params = [(first + i, path, language) for i, (path, language) in enumerate(rows)]
-            self.connection.executemany(
-                "INSERT INTO files (id, path, language) VALUES (?, ?, ?)", params
-            )
+            self.connection.executemany("INSERT INTO files (id, path, language) VALUES (?, ?, ?)", params)
         return [row[0] for row in params]
 
     def add_symbol(
@@ -163,8 +199,7 @@ class Database:
         for row in rows:
             if len(row) not in (6, 7):
                 raise ValueError(
-                    "a declaration is (file, name, fqn, kind, start_line, end_line[, exported]),"
-                    f" got {row!r}"
+                    f"a declaration is (file, name, fqn, kind, start_line, end_line[, exported]), got {row!r}"
                 )
         file_ids = self._file_ids(row[0] for row in rows)
         with self.connection:
@@ -190,9 +225,7 @@ class Database:
             )
         return [row[0] for row in params]
 
-    def add_reference(
-        self, source: FileRef, target_id: int, resolution: str, count: int = 1
-    ) -> None:
+    def add_reference(self, source: FileRef, target_id: int, resolution: str, count: int = 1) -> None:
         """Record ``count`` references from ``source`` (a path or a file id) to a declaration."""
         self.add_references([(source, target_id, resolution, count)])
 
@@ -205,18 +238,31 @@ class Database:
         rows = [tuple(row) for row in references]
         for row in rows:
             if len(row) not in (3, 4):
-                raise ValueError(
-                    f"a reference is (source, target_id, resolution[, count]), got {row!r}"
-                )
+                raise ValueError(f"a reference is (source, target_id, resolution[, count]), got {row!r}")
         file_ids = self._file_ids(row[0] for row in rows)
-        params = [
-            (file_ids[row[0]], row[1], row[2], row[3] if len(row) == 4 else 1) for row in rows
-        ]
+        params = [(file_ids[row[0]], row[1], row[2], row[3] if len(row) == 4 else 1) for row in rows]
         with self.connection:
             self.connection.executemany(
-                "INSERT INTO refs (source_file_id, target_id, resolution, count)"
-                " VALUES (?, ?, ?, ?)",
+                "INSERT INTO refs (source_file_id, target_id, resolution, count) VALUES (?, ?, ?, ?)",
                 params,
+            )
+
+    def add_sources(self, sources: Iterable[Sequence[Any]]) -> None:
+        """Record what the indexer saw of files, each
+        ``(file, size, mtime_ns, problem, analysis)``."""
+        rows = [tuple(row) for row in sources]
+        file_ids = self._file_ids(row[0] for row in rows)
+        with self.connection:
+            self.connection.executemany(
+                "INSERT INTO sources (file_id, size, mtime_ns, problem, analysis) VALUES (?, ?, ?, ?, ?)",
+                [(file_ids[row[0]], *row[1:]) for row in rows],
+            )
+
+    def set_info(self, info: dict[str, str]) -> None:
+        """Set facts about the index as a whole; a key set before is replaced."""
+        with self.connection:
+            self.connection.executemany(
+                "INSERT OR REPLACE INTO index_info (key, value) VALUES (?, ?)", list(info.items())
             )
 
     def add_resolved_language(self, language: str) -> None:
@@ -230,6 +276,30 @@ class Database:
                 "INSERT OR IGNORE INTO resolved_languages (language) VALUES (?)",
                 [(language,) for language in languages],
             )
+
+    # -- what the indexer keeps -------------------------------------------
+
+    def info(self) -> dict[str, str]:
+        """The facts about the index as a whole (empty for an index made
+        before they were kept)."""
+        if not self._has_table("index_info"):
+            return {}
+        return dict(self.connection.execute("SELECT key, value FROM index_info"))
+
+    def file_stamps(self) -> dict[str, tuple[int, int]]:
+        """(size, mtime_ns) of every file the indexer saw, by path."""
+        rows = self.connection.execute(
+            "SELECT f.path, s.size, s.mtime_ns FROM sources AS s JOIN files AS f ON f.id = s.file_id"
+        )
+        return {path: (size, mtime_ns) for path, size, mtime_ns in rows}
+
+    def file_analyses(self) -> dict[str, tuple[int, int, str | None, bytes | None]]:
+        """(size, mtime_ns, problem, analysis) of every file the indexer saw, by path."""
+        rows = self.connection.execute(
+            "SELECT f.path, s.size, s.mtime_ns, s.problem, s.analysis"
+            " FROM sources AS s JOIN files AS f ON f.id = s.file_id"
+        )
+        return {row[0]: row[1:] for row in rows}
 
     # -- lifecycle ---------------------------------------------------------
 
@@ -247,6 +317,11 @@ class Database:
         return f"Database({self.path!r})"
 
     # -- internals ---------------------------------------------------------
+
+    def _has_table(self, name: str) -> bool:
+        return bool(
+            self.connection.execute("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?", (name,)).fetchone()
+        )
 
     def _next_id(self, table: str) -> int:
         # Ids are assigned here rather than by SQLite so that the bulk

@@ -2,95 +2,165 @@
 
     python3 -m tarnwick.tools.ground [PAGE ...] [--tree DIR] [--index FILE]
 
-The tree is indexed into a SQLite file (reused when it exists; --reindex
-builds it again), then the whole grounding pass runs through the module
-`scope`: load the page's facts from the index and the checkout, count the
-production fan-in, render the file cards and the consumers section, rank the
-declarations, choose a quota of declaration blocks, seed each file, and list
-the page's neighbours and name-match counts. The time the module's calls took
-closes the document.
+The tree is indexed into a SQLite file, which every later run first brings
+up to date (files changed, added or removed since are indexed again; see
+`tarnwick.indexer.index_file`). Then the whole grounding pass runs through
+the module `scope`: load the page's facts from the index and the checkout,
+count the production fan-in, render the file cards and the consumers
+section, rank the declarations, choose a quota of declaration blocks, seed
+each file, and list the page's neighbours and name-match counts. The time
+the module's calls took closes the document.
 
-PAGE arguments are repository-relative paths or glob patterns ("email/*.py").
-With no arguments the tool grounds a page of the `email` package of this
-interpreter's own standard library.
+PAGE arguments are paths or glob patterns ("email/*.py") relative to the
+tree. With no arguments the tool grounds a page of the `email` package of
+this interpreter's own standard library.
 """
 
 from __future__ import annotations
 
 import argparse
 import fnmatch
+import hashlib
 import os
-import sqlite3
 import sys
+import textwrap
 import time
 from pathlib import Path
+
+from tarnwick.indexer.index_file import IndexFileError, IndexingInterrupted, TreeSettings, current_index, printable
 
 DEFAULT_PAGE = ["email/parser.py", "email/feedparser.py", "email/message.py", "email/header.py"]
 # The standard library without its test suite (but for the email tests) and
 # without a few large packages that never touch email, to index in seconds.
 DEFAULT_EXCLUDE = ["test/*", "idlelib/*", "tkinter/*", "lib2to3/*", "turtledemo/*", "ensurepip/*", "pydoc_data/*"]
 DEFAULT_KEEP = ["test/test_email/*"]
-REPO_ROOT = Path(__file__).resolve().parents[3]
+# The module takes counts as signed 64-bit integers.
+LARGEST_COUNT = 2**63 - 1
+PYTHON = f"py{sys.version_info.major}{sys.version_info.minor}"
+
+EPILOG = [
+    "Page paths are relative to the tree and may be glob patterns ('email/*.py'). Without any, the page is "
+    f"{', '.join(DEFAULT_PAGE)} of the standard library.",
+    f"The index of a tree is {{home}}/<tree name>-<hash of its path>-{PYTHON}.sqlite unless --index names "
+    "another file. Each run first brings it up to date: files changed, added or removed since are indexed again.",
+]
 
 
 class GroundError(Exception):
-    """A problem with the user's input, reported as one line."""
+    """A problem with the user's input or the index, reported as one line."""
+
+
+class _Parser(argparse.ArgumentParser):
+    def error(self, message: str):
+        """Report a bad argument in one line, with argparse's exit status 2."""
+        self.exit(2, f"{self.prog}: error: {message} (see --help)\n")
 
 
 def default_tree() -> Path:
     return Path(os.__file__).resolve().parent
 
 
+def index_home() -> Path:
+    """Where indexes live: build/demo/ of the checkout this tool runs from,
+    else the user's cache directory."""
+    checkout = Path(__file__).resolve().parent.parent.parent.parent  # host/tarnwick/tools/ground.py
+    if (checkout / "host" / "tarnwick").is_dir():
+        return checkout / "build" / "demo"
+    return Path(os.environ.get("XDG_CACHE_HOME") or Path.home() / ".cache") / "tarnwick"
+
+
 def default_index(tree: Path) -> Path:
-    version = f"{sys.version_info.major}{sys.version_info.minor}"
-    name = "stdlib" if tree == default_tree() else tree.name or "tree"
-    return REPO_ROOT / "build" / "demo" / f"{name}-py{version}.sqlite"
+    """The index of `tree` (resolved): a readable name and a hash of its path, so that
+    trees whose last folders share a name get indexes of their own."""
+    digest = hashlib.sha256(os.fsencode(tree)).hexdigest()[:12]
+    name = "stdlib" if tree == default_tree() else tree.name or "root"
+    return index_home() / f"{name}-{digest}-{PYTHON}.sqlite"
+
+
+def _count(text: str) -> int:
+    try:
+        value = int(text)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"not a whole number: {text!r}") from None
+    if not 0 <= value <= LARGEST_COUNT:
+        raise argparse.ArgumentTypeError(f"must be from 0 to {LARGEST_COUNT}, not {text}")
+    return value
+
+
+def _share(text: str) -> float:
+    try:
+        value = float(text)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"not a number: {text!r}") from None
+    if not 0.0 <= value <= 1.0:  # false for NaN too
+        raise argparse.ArgumentTypeError(f"must be a number from 0 to 1, not {text}")
+    return value
+
+
+def _parser() -> _Parser:
+    epilog = "\n\n".join(
+        textwrap.fill(
+            paragraph.format(home=printable(index_home())), 79, break_long_words=False, break_on_hyphens=False
+        )
+        for paragraph in EPILOG
+    )
+    parser = _Parser(
+        prog="ground",
+        description=__doc__.split("\n\n")[0],
+        epilog=epilog,
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+    )
+    parser.add_argument("page", nargs="*", help="paths or glob patterns of the page's files, relative to the tree")
+    parser.add_argument("--tree", type=Path, help="root of the source tree (default: the standard library)")
+    parser.add_argument("--index", type=Path, help="index file (default: see below)")
+    parser.add_argument("--reindex", action="store_true", help="index the whole tree again, reusing nothing")
+    parser.add_argument(
+        "--exclude",
+        action="append",
+        metavar="GLOB",
+        help="leave matching files out of the index (default for the standard library: its "
+        "tests and a few large unrelated packages)",
+    )
+    parser.add_argument("--keep", action="append", metavar="GLOB", help="index matching files even if excluded")
+    parser.add_argument("--total", type=_count, default=24, help="declaration blocks to select (default 24)")
+    parser.add_argument("--floor", type=_count, default=2, help="blocks each file gets first (default 2)")
+    parser.add_argument(
+        "--max-share", type=_share, default=0.4, help="largest share of one file, from 0 to 1 (default 0.4)"
+    )
+    parser.add_argument("--neighbours", type=_count, default=12, help="neighbours to list (default 12)")
+    return parser
 
 
 def parse_args(argv: list[str]) -> argparse.Namespace:
-    parser = argparse.ArgumentParser(prog="ground", description=__doc__.split("\n\n")[0])
-    parser.add_argument("page", nargs="*", help="paths or glob patterns of the page's files")
-    parser.add_argument("--tree", type=Path, help="root of the source tree (default: the standard library)")
-    parser.add_argument("--index", type=Path, help="index file (default: under build/demo/)")
-    parser.add_argument("--reindex", action="store_true", help="index the tree again even if the index exists")
-    parser.add_argument("--exclude", action="append", metavar="GLOB",
-                        help="leave matching files out of the index (default for the standard library: its "
-                             "tests and a few large unrelated packages)")
-    parser.add_argument("--keep", action="append", metavar="GLOB", help="index matching files even if excluded")
-    parser.add_argument("--total", type=int, default=24, help="declaration blocks to select (default 24)")
-    parser.add_argument("--floor", type=int, default=2, help="blocks each file gets first (default 2)")
-    parser.add_argument("--max-share", type=float, default=0.4, help="largest share of one file (default 0.4)")
-    parser.add_argument("--neighbours", type=int, default=12, help="neighbours to list (default 12)")
-    return parser.parse_args(argv)
+    """The arguments, with `tree` resolved; a bad one exits with status 2."""
+    parser = _parser()
+    args = parser.parse_args(argv)
+    tree = (args.tree or default_tree()).resolve()
+    if not tree.is_dir():
+        parser.error(f"argument --tree: no such directory: {printable(args.tree)}")
+    for page in args.page:
+        if os.path.isabs(page):
+            inside = os.path.relpath(page, tree)
+            hint = f"; write {inside!r}" if not inside.startswith("..") else ""
+            parser.error(f"page paths are relative to the tree {printable(tree)}: {page!r} is absolute{hint}")
+    args.tree = tree
+    return args
 
 
 def open_index(args: argparse.Namespace):
-    from tarnwick.indexer import index_tree
-    from tarnwick.storage.database import Database
-
-    tree = (args.tree or default_tree()).resolve()
-    if not tree.is_dir():
-        raise GroundError(f"no such directory: {args.tree}")
-    index = args.index or default_index(tree)
-    if index.exists() and not args.reindex:
-        try:
-            db = Database(str(index))
-            db.query("SELECT count(*) FROM files")
-        except sqlite3.DatabaseError as error:
-            raise GroundError(f"cannot read the index {index}: {error}") from None
-        return tree, db
+    """The current index of the tree; the standard library has its own default exclusions."""
+    stdlib = args.tree == default_tree()
+    exclude = args.exclude if args.exclude is not None else (DEFAULT_EXCLUDE if stdlib else [])
+    keep = args.keep if args.keep is not None else (DEFAULT_KEEP if stdlib else [])
+    settings = TreeSettings(args.tree, tuple(exclude), tuple(keep))
     try:
-        index.parent.mkdir(parents=True, exist_ok=True)
-        if index.exists():
-            index.unlink()
-        db = Database(str(index))
-    except (OSError, sqlite3.DatabaseError) as error:
-        raise GroundError(f"cannot write the index {index}: {error}") from None
-    default = args.tree is None
-    exclude = args.exclude if args.exclude is not None else (DEFAULT_EXCLUDE if default else [])
-    keep = args.keep if args.keep is not None else (DEFAULT_KEEP if default else [])
-    index_tree(str(tree), db, sys.stderr, exclude, keep)
-    return tree, db
+        return current_index(args.index or default_index(args.tree), settings, args.reindex, _say)
+    except IndexFileError as error:
+        raise GroundError(str(error)) from None
+
+
+def _say(message: str) -> None:
+    print(f"ground: {message}", file=sys.stderr, flush=True)
 
 
 def page_paths(db, patterns: list[str]) -> list[str]:
@@ -106,6 +176,10 @@ def page_paths(db, patterns: list[str]) -> list[str]:
     return chosen
 
 
+def plural(count: int, word: str) -> str:
+    return f"{count} {word}" if count == 1 else f"{count} {word}s"
+
+
 class Timer:
     """Sums the time spent in the module's calls."""
 
@@ -119,14 +193,25 @@ class Timer:
         return result
 
 
+NEIGHBOURS_NOTE = (
+    "Declarations in other production files that this page's files reference most; every edge counts "
+    "but a name match to an attribute, a field, a property or a constant."
+)
+NAME_MATCHES_NOTE = (
+    "Pairs of files joined by `unique` references to an attribute, a field, a property or a constant: "
+    "the name matches one declaration, but no import or local binding ties the reference to it, so "
+    "these edges are not dependencies."
+)
+
+
 def ground(args: argparse.Namespace) -> str:
     import scope
     from tarnwick.workers.wiki.checkout import checkout_reader
 
-    tree, db = open_index(args)
-    paths = page_paths(db, args.page or DEFAULT_PAGE)
-    timer = Timer()
-    facts = timer(scope.load_scope_facts, db, paths, checkout_reader(str(tree)))
+    with open_index(args) as db:
+        paths = page_paths(db, args.page or DEFAULT_PAGE)
+        timer = Timer()
+        facts = timer(scope.load_scope_facts, db, paths, checkout_reader(args.tree))
     missing = [path for path in paths if path not in facts.paths]
     fan_in = timer(scope.production_fan_in, facts)
     cards = timer(scope.render_file_cards, facts, fan_in, "## Files", missing)
@@ -137,17 +222,21 @@ def ground(args: argparse.Namespace) -> str:
     closest = timer(scope.neighbours, facts, args.neighbours)
     name_matches = timer(scope.name_match_counts, facts)
 
-    out = [f"# Grounding of {len(paths)} files in `{tree}`", "", cards, consumers]
-    out += ["## Declaration blocks", "",
-            f"{len(blocks)} of {len(facts.symbols)} declarations (total {args.total}, floor {args.floor}, "
-            f"max share {args.max_share}), every file's best first:", ""]
+    out = [f"# Grounding of {plural(len(paths), 'file')} in `{printable(args.tree)}`", "", cards, consumers]
+    out += [
+        "## Declaration blocks",
+        "",
+        f"{len(blocks)} of {plural(len(facts.symbols), 'declaration')} (total {args.total}, floor {args.floor}, "
+        f"max share {args.max_share}), every file's best first:",
+        "",
+    ]
     out += [f"- `{s.name}` ({s.kind}, `{s.path}:L{s.start_line}-{s.end_line}`)" for s in blocks]
     out += ["", "## Seeds", ""]
     out += [f"- `{path}`: lines {start}-{end}" for path, (start, end) in seeds.items()]
-    out += ["", "## Neighbours", ""]
-    out += [f"- `{s.fqn}` (`{s.path}`, {s.kind}): {count} refs" for s, count in closest] or ["None."]
-    out += ["", "## Name matches", ""]
-    out += [f"- `{source}` -> `{target}`: {count} refs" for (source, target), count in name_matches.items()]
+    out += ["", "## Neighbours", "", NEIGHBOURS_NOTE, ""]
+    out += [f"- `{s.fqn}` (`{s.path}`, {s.kind}): {plural(count, 'ref')}" for s, count in closest] or ["None."]
+    out += ["", "## Name matches", "", NAME_MATCHES_NOTE, ""]
+    out += [f"- `{source}` -> `{target}`: {plural(count, 'ref')}" for (source, target), count in name_matches.items()]
     if not name_matches:
         out.append("None.")
     total = sum(timer.spent.values())
@@ -157,17 +246,22 @@ def ground(args: argparse.Namespace) -> str:
 
 
 def main(argv: list[str] | None = None) -> int:
-    args = parse_args(sys.argv[1:] if argv is None else argv)
     try:
+        args = parse_args(sys.argv[1:] if argv is None else argv)
         sys.stdout.write(ground(args))
+    except SystemExit as done:  # --help, or a bad argument
+        return done.code
     except GroundError as error:
-        print(f"ground: error: {error}", file=sys.stderr)
+        _say(f"error: {error}")
         return 1
     except ImportError as error:
-        print(f"ground: error: cannot import {error.name}: is the module built and host/ on the path?",
-              file=sys.stderr)
+        _say(f"error: cannot import {error.name}: is the module built and host/ on the path?")
         return 1
+    except IndexingInterrupted as error:
+        _say(str(error))
+        return 130
     except KeyboardInterrupt:
+        _say("interrupted")
         return 130
     return 0
 

@@ -6,14 +6,18 @@ import os
 from collections.abc import Callable
 from pathlib import Path, PurePosixPath
 
+from tarnwick.utils.source_text import PYTHON_SUFFIXES, python_source_text
+
 
 def checkout_reader(root: str | os.PathLike[str]) -> Callable[[str], list[str] | None]:
     """Return ``read_lines(path)``: the lines of ``root/path``, or None.
 
     ``path`` is repository-relative with "/" separators.  The lines are those
-    of ``str.splitlines()`` (no line ends); a UTF-8 byte order mark is
-    dropped.  None stands for a file that cannot be read as text: missing, a
-    directory, not permitted, not valid UTF-8, or a path that is absolute or
+    of ``str.splitlines()`` (no line ends).  Python sources are decoded as
+    Python does (a coding line such as ``# -*- coding: latin-1 -*-`` is
+    honoured), other files as UTF-8; a UTF-8 byte order mark is dropped.
+    None stands for a file that cannot be read as text: missing, a directory,
+    not permitted, not valid in its encoding, or a path that is absolute or
     climbs out of the checkout with "..".  Those cases never raise.
     """
     base = Path(root)
@@ -23,9 +27,11 @@ def checkout_reader(root: str | os.PathLike[str]) -> Callable[[str], list[str] |
         if relative.is_absolute() or ".." in relative.parts:
             return None
         try:
-            text = (base / relative).read_bytes().decode("utf-8-sig")
-        except (OSError, UnicodeDecodeError, ValueError):
-            # ValueError covers paths the OS cannot even express (a NUL byte).
+            data = (base / relative).read_bytes()
+            text = python_source_text(data) if path.endswith(PYTHON_SUFFIXES) else data.decode("utf-8-sig")
+        except (OSError, UnicodeDecodeError, SyntaxError, ValueError):
+            # ValueError covers paths the OS cannot even express (a NUL byte);
+            # SyntaxError a coding line that names no known encoding.
             return None
         return text.splitlines()
 

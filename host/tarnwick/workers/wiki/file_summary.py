@@ -5,10 +5,6 @@ from __future__ import annotations
 import re
 from collections.abc import Iterable
 
-# PEP 263 encoding declarations and editor modelines: they open many files
-# but say nothing about them.
-_PRAGMA = re.compile(r"^\s*(?:#|//|--|/\*).*(?:coding[:=]|-\*-.*-\*-|\bvim?:)")
-
 # A Python docstring opening: optional r/u prefix, then a triple quote.
 _DOCSTRING = re.compile(r"""^\s*[rRuU]?(\"\"\"|''')""")
 
@@ -19,6 +15,26 @@ _HASH_COMMENT = re.compile(r"^\s*#(?:#|\s|$)")
 # Lines without a single letter or digit (blank, "----", "****") separate
 # paragraphs.
 _WORD = re.compile(r"\w")
+
+# Comment lines meant for tools, not readers: encoding declarations, editor
+# modelines, type checkers' and linters' directives.
+_PRAGMA = re.compile(
+    r"""^\s*(?: -\*- | (?:file)?(?:en)?coding[:=] | .*\bvim?: | noqa\b | nosec\b | SPDX-License-Identifier:
+              | (?:mypy|type|pylint|pyright|flake8|ruff|isort|fmt|pragma)\s*: )""",
+    re.VERBOSE | re.IGNORECASE,
+)
+
+# Paragraphs of licence and copyright headers, and of authorship fields.
+_LICENCE = re.compile(
+    r"""\bcopyright\b | © | \(c\)\s*\d | ^\s*(?:author|contact|maintainer|created|date|version)s?\s*:
+        | \blicen[cs]ed\s+(?:under|to)\b | \ball\s+rights\s+reserved\b
+        | \bpermission\s+is\s+hereby\s+granted\b | \bfree\s+software\b | \bwithout\s+(?:any\s+)?warrant(?:y|ies)\b""",
+    re.VERBOSE | re.IGNORECASE,
+)
+
+# The end of a sentence: ".", "!" or "?" before white space, but not after
+# "e.g." or "i.e.".
+_SENTENCE_END = re.compile(r"(?<!\be\.g\.)(?<!\bi\.e\.)(?<=[.!?])\s")
 
 
 def _as_text(line: object) -> str:
@@ -33,14 +49,21 @@ def _as_text(line: object) -> str:
     return text.rstrip("\r\n")
 
 
-def _first_paragraph(lines: Iterable[str]) -> str:
-    words: list[str] = []
+def _paragraphs(lines: Iterable[str]) -> list[list[str]]:
+    """The runs of lines that hold a letter or a digit."""
+    found: list[list[str]] = [[]]
     for line in lines:
         if _WORD.search(line):
-            words.extend(line.split())
-        elif words:
-            break
-    return " ".join(words)
+            found[-1].append(line)
+        elif found[-1]:
+            found.append([])
+    return [paragraph for paragraph in found if paragraph]
+
+
+def _first_sentence(paragraph: list[str]) -> str:
+    text = " ".join(" ".join(paragraph).split())
+    end = _SENTENCE_END.search(text)
+    return text[: end.start()] if end else text
 
 
 def _docstring(lines: list[str], start: int, quote: str, body: str) -> list[str]:
@@ -57,8 +80,8 @@ def _docstring(lines: list[str], start: int, quote: str, body: str) -> list[str]
     return text
 
 
-def _block_comment(lines: list[str], start: int) -> list[str]:
-    """The text lines of the ``/* ... */`` comment opening on line ``start``."""
+def _block_comment(lines: list[str], start: int) -> tuple[list[str], int]:
+    """The text lines of the ``/* ... */`` comment opening on line ``start``, and the line after it."""
     text = []
     for index in range(start, len(lines)):
         line = lines[index].strip()
@@ -69,53 +92,73 @@ def _block_comment(lines: list[str], start: int) -> list[str]:
         end = line.find("*/")
         if end >= 0:
             text.append(line[:end])
-            break
+            return text, index + 1
         text.append(line)
-    return text
+    return text, len(lines)
 
 
-def _line_comments(lines: list[str], start: int, prefix: str) -> list[str]:
-    """The text of the run of ``prefix`` comment lines that begins on line ``start``."""
-    text = []
-    for line in lines[start:]:
-        if prefix == "#":
-            if not _HASH_COMMENT.match(line):
-                break
-        elif not line.lstrip().startswith(prefix):
-            break
-        body = line.lstrip().lstrip(prefix[0])
-        if prefix == "//":
-            body = body.removeprefix("!")  # Rust inner doc comments: //!
-        text.append(body)
-    return text
-
-
-def _comment(lines: list[str], start: int) -> list[str]:
-    if start >= len(lines):
-        return []
-    head = lines[start].lstrip()
-    if head.startswith("/*"):
-        return _block_comment(lines, start)
-    if head.startswith("//"):
-        return _line_comments(lines, start, "//")
-    if head.startswith("--"):
-        return _line_comments(lines, start, "--")
+def _line_comment_body(line: str) -> str | None:
+    """The text of a ``#``, ``//`` or ``--`` comment line, or None for any other line."""
+    head = line.lstrip()
     if _HASH_COMMENT.match(head):
-        return _line_comments(lines, start, "#")
-    return []
+        return head.lstrip("#")
+    if head.startswith("//"):
+        return head[2:].removeprefix("/").removeprefix("!")  # doc comments: ///, //!
+    if head.startswith("--"):
+        return head[2:]
+    return None
+
+
+def _header_comments(lines: list[str], start: int) -> list[list[str]]:
+    """The comment blocks that open the file, up to its first line of code,
+    each as its text lines; a blank line ends a block."""
+    blocks: list[list[str]] = [[]]
+    index = start
+    while index < len(lines):
+        line = lines[index]
+        if line.lstrip().startswith("/*"):
+            text, index = _block_comment(lines, index)
+            blocks += [text, []]
+            continue
+        body = _line_comment_body(line)
+        if body is not None:
+            blocks[-1].append(body)
+        elif line.strip():
+            break
+        elif blocks[-1]:
+            blocks.append([])
+        index += 1
+    return [block for block in blocks if block]
+
+
+def _prose(block: list[str]) -> str:
+    """The first sentence of the block's first paragraph that is written for
+    a reader.  Tool directives that open a paragraph are dropped, and a
+    paragraph that still holds one (a note about the directive) is skipped;
+    a licence or copyright paragraph ends the block: the rest is licence text."""
+    for paragraph in _paragraphs(block):
+        while paragraph and _PRAGMA.match(paragraph[0]):
+            paragraph = paragraph[1:]
+        if _LICENCE.search(" ".join(paragraph)):
+            return ""
+        if paragraph and not any(_PRAGMA.match(line) for line in paragraph):
+            return _first_sentence(paragraph)
+    return ""
 
 
 def file_summary(lines: Iterable[str]) -> str:
-    """The first paragraph of the file's own statement of purpose, as one line.
+    """The first sentence of the file's own statement of purpose, as one line.
 
     That statement is the module docstring (a triple-quoted string that opens
     the file, possibly after a shebang, blank lines and comments) or, failing
-    that, the comment block that opens the file (``#``, ``//``, ``/* */`` or
-    ``--`` style).  Shebangs, encoding declarations and editor modelines are
-    skipped.  The paragraph ends at the first line without a letter or digit;
-    its words are joined with single spaces.  Returns "" when the file opens
-    with neither, and never raises on odd input such as no lines or an
-    unterminated docstring.
+    that, the first comment in the file's header (``#``, ``//``, ``/* */`` or
+    ``--`` style, before its first line of code) that is prose: shebangs,
+    encoding declarations, editor modelines, tool directives (``mypy:``,
+    ``noqa``, ``pylint:``, ...) and licence or copyright headers are
+    skipped.  A paragraph ends at the first line without a letter or digit,
+    a sentence at ".", "!" or "?" before white space; words are joined with
+    single spaces.  Returns "" when the file has neither, and never raises
+    on odd input such as no lines or an unterminated docstring.
     """
     if lines is None:
         return ""
@@ -125,10 +168,7 @@ def file_summary(lines: Iterable[str]) -> str:
     if not text:
         return ""
     text[0] = text[0].removeprefix("\ufeff")
-
     start = 1 if text[0].startswith("#!") else 0
-    while start < len(text) and (not text[start].strip() or _PRAGMA.match(text[start])):
-        start += 1
 
     # A docstring wins over the comments before it (licence headers, notes).
     index = start
@@ -137,7 +177,12 @@ def file_summary(lines: Iterable[str]) -> str:
     if index < len(text):
         opening = _DOCSTRING.match(text[index])
         if opening:
-            body = text[index][opening.end() :]
-            return _first_paragraph(_docstring(text, index, opening.group(1), body))
+            summary = _prose(_docstring(text, index, opening.group(1), text[index][opening.end() :]))
+            if summary:
+                return summary
 
-    return _first_paragraph(_comment(text, start))
+    for block in _header_comments(text, start):
+        summary = _prose(block)
+        if summary:
+            return summary
+    return ""

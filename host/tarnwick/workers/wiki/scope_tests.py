@@ -2,7 +2,10 @@
 
 A test reaches a file when it imports one of the file's declarations (the
 index holds an "import" reference from the test to it) or, once the page's
-facts are loaded, when any reference from a test file lands in it.
+facts are loaded, when a reference from a test file that is evidence of use
+lands in it.  A name match (a test calling some `.run()` that shares its
+name with a method of the file) is no evidence: the rule is the module's
+`is_use`.
 """
 
 from __future__ import annotations
@@ -11,8 +14,9 @@ import json
 from collections.abc import Iterable, Mapping
 from typing import Any
 
+from tarnwick.models.edge import EVIDENCE_RESOLUTIONS
 from tarnwick.storage.database import Database
-from tarnwick.storage.grounding_queries import ScopeFile
+from tarnwick.storage.grounding_queries import NAME_MATCH_KINDS, ScopeFile
 from tarnwick.utils.path_filter import is_test_path
 
 _IMPORTING_SOURCES = """
@@ -53,12 +57,15 @@ def tests_reaching(facts: Any) -> tuple[frozenset[str], dict[str, list[str]]]:
     """The tests that reach the page, overall and per file.
 
     ``facts`` needs ``test_imports`` (file path to the tests that import it),
-    ``inbound`` (references with ``source_path`` and ``target_path``) and
-    ``test_sources`` (the inbound sources that are tests).  Every reference
-    from a test source counts, whatever its resolution; a file does not reach
-    itself.  Returns the set of all reaching tests and a map from each file
-    with at least one reaching test to those tests' paths, sorted; the map's
-    keys are in path order.
+    ``inbound`` (references with ``source_path``, ``target_path``,
+    ``target_kind`` and ``resolution``), ``test_sources`` (the inbound
+    sources that are tests) and ``import_resolved(path)``.  A reference from
+    a test source counts when it is evidence of use: "import" or "local",
+    or, where the index does not resolve the target file's imports, a
+    "unique" match to anything but an attribute, a field, a property or a
+    constant.  A file does not reach itself.  Returns the set of all
+    reaching tests and a map from each file with at least one reaching test
+    to those tests' paths, sorted; the map's keys are in path order.
     """
     reaching: dict[str, set[str]] = {}
     imports: Mapping[str, Iterable[str]] = facts.test_imports
@@ -66,8 +73,18 @@ def tests_reaching(facts: Any) -> tuple[frozenset[str], dict[str, list[str]]]:
         reaching.setdefault(path, set()).update(test for test in tests if test != path)
     test_sources = facts.test_sources
     for ref in facts.inbound:
-        if ref.source_path in test_sources and ref.source_path != ref.target_path:
+        if ref.source_path in test_sources and ref.source_path != ref.target_path and _is_evidence(ref, facts):
             reaching.setdefault(ref.target_path, set()).add(ref.source_path)
     by_file = {path: sorted(reaching[path]) for path in sorted(reaching) if reaching[path]}
     every = frozenset(test for tests in by_file.values() for test in tests)
     return every, by_file
+
+
+def _is_evidence(ref: Any, facts: Any) -> bool:
+    if ref.resolution in EVIDENCE_RESOLUTIONS:
+        return True
+    return (
+        ref.resolution == "unique"
+        and not facts.import_resolved(ref.target_path)
+        and ref.target_kind not in NAME_MATCH_KINDS
+    )
