@@ -1,0 +1,74 @@
+// The flat containers under every hot loop: what Python cannot isolate.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <unordered_map>
+
+#include "flat.hpp"
+#include "view.hpp"
+
+namespace scope {
+namespace {
+
+TEST(DenseIndex, NumbersKeysInFirstSeenOrderThroughGrowthAndCollisions) {
+  DenseIndex index;
+  std::vector<std::uint64_t> keys;
+  // Multiples of a large power of two share their low bits: they collide
+  // under a weak hash and force long probe runs as the table grows.
+  for (std::uint64_t i = 0; i < 5000; ++i) keys.push_back(i << 40);
+  for (std::uint64_t i = 0; i < 5000; ++i) keys.push_back(~i);
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    auto [number, fresh] = index.insert(keys[i]);
+    ASSERT_TRUE(fresh);
+    ASSERT_EQ(number, i);
+  }
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    ASSERT_EQ(index.insert(keys[i]), (std::pair<std::uint32_t, bool>{static_cast<std::uint32_t>(i), false}));
+    ASSERT_EQ(index.find(keys[i]), i);
+    ASSERT_EQ(index.key(static_cast<std::uint32_t>(i)), keys[i]);
+  }
+  EXPECT_EQ(index.find(12345), DenseIndex::kAbsent);
+  EXPECT_EQ(DenseIndex{}.find(0), DenseIndex::kAbsent);
+}
+
+TEST(StringPool, EqualHashesOfOtherTextsStayApartAndViewsOutliveGrowth) {
+  StringPool pool;
+  std::vector<std::string_view> views;
+  std::vector<std::string> texts;
+  for (int i = 0; i < 3000; ++i) texts.push_back("text-" + std::to_string(i) + std::string(i % 97, 'x'));
+  texts.push_back(std::string(100000, 'y'));  // larger than a block
+  texts.push_back("");
+  for (const std::string& text : texts) {
+    // Every text under the same hash: equality of the text alone decides.
+    auto [id, fresh] = pool.intern(text, 7);
+    ASSERT_TRUE(fresh);
+    views.push_back(pool.text(id));
+  }
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    EXPECT_EQ(views[i], texts[i]);
+    EXPECT_EQ(pool.intern(texts[i], 7), (std::pair<StrId, bool>{static_cast<StrId>(i), false}));
+  }
+  EXPECT_EQ(pool.size(), texts.size());
+}
+
+TEST(Groups, KeepFirstSeenOrderOfKeysAndRowsWithinEach) {
+  const std::vector<std::uint32_t> keys = {3, 1, 3, 0, 1, 3};
+  Groups g = group_rows(keys.size(), 5, [&](std::size_t row) { return keys[row]; });
+  EXPECT_EQ(g.key, (std::vector<std::uint32_t>{3, 1, 0}));
+  EXPECT_EQ(std::vector<std::uint32_t>(g.of(0).begin(), g.of(0).end()), (std::vector<std::uint32_t>{0, 2, 5}));
+  EXPECT_EQ(std::vector<std::uint32_t>(g.of_key(1).begin(), g.of_key(1).end()), (std::vector<std::uint32_t>{1, 4}));
+  EXPECT_TRUE(g.of_key(2).empty());
+  EXPECT_TRUE(g.of_key(99).empty());
+}
+
+TEST(IntColumn, NarrowUntilAValueNeedsSixtyFourBits) {
+  IntColumn column;
+  const std::vector<std::int64_t> values = {0, -1, INT32_MAX, INT32_MIN, std::int64_t{INT32_MAX} + 1, INT64_MIN, 5};
+  for (std::int64_t value : values) column.push(value);
+  ASSERT_EQ(column.size(), values.size());
+  for (std::size_t row = 0; row < values.size(); ++row) EXPECT_EQ(column[row], values[row]);
+}
+
+}  // namespace
+}  // namespace scope
