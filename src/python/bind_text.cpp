@@ -132,6 +132,8 @@ PyObject* most_used(PyObject*, PyObject* args, PyObject* kwargs) {
 std::unordered_map<StrId, NameList> tests_by_file(FactsObject* facts) {
   PyRef reaching = module_attr("tests_reaching");
   PyRef pair = check(PyObject_CallOneArg(reaching.get(), reinterpret_cast<PyObject*>(facts)));
+  if (!PySequence_Check(pair.get()) && !PyMapping_Check(pair.get()))
+    wrong_type(Where{"facts", "the result of tests_reaching()"}, "a pair", pair.get());
   PyRef by_file = check(PyObject_GetItem(pair.get(), new_int(1).get()));
   const bool is_dict = PyDict_Check(by_file.get());
   PyRef get;
