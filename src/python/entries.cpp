@@ -315,6 +315,8 @@ PyRef most_used_body(Call& c) {
 // would ask it; an entry of None means no tests.
 std::vector<NameList> tests_by_file(Call& c, Prepared& p) {
   PyRef pair = check(PyObject_CallOneArg(c.module_attr(kTestsReaching).get(), reinterpret_cast<PyObject*>(p.facts())));
+  if (!PySequence_Check(pair.get()) && !PyMapping_Check(pair.get()))
+    wrong_type(Where{"facts", "the result of tests_reaching()"}, "a pair", pair.get());
   PyRef by_file = check(PyObject_GetItem(pair.get(), new_int(1).get()));
   const std::size_t rows = p.view.files.rows();
   std::vector<NameList> tests(rows);

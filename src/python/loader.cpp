@@ -81,6 +81,8 @@ PyRef load_scope_facts(Call& c) {
     PyRef path = attr(c, PyTuple_GET_ITEM(files.get(), i), kFilesTable, file_f::path);
     PyRef lines = check(PyObject_CallOneArg(read_lines, path.get()));
     if (lines.get() == Py_None) continue;  // unreadable: no line count, no summary
+    if (!PySequence_Check(lines.get()) && !PyMapping_Check(lines.get()))
+      wrong_type(Where{"read_lines", "its result"}, "a list of lines or None", lines.get());
     const Py_ssize_t count = PyObject_Size(lines.get());
     if (count < 0) throw PyError{};
     check(PyDict_SetItem(line_counts.get(), path.get(), new_int(count).get()));
