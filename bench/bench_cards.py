@@ -1,7 +1,7 @@
 """render_file_cards and file_users, native module against the plain Python
 implementation, on a page of 300 files and 100,000 inbound references.
 
-    PYTHONPATH=build/dev/python:host python3 bench/bench_cards.py
+    PYTHONPATH=build/rel/python:host python3 bench/bench_cards.py
 """
 
 import random

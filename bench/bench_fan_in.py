@@ -4,7 +4,7 @@ on a page of 100,000 inbound references.
 "first call" builds a fresh ScopeFacts for every run, so the native side pays
 for converting the records it reads; "repeated call" reuses one record.
 
-    PYTHONPATH=build/dev/python:host python3 bench/bench_fan_in.py
+    PYTHONPATH=build/rel/python:host python3 bench/bench_fan_in.py
 """
 
 import random

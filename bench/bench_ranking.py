@@ -1,7 +1,7 @@
 """Ranking and selection, native module against the plain Python
 implementation, on a page of about 20,000 declarations in 300 files.
 
-    PYTHONPATH=build/dev/python:host python3 bench/bench_ranking.py
+    PYTHONPATH=build/rel/python:host python3 bench/bench_ranking.py
 
 Rows: ranked_by_file and file_seeds over a facts whose view is converted;
 select_with_quota over the facts' own records (keyed from the view) and over
