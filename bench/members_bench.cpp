@@ -24,12 +24,12 @@ scope::FactsView generated_file(std::int64_t classes, bool shuffled, scope::Voca
   std::iota(order.begin(), order.end(), 0);
   if (shuffled) std::shuffle(order.begin(), order.end(), std::mt19937(7));
   IntColumn ids, starts, ends, exported;
-  std::vector<StrId> paths, names, kinds;
+  StrColumn paths, names, kinds;
   for (std::int64_t i : order) {
-    ids.push(i);
-    paths.push_back(path);
-    names.push_back(name);
-    kinds.push_back(i % 2 ? method : klass);
+    ids.push(view.ids.insert(static_cast<std::uint64_t>(i)).first);
+    paths.push(path);
+    names.push(name);
+    kinds.push(i % 2 ? method : klass);
     starts.push(i / 2 + 1);
     ends.push(i / 2 + 1);
     exported.push(1);
@@ -38,7 +38,7 @@ scope::FactsView generated_file(std::int64_t classes, bool shuffled, scope::Voca
   Table& t = view.symbols;
   t.commit(sym_f::id, rows, std::move(ids));
   t.commit(sym_f::path, rows, std::move(paths));
-  t.commit(sym_f::name, rows, std::vector<StrId>(names));
+  t.commit(sym_f::name, rows, StrColumn(names));
   t.commit(sym_f::fqn, rows, std::move(names));
   t.commit(sym_f::kind, rows, std::move(kinds));
   t.commit(sym_f::start_line, rows, std::move(starts));

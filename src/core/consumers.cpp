@@ -50,47 +50,60 @@ struct ConsumerCounts {
 ConsumerCounts count_consumers(const FactsView& view, const Vocab& vocab) {
   const Table& in = view.inbound;
   const std::size_t strings = view.pool.size();
+  const auto source = in.strs(in_f::source_path), resolution = in.strs(in_f::resolution);
+  const auto kind = in.strs(in_f::target_kind), target_path = in.strs(in_f::target_path);
+  const auto name = in.strs(in_f::target_name);
+  const auto target = in.ints(in_f::target_id), refs = in.ints(in_f::refs);
+  const auto words = vocab.reader();
+  const auto paths = view.path_reader();
   ConsumerCounts counts;
-  counts.used.assign(view.derived.ids.size(), false);
+  std::vector<std::uint8_t> used(view.ids.size(), 0);
   counts.left_refs.assign(strings, 0);
   std::vector<std::uint32_t> consumer_of(strings, Groups::kNone);  // path -> consumer
-  std::vector<bool> left_file(strings, false), left_seen(strings, false);
-  // Every (consumer, name) pair, numbered in first-counted order.
-  DenseIndex pairs;
-  std::vector<std::uint32_t> pair_consumer;
-  std::vector<std::pair<StrId, std::int64_t>> pair_sum;
+  std::vector<std::uint8_t> left_file(strings, 0), left_seen(strings, 0);
+  std::vector<std::uint32_t> counted, counted_consumer;  // counted rows and their consumers
   for (std::size_t row = 0; row < in.rows(); ++row) {
-    const StrId source = in.str(in_f::source_path, row);
     // The page's own files and tests are no consumers, and are not reported.
-    if (view.path_has(source, path_bit::in_page | path_bit::test_source)) continue;
-    const std::int64_t refs = in.num(in_f::refs, row);
-    if (!is_use_row(view, vocab, in_f::resolution, in_f::target_kind, in_f::target_path, row)) {
-      const StrId resolution = in.str(in_f::resolution, row);
-      if (!left_seen[resolution]) left_seen[resolution] = true, counts.left_resolutions.push_back(resolution);
-      counts.left_refs[resolution] = checked_add(counts.left_refs[resolution], refs);
-      if (!left_file[source]) left_file[source] = true, ++counts.left_files;
+    if (paths.has(source[row], path_bit::in_page | path_bit::test_source)) continue;
+    const StrId r = resolution[row];
+    if (!is_use_of(words, paths, r, kind[row], target_path[row])) {
+      if (!left_seen[r]) left_seen[r] = 1, counts.left_resolutions.push_back(r);
+      counts.left_refs[r] = checked_add(counts.left_refs[r], refs[row]);
+      if (!left_file[source[row]]) left_file[source[row]] = 1, ++counts.left_files;
       continue;
     }
-    std::uint32_t& consumer = consumer_of[source];
+    std::uint32_t& consumer = consumer_of[source[row]];
     if (consumer == Groups::kNone) {
       consumer = static_cast<std::uint32_t>(counts.path.size());
-      counts.path.push_back(source);
+      counts.path.push_back(source[row]);
       counts.total.push_back(0);
     }
-    counts.total[consumer] = checked_add(counts.total[consumer], refs);
-    const StrId name = in.str(in_f::target_name, row);
-    auto [pair, fresh] = pairs.insert((std::uint64_t{consumer} << 32) | name);
-    if (fresh) pair_consumer.push_back(consumer), pair_sum.emplace_back(name, 0);
-    pair_sum[pair].second = checked_add(pair_sum[pair].second, refs);
-    counts.used[view.derived.inbound_slot[row]] = true;
+    counts.total[consumer] = checked_add(counts.total[consumer], refs[row]);
+    counted.push_back(static_cast<std::uint32_t>(row));
+    counted_consumer.push_back(consumer);
+    used[static_cast<std::uint32_t>(target[row])] = 1;
   }
+  counts.used.assign(used.begin(), used.end());
+  // Each consumer's names in the order of their first counted reference.
   Groups by_consumer =
-      group_rows(pair_sum.size(), counts.path.size(), [&](std::size_t pair) { return pair_consumer[pair]; });
+      group_rows(counted.size(), counts.path.size(), [&](std::size_t i) { return counted_consumer[i]; });
+  std::vector<std::uint32_t> position(strings, Groups::kNone);  // name -> index among the consumer's names
   counts.start.assign(counts.path.size() + 1, 0);
   for (std::size_t c = 0; c < counts.path.size(); ++c) {
-    std::span<const std::uint32_t> own = by_consumer.of_key(static_cast<std::uint32_t>(c));
-    counts.start[c + 1] = counts.start[c] + static_cast<std::uint32_t>(own.size());
-    for (std::uint32_t pair : own) counts.names.push_back(pair_sum[pair]);
+    const std::size_t first = counts.names.size();
+    for (std::uint32_t i : by_consumer.of_key(static_cast<std::uint32_t>(c))) {
+      const std::uint32_t row = counted[i];
+      std::uint32_t& at = position[name[row]];
+      if (at == Groups::kNone) {
+        at = static_cast<std::uint32_t>(counts.names.size() - first);
+        counts.names.emplace_back(name[row], refs[row]);
+      } else {
+        auto& sum = counts.names[first + at].second;
+        sum = checked_add(sum, refs[row]);
+      }
+    }
+    for (std::size_t i = first; i < counts.names.size(); ++i) position[counts.names[i].first] = Groups::kNone;
+    counts.start[c + 1] = static_cast<std::uint32_t>(counts.names.size());
   }
   return counts;
 }
@@ -208,7 +221,7 @@ std::vector<std::uint32_t> unused_outside(const FactsView& view, const Vocab& vo
   for (std::size_t row = 0; row < symbols.rows(); ++row) {
     const StrId kind = symbols.str(sym_f::kind, row);
     if (!vocab.has(kind, vocab_bit::type | vocab_bit::callable)) continue;
-    const std::uint32_t slot = d.symbol_slot[row];
+    const std::uint32_t slot = symbols.slot(sym_f::id, row);
     if (slot < used.size() && used[slot]) continue;
     if (!symbols.flag(sym_f::is_export, row)) continue;
     if (is_private_name(view.pool.text(symbols.str(sym_f::name, row)))) continue;

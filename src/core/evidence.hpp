@@ -13,7 +13,7 @@
 namespace scope {
 
 // A fan-in as the algorithms read it: uses and entry points by slot (see
-// Derived). Slots numbered after it was made have no uses.
+// FactsView::ids). Slots numbered after it was made have no uses.
 struct FanInSlots {
   std::vector<std::int64_t> outside, inside;
   std::vector<std::uint8_t> entry;
@@ -27,9 +27,15 @@ struct FanInSlots {
   }
 };
 
-// Whether the reference `row` of `table` is evidence of use (see is_use).
-bool is_use_row(const FactsView& view, const Vocab& vocab, unsigned resolution, unsigned target_kind,
-                unsigned target_path, std::size_t row);
+// Whether a reference (by its resolution, its target's kind and its
+// target's path) is evidence of use: the is_use rule on the view's bits.
+inline bool is_use_of(BitsReader<std::uint16_t> words, BitsReader<std::uint8_t> paths, StrId resolution,
+                      StrId target_kind, StrId target_path) {
+  return is_use([&] { return words.has(resolution, vocab_bit::evidence); },
+                [&] { return words.has(resolution, vocab_bit::unique); },
+                [&] { return paths.has(target_path, path_bit::import_resolved); },
+                [&] { return words.has(target_kind, vocab_bit::name_match); });
+}
 
 // The counting half of the production fan-in.
 struct FanInCounts {
@@ -39,16 +45,15 @@ struct FanInCounts {
   std::vector<bool> referenced;  // by slot: named by production code (not "legacy")
 };
 inline constexpr Needs kCountFanInNeeds{
-    .inbound = bits(in_f::source_path, in_f::resolution, in_f::target_kind, in_f::refs),
-    .path_bits = path_bit::in_page | path_bit::test_source,
-    .derived = derived::inbound_slots};
+    .inbound = bits(in_f::source_path, in_f::target_id, in_f::resolution, in_f::target_kind, in_f::refs),
+    .path_bits = path_bit::in_page | path_bit::test_source};
 FanInCounts count_fan_in(const FactsView& view, const Vocab& vocab);
 
 // Rows of the declarations that pass every entry-point test but the path
 // filter, in symbols order: public, exported, top-level callables and types
 // that no production code references.
-inline constexpr Needs kEntryCandidateNeeds{.symbols = bits(sym_f::kind, sym_f::is_export, sym_f::name),
-                                            .derived = derived::symbol_slots | derived::members};
+inline constexpr Needs kEntryCandidateNeeds{.symbols = bits(sym_f::id, sym_f::kind, sym_f::is_export, sym_f::name),
+                                            .derived = derived::members};
 std::vector<std::uint32_t> entry_candidates(const FactsView& view, const Vocab& vocab,
                                             const std::vector<bool>& referenced);
 

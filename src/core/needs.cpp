@@ -6,13 +6,6 @@ namespace scope {
 
 namespace {
 
-std::vector<std::uint32_t> slots_of(DenseIndex& ids, const Table& table, unsigned field) {
-  std::vector<std::uint32_t> slots(table.rows());
-  for (std::size_t row = 0; row < table.rows(); ++row)
-    slots[row] = ids.insert(static_cast<std::uint64_t>(table.num(field, row))).first;
-  return slots;
-}
-
 // Which declarations lie inside a type of their own file (bounds inclusive, a
 // type never containing itself), by row. Files are swept by start line.
 std::vector<bool> find_members(const FactsView& view, const Vocab& vocab) {
@@ -40,7 +33,7 @@ std::vector<bool> find_members(const FactsView& view, const Vocab& vocab) {
     bool have_first = false, have_second = false;
     std::uint32_t first = 0, second = 0;
     auto end = [&](std::uint32_t row) { return symbols.num(sym_f::end_line, row); };
-    auto id = [&](std::uint32_t row) { return symbols.num(sym_f::id, row); };
+    auto id = [&](std::uint32_t row) { return symbols.slot(sym_f::id, row); };
     for (std::uint32_t row : rows) {
       for (; next < types.size() && !by_start(row, types[next]); ++next) {
         std::uint32_t type = types[next];
@@ -68,15 +61,12 @@ void derive(FactsView& view, const Vocab& vocab, const Needs& needs) {
   Derived& d = view.derived;
   const std::uint8_t wanted = needs.complete().derived;
   auto missing = [&](std::uint8_t which) { return (wanted & which) && !(d.ready & which); };
-  if (missing(derived::symbol_slots)) d.symbol_slot = slots_of(d.ids, view.symbols, sym_f::id);
-  if (missing(derived::inbound_slots)) d.inbound_slot = slots_of(d.ids, view.inbound, in_f::target_id);
-  if (missing(derived::outbound_slots)) d.outbound_slot = slots_of(d.ids, view.outbound, out_f::target_id);
   if (missing(derived::by_path)) {
     const Table& symbols = view.symbols;
     d.symbols_by_path =
         group_rows(symbols.rows(), view.pool.size(), [&](std::size_t row) { return symbols.str(sym_f::path, row); });
   }
-  d.ready |= wanted & (derived::symbol_slots | derived::inbound_slots | derived::outbound_slots | derived::by_path);
+  d.ready |= wanted & derived::by_path;
   if ((wanted & derived::members) && (!(d.ready & derived::members) || !(d.members_vocab == vocab))) {
     d.member = find_members(view, vocab);
     d.members_vocab = vocab;

@@ -31,9 +31,6 @@ struct Needs {
   constexpr Needs complete() const {
     Needs all = *this;
     if (derived & derived::members) all.derived |= derived::by_path;
-    if (all.derived & derived::symbol_slots) all.symbols |= bit(sym_f::id);
-    if (all.derived & derived::inbound_slots) all.inbound |= bit(in_f::target_id);
-    if (all.derived & derived::outbound_slots) all.outbound |= bit(out_f::target_id);
     if (all.derived & derived::by_path) all.symbols |= bit(sym_f::path);
     if (all.derived & derived::members) all.symbols |= bits(sym_f::id, sym_f::kind, sym_f::start_line, sym_f::end_line);
     return all;

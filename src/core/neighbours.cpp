@@ -23,32 +23,46 @@ std::vector<Neighbour> neighbours(const FactsView& view, const Vocab& vocab, con
                                   std::int64_t limit) {
   if (limit <= 0) return {};
   const Table& out = view.outbound;
-  const std::vector<std::uint32_t>& slot_of = view.derived.outbound_slot;
+  const auto path = out.strs(out_f::target_path), resolution = out.strs(out_f::resolution);
+  const auto kind = out.strs(out_f::target_kind);
+  const auto target = out.ints(out_f::target_id), refs = out.ints(out_f::refs);
+  const auto words = vocab.reader();
+  const auto paths = view.path_reader();
   // By slot: the summed refs and the last counted row; slots in first-counted order.
-  std::vector<std::int64_t> sums(view.derived.ids.size(), 0);
-  std::vector<std::uint32_t> last(view.derived.ids.size(), Groups::kNone);
+  std::vector<std::int64_t> sums(view.ids.size(), 0);
+  std::vector<std::uint32_t> last(view.ids.size(), Groups::kNone);
   std::vector<std::uint32_t> order;
   for (std::size_t row = 0; row < out.rows(); ++row) {
-    const StrId path = out.str(out_f::target_path, row);
-    if (view.path_has(path, path_bit::in_page) || (path < is_test.size() && is_test[path])) continue;
+    if (paths.has(path[row], path_bit::in_page) || (path[row] < is_test.size() && is_test[path[row]])) continue;
     // A non-evidence edge to an attribute or a constant only matches a name.
-    if (!vocab.has(out.str(out_f::resolution, row), vocab_bit::evidence) &&
-        vocab.has(out.str(out_f::target_kind, row), vocab_bit::name_match))
-      continue;
-    const std::uint32_t slot = slot_of[row];
+    if (!words.has(resolution[row], vocab_bit::evidence) && words.has(kind[row], vocab_bit::name_match)) continue;
+    const auto slot = static_cast<std::uint32_t>(target[row]);
     if (last[slot] == Groups::kNone) order.push_back(slot);
-    sums[slot] = checked_add(sums[slot], out.num(out_f::refs, row));
+    sums[slot] = checked_add(sums[slot], refs[row]);
     last[slot] = static_cast<std::uint32_t>(row);
   }
-  std::vector<Neighbour> ranked;
-  ranked.reserve(order.size());
-  for (std::uint32_t slot : order) ranked.push_back({last[slot], sums[slot]});
-  std::stable_sort(ranked.begin(), ranked.end(), [&](const Neighbour& a, const Neighbour& b) {
-    if (a.count != b.count) return a.count > b.count;
-    return view.pool.text(out.str(out_f::target_fqn, a.row)) < view.pool.text(out.str(out_f::target_fqn, b.row));
-  });
-  if (static_cast<std::uint64_t>(limit) < ranked.size()) ranked.resize(static_cast<std::size_t>(limit));
-  return ranked;
+  // The first `limit` of a stable sort by (count descending, fqn): with the
+  // first-counted position as the last key the order is total, so a partial
+  // sort gives them.
+  std::vector<std::uint32_t> ranked(order.size());
+  for (std::uint32_t i = 0; i < ranked.size(); ++i) ranked[i] = i;
+  const auto fqn = out.strs(out_f::target_fqn);
+  auto before = [&](std::uint32_t a, std::uint32_t b) {
+    const std::int64_t ca = sums[order[a]], cb = sums[order[b]];
+    if (ca != cb) return ca > cb;
+    const StrId fa = fqn[last[order[a]]], fb = fqn[last[order[b]]];
+    if (fa != fb) {
+      const std::string_view ta = view.pool.text(fa), tb = view.pool.text(fb);
+      if (ta != tb) return ta < tb;
+    }
+    return a < b;
+  };
+  const std::size_t kept = std::min<std::uint64_t>(static_cast<std::uint64_t>(limit), ranked.size());
+  std::partial_sort(ranked.begin(), ranked.begin() + static_cast<std::ptrdiff_t>(kept), ranked.end(), before);
+  std::vector<Neighbour> result;
+  result.reserve(kept);
+  for (std::size_t i = 0; i < kept; ++i) result.push_back({last[order[ranked[i]]], sums[order[ranked[i]]]});
+  return result;
 }
 
 std::vector<PathPairCount> name_match_counts(const FactsView& view, const Vocab& vocab) {

@@ -25,8 +25,8 @@ struct Neighbour {
 // ascending, then first counted. A name match to an attribute or a constant
 // is no use. At most `limit`.
 inline constexpr Needs kNeighbourNeeds =
-    kOutsideTargetNeeds | Needs{.outbound = bits(out_f::resolution, out_f::refs, out_f::target_kind, out_f::target_fqn),
-                                .derived = derived::outbound_slots};
+    kOutsideTargetNeeds | Needs{.outbound = bits(out_f::resolution, out_f::refs, out_f::target_id,
+                                                 out_f::target_kind, out_f::target_fqn)};
 std::vector<Neighbour> neighbours(const FactsView& view, const Vocab& vocab, const std::vector<bool>& is_test,
                                   std::int64_t limit);
 

@@ -10,7 +10,7 @@ namespace scope {
 
 KeyInput key_input(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in, std::size_t row) {
   const Table& symbols = view.symbols;
-  const std::uint32_t slot = view.derived.symbol_slot[row];
+  const std::uint32_t slot = symbols.slot(sym_f::id, row);
   const StrId kind = symbols.str(sym_f::kind, row);
   return KeyInput{fan_in.api(slot),
                   vocab.has(kind, vocab_bit::callable | vocab_bit::type),

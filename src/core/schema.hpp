@@ -12,6 +12,7 @@ namespace scope {
 // How a field's value is kept in the native view.
 enum class Cell : std::uint8_t {
   integer,        // an int, kept exactly (64 bits)
+  id,             // an int symbol id, kept as its slot in the view's numbering of ids
   text,           // a str, interned
   optional_text,  // a str, or None or no attribute at all (kNoStr)
   truth,          // any object, kept as its truth value
@@ -56,7 +57,7 @@ namespace sym_f {
 enum : unsigned { id, path, name, fqn, kind, start_line, end_line, is_export, count };
 }
 inline constexpr Field kSymbolFields[] = {
-    {"id", Cell::integer},
+    {"id", Cell::id},
     {"path", Cell::text},
     {"name", Cell::text},
     {"fqn", Cell::text},
@@ -71,7 +72,7 @@ enum : unsigned { source_path, target_id, target_path, target_name, target_kind,
 }
 inline constexpr Field kInboundFields[] = {
     {"source_path", Cell::text},
-    {"target_id", Cell::integer},
+    {"target_id", Cell::id},
     {"target_path", Cell::text},
     {"target_name", Cell::text},
     {"target_kind", Cell::text, false, Term::kind},
@@ -88,7 +89,7 @@ inline constexpr Field kOutboundFields[] = {
     {"resolution", Cell::text, false, Term::resolution},
     {"refs", Cell::integer},
     {"target", Cell::record},
-    {"id", Cell::integer, true},
+    {"id", Cell::id, true},
     {"path", Cell::text, true},
     {"kind", Cell::text, true, Term::kind},
     {"fqn", Cell::text, true},

@@ -101,32 +101,34 @@ FileUsers file_users(const FactsView& view, const Vocab& vocab) {
   result.entry_of.assign(strings, FileUsers::kNone);
   // The counted rows, bucketed by target in first-counted order (each bucket
   // in row order), then summed per user within each bucket.
+  const auto source = in.strs(in_f::source_path), target = in.strs(in_f::target_path);
+  const auto resolution = in.strs(in_f::resolution), kind = in.strs(in_f::target_kind);
+  const auto words = vocab.reader();
+  const auto paths = view.path_reader();
   std::vector<std::uint32_t> counted;
   for (std::size_t row = 0; row < in.rows(); ++row) {
-    const StrId source = in.str(in_f::source_path, row), target = in.str(in_f::target_path, row);
-    if (source == target || view.path_has(source, path_bit::test_source)) continue;
-    if (!is_use_row(view, vocab, in_f::resolution, in_f::target_kind, in_f::target_path, row)) continue;
-    std::uint32_t& entry = result.entry_of[target];
+    if (source[row] == target[row] || paths.has(source[row], path_bit::test_source)) continue;
+    if (!is_use_of(words, paths, resolution[row], kind[row], target[row])) continue;
+    std::uint32_t& entry = result.entry_of[target[row]];
     if (entry == FileUsers::kNone) {
       entry = static_cast<std::uint32_t>(result.target.size());
-      result.target.push_back(target);
+      result.target.push_back(target[row]);
     }
     counted.push_back(static_cast<std::uint32_t>(row));
   }
   Groups buckets = group_rows(counted.size(), result.target.size(),
-                              [&](std::size_t i) { return result.entry_of[in.str(in_f::target_path, counted[i])]; });
+                              [&](std::size_t i) { return result.entry_of[target[counted[i]]]; });
   std::vector<std::uint32_t> position(strings, FileUsers::kNone);  // user path -> index among the entry's users
   result.start.push_back(0);
   for (std::size_t entry = 0; entry < result.target.size(); ++entry) {
     const std::size_t first = result.users.size();
     for (std::uint32_t i : buckets.of(entry)) {
       const std::uint32_t row = counted[i];
-      const StrId source = in.str(in_f::source_path, row);
       const std::int64_t refs = in.num(in_f::refs, row);
-      std::uint32_t& at = position[source];
+      std::uint32_t& at = position[source[row]];
       if (at == FileUsers::kNone) {
         at = static_cast<std::uint32_t>(result.users.size() - first);
-        result.users.emplace_back(source, refs);
+        result.users.emplace_back(source[row], refs);
       } else {
         auto& sum = result.users[first + at].second;
         sum = checked_add(sum, refs);
@@ -141,7 +143,6 @@ FileUsers file_users(const FactsView& view, const Vocab& vocab) {
 std::vector<std::string> most_used(const FactsView& view, const FanInSlots& fan_in, std::span<const std::uint32_t> rows,
                                    std::size_t limit, std::size_t& count) {
   const Table& symbols = view.symbols;
-  const std::vector<std::uint32_t>& slot = view.derived.symbol_slot;
   struct Used {
     std::uint32_t row;
     std::int64_t count;
@@ -150,7 +151,8 @@ std::vector<std::string> most_used(const FactsView& view, const FanInSlots& fan_
   bool inside = false;
   for (bool from_inside : {false, true}) {
     for (std::uint32_t row : rows) {
-      std::int64_t uses = from_inside ? fan_in.inside_of(slot[row]) : fan_in.outside_of(slot[row]);
+      const std::uint32_t slot = symbols.slot(sym_f::id, row);
+      std::int64_t uses = from_inside ? fan_in.inside_of(slot) : fan_in.outside_of(slot);
       if (uses > 0) used.push_back({row, uses});
     }
     if (!used.empty()) {

@@ -57,8 +57,7 @@ FileUsers file_users(const FactsView& view, const Vocab& vocab);
 // outside the page, or, when none of them has any, uses from the page's own
 // files labelled "in-page ". At most `limit` items are written; `count`
 // gets how many there are.
-inline constexpr Needs kMostUsedNeeds{.symbols = bits(sym_f::name, sym_f::start_line),
-                                      .derived = derived::symbol_slots};
+inline constexpr Needs kMostUsedNeeds{.symbols = bits(sym_f::id, sym_f::name, sym_f::start_line)};
 std::vector<std::string> most_used(const FactsView& view, const FanInSlots& fan_in, std::span<const std::uint32_t> rows,
                                    std::size_t limit, std::size_t& count);
 

@@ -10,15 +10,6 @@ void check_failed(const char* condition, const char* file, int line) {
   std::abort();
 }
 
-void IntColumn::push_wide(std::int64_t value) {
-  if (wide_.empty()) {
-    wide_.reserve(narrow_.capacity() > narrow_.size() ? narrow_.capacity() : narrow_.size() + 1);
-    wide_.assign(narrow_.begin(), narrow_.end());
-    narrow_ = {};
-  }
-  wide_.push_back(value);
-}
-
 void Table::mark(unsigned field, std::size_t rows) {
   rows_ = rows;
   loaded_ |= bit(field);
@@ -29,7 +20,7 @@ void Table::commit(unsigned field, std::size_t rows, IntColumn column) {
   mark(field, rows);
 }
 
-void Table::commit(unsigned field, std::size_t rows, std::vector<StrId> column) {
+void Table::commit(unsigned field, std::size_t rows, StrColumn column) {
   strs_[field] = std::move(column);
   mark(field, rows);
 }
@@ -37,7 +28,7 @@ void Table::commit(unsigned field, std::size_t rows, std::vector<StrId> column) 
 std::size_t Table::bytes() const {
   std::size_t total = 0;
   for (const IntColumn& column : ints_) total += column.bytes();
-  for (const auto& column : strs_) total += column.capacity() * sizeof(StrId);
+  for (const StrColumn& column : strs_) total += column.bytes();
   return total;
 }
 
@@ -59,8 +50,10 @@ void FactsView::set_path_bit(StrId path, std::uint8_t which) {
 }
 
 namespace {
-void note_distinct(const std::vector<StrId>& column, std::vector<bool>& seen, std::vector<StrId>& ids) {
-  for (StrId id : column) {
+void note_distinct(const Table& table, unsigned field, std::vector<bool>& seen, std::vector<StrId>& ids) {
+  const StrColumn::Reader column = table.strs(field);
+  for (std::size_t row = 0; row < table.rows(); ++row) {
+    const StrId id = column[row];
     if (id == kNoStr) continue;
     if (id >= seen.size()) seen.resize(std::size_t{id} + 1, false);
     if (seen[id]) continue;
@@ -70,20 +63,17 @@ void note_distinct(const std::vector<StrId>& column, std::vector<bool>& seen, st
 }
 }  // namespace
 
-void FactsView::note_kinds(const Table& table, unsigned field) {
-  note_distinct(table.strs(field), kinds_seen_, kind_ids);
-}
+void FactsView::note_kinds(const Table& table, unsigned field) { note_distinct(table, field, kinds_seen_, kind_ids); }
 
 void FactsView::note_resolutions(const Table& table, unsigned field) {
-  note_distinct(table.strs(field), resolutions_seen_, resolution_ids);
+  note_distinct(table, field, resolutions_seen_, resolution_ids);
 }
 
 std::size_t FactsView::bytes() const {
-  const Derived& d = derived;
-  return pool.bytes() + files.bytes() + symbols.bytes() + inbound.bytes() + outbound.bytes() + path_bits.capacity() +
-         line_counts.capacity() * 8 + summaries.capacity() * 4 + d.ids.bytes() +
-         (d.symbol_slot.capacity() + d.inbound_slot.capacity() + d.outbound_slot.capacity()) * 4 +
-         (d.symbols_by_path.rows.capacity() + d.symbols_by_path.group_of_key.capacity()) * 4 + d.member.capacity() / 8;
+  const Groups& by_path = derived.symbols_by_path;
+  return pool.bytes() + ids.bytes() + files.bytes() + symbols.bytes() + inbound.bytes() + outbound.bytes() +
+         path_bits.capacity() + line_counts.capacity() * 8 + summaries.capacity() * 4 +
+         (by_path.rows.capacity() + by_path.group_of_key.capacity()) * 4 + derived.member.capacity() / 8;
 }
 
 }  // namespace scope

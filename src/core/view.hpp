@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstddef>
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -27,29 +28,51 @@ namespace scope {
 
 [[noreturn]] void check_failed(const char* condition, const char* file, int line);
 
-// A column of integers: 32 bits a cell while every value fits, 64 after.
-class IntColumn {
+// A column of cells that takes the narrow type while every value fits in
+// it and the wide one from the first value that does not.
+template <class Narrow, class Wide>
+class Column {
  public:
+  // Read access with the column's storage fixed: one predictable branch a cell.
+  struct Reader {
+    const Narrow* narrow;
+    const Wide* wide;
+    Wide operator[](std::size_t row) const { return wide != nullptr ? wide[row] : Wide{narrow[row]}; }
+  };
+
   void reserve(std::size_t rows) { narrow_.reserve(rows); }
-  void push(std::int64_t value) {
-    if (wide_.empty() && value == static_cast<std::int32_t>(value)) {
-      narrow_.push_back(static_cast<std::int32_t>(value));
+  void push(Wide value) {
+    if (wide_.empty() && value == static_cast<Wide>(static_cast<Narrow>(value))) {
+      narrow_.push_back(static_cast<Narrow>(value));
     } else {
       push_wide(value);
     }
   }
-  std::int64_t operator[](std::size_t row) const { return wide_.empty() ? narrow_[row] : wide_[row]; }
+  Wide operator[](std::size_t row) const { return reader()[row]; }
+  Reader reader() const { return {narrow_.data(), wide_.empty() ? nullptr : wide_.data()}; }
   std::size_t size() const { return wide_.empty() ? narrow_.size() : wide_.size(); }
-  std::size_t bytes() const { return narrow_.capacity() * 4 + wide_.capacity() * 8; }
+  std::size_t bytes() const { return narrow_.capacity() * sizeof(Narrow) + wide_.capacity() * sizeof(Wide); }
 
  private:
-  void push_wide(std::int64_t value);
-  std::vector<std::int32_t> narrow_;
-  std::vector<std::int64_t> wide_;
+  void push_wide(Wide value) {
+    if (wide_.empty()) {
+      wide_.reserve(std::max(narrow_.capacity(), narrow_.size() + 1));
+      wide_.assign(narrow_.begin(), narrow_.end());
+      narrow_ = {};
+    }
+    wide_.push_back(value);
+  }
+  std::vector<Narrow> narrow_;
+  std::vector<Wide> wide_;
 };
 
-// One record type as columns: integers and truth values in IntColumns,
-// strings as StrIds. A column is readable once committed.
+// Integers (and truth values); strings as StrIds, which stay below 2^16 on
+// most pages; symbol ids as slots of the view's DenseIndex.
+using IntColumn = Column<std::int32_t, std::int64_t>;
+using StrColumn = Column<std::uint16_t, StrId>;
+
+// One record type as columns, by field number. A column is readable once
+// committed, and (in checked builds) while the running algorithm declared it.
 class Table {
  public:
   explicit Table(const Schema& schema) : schema_(&schema), ints_(schema.count), strs_(schema.count) {}
@@ -59,23 +82,23 @@ class Table {
   Mask loaded() const { return loaded_; }
   bool has(Mask fields) const { return (loaded_ & fields) == fields; }
 
-  std::int64_t num(unsigned field, std::size_t row) const {
+  IntColumn::Reader ints(unsigned field) const {
     SCOPE_CHECK(readable(field));
-    return ints_[field][row];
+    return ints_[field].reader();
   }
+  StrColumn::Reader strs(unsigned field) const {
+    SCOPE_CHECK(readable(field));
+    return strs_[field].reader();
+  }
+  // Integer and truth cells; the slot of an id cell.
+  std::int64_t num(unsigned field, std::size_t row) const { return ints(field)[row]; }
   bool flag(unsigned field, std::size_t row) const { return num(field, row) != 0; }
-  StrId str(unsigned field, std::size_t row) const {
-    SCOPE_CHECK(readable(field));
-    return strs_[field][row];
-  }
-  const std::vector<StrId>& strs(unsigned field) const {
-    SCOPE_CHECK(readable(field));
-    return strs_[field];
-  }
+  std::uint32_t slot(unsigned field, std::size_t row) const { return static_cast<std::uint32_t>(num(field, row)); }
+  StrId str(unsigned field, std::size_t row) const { return strs(field)[row]; }
 
   // Filling: whole columns at once, once every row was read.
   void commit(unsigned field, std::size_t rows, IntColumn column);
-  void commit(unsigned field, std::size_t rows, std::vector<StrId> column);
+  void commit(unsigned field, std::size_t rows, StrColumn column);
   std::size_t bytes() const;
 
   // Checked builds: the fields the running algorithm may read.
@@ -90,8 +113,8 @@ class Table {
   std::size_t rows_ = 0;
   Mask loaded_ = 0;
   mutable Mask allowed_ = ~Mask{0};
-  std::vector<IntColumn> ints_;
-  std::vector<std::vector<StrId>> strs_;
+  std::vector<IntColumn> ints_;  // integer, truth and id cells
+  std::vector<StrColumn> strs_;  // text cells
 };
 
 // Facts about paths, as bits by StrId.
@@ -114,9 +137,18 @@ enum : std::uint16_t {
 };
 }
 
+// Bits by StrId, read in a hot loop without going through their vector.
+template <class Bits>
+struct BitsReader {
+  const Bits* bits;
+  std::size_t size;
+  bool has(StrId id, Bits which) const { return id < size && (bits[id] & which) != 0; }
+};
+
 struct Vocab {
   std::vector<std::uint16_t> bits;
   bool has(StrId id, std::uint16_t which) const { return id < bits.size() && (bits[id] & which) != 0; }
+  BitsReader<std::uint16_t> reader() const { return {bits.data(), bits.size()}; }
   void set(StrId id, std::uint16_t which);
   // Sets the bits that depend on the text alone ("constant", "unique", "legacy").
   void set_literals(const StringPool& pool, StrId id);
@@ -127,27 +159,25 @@ struct Vocab {
 // vocabulary, that several algorithms read. derive() (needs.hpp) fills it.
 namespace derived {
 enum : std::uint8_t {
-  symbol_slots = 1,    // slot of each declaration's id
-  inbound_slots = 2,   // slot of each inbound reference's target id
-  outbound_slots = 4,  // slot of each outbound reference's target id
-  by_path = 8,         // the declarations grouped by path
-  members = 16,        // which declarations lie inside a type of their file (vocabulary)
+  by_path = 1,  // the declarations grouped by path
+  members = 2,  // which declarations lie inside a type of their file (vocabulary)
 };
 }
 
 struct Derived {
   std::uint8_t ready = 0;
-  // Numbers every symbol id the view holds densely: a number is a slot.
-  // Declarations with equal ids, and references to that id, share a slot.
-  DenseIndex ids;
-  std::vector<std::uint32_t> symbol_slot, inbound_slot, outbound_slot;  // by row
-  Groups symbols_by_path;                                               // keys are path StrIds
-  std::vector<bool> member;                                             // by symbol row
-  Vocab members_vocab;                                                  // the vocabulary `member` was computed with
+  Groups symbols_by_path;    // keys are path StrIds
+  std::vector<bool> member;  // by symbol row
+  Vocab members_vocab;       // the vocabulary `member` was computed with
 };
 
 struct FactsView {
   StringPool pool;
+  // Every symbol id of the view (declarations' and reference targets'),
+  // numbered densely: id cells hold these numbers, their slots. Declarations
+  // with equal ids, and the references to that id, share a slot.
+  DenseIndex ids;
+  std::int64_t id_of(std::uint32_t slot) const { return static_cast<std::int64_t>(ids.key(slot)); }
   Table files{kFileSchema};
   Table symbols{kSymbolSchema};
   Table inbound{kInboundSchema};
@@ -160,6 +190,7 @@ struct FactsView {
     return path < path_bits.size() && (path_bits[path] & which) != 0;
   }
   void set_path_bit(StrId path, std::uint8_t which);
+  BitsReader<std::uint8_t> path_reader() const { return {path_bits.data(), path_bits.size()}; }
 
   // Line counts and summaries by path StrId (kNoLines / kNoStr: none).
   static constexpr std::int64_t kNoLines = INT64_MIN;

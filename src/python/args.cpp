@@ -10,9 +10,10 @@ namespace {
 
 // "f() argument 'a'" or "f() argument 'a': what", for the start of a message.
 PyRef place(Where where) {
-  if (where.what == nullptr)
-    return check(PyUnicode_FromFormat("%s() argument '%s'", CallScope::function(), where.argument));
-  return check(PyUnicode_FromFormat("%s() argument '%s': %s", CallScope::function(), where.argument, where.what));
+  const char* function = CallScope::function();
+  if (where.argument == nullptr) return check(PyUnicode_FromFormat("%s(): %s", function, where.what));
+  if (where.what == nullptr) return check(PyUnicode_FromFormat("%s() argument '%s'", function, where.argument));
+  return check(PyUnicode_FromFormat("%s() argument '%s': %s", function, where.argument, where.what));
 }
 
 }  // namespace
@@ -104,6 +105,16 @@ void bind_arguments(std::span<const char* const> params, std::size_t required, P
   for (std::size_t i = 0; i < required; ++i)
     if (bound[i] == nullptr)
       raise_format(PyExc_TypeError, "%s() missing required argument '%s' (pos %zu)", function, params[i], i + 1);
+}
+
+bool contains(PyObject* container, PyObject* item, Where where) {
+  const PySequenceMethods* sequence = Py_TYPE(container)->tp_as_sequence;
+  const bool collection = (sequence != nullptr && sequence->sq_contains != nullptr) ||
+                          Py_TYPE(container)->tp_iter != nullptr || PySequence_Check(container);
+  // A text holds no symbol id and no kind: `7 in "abc"` is no question to ask.
+  if (!collection || (PyUnicode_Check(container) && !PyUnicode_Check(item)))
+    wrong_type(where, "a collection", container);
+  return check(PySequence_Contains(container, item)) != 0;
 }
 
 bool type_has(PyObject* object, PyObject* name) {

@@ -18,7 +18,7 @@ namespace scope::py {
 // Where a value comes from, for error messages: an argument of the function
 // being called and, for a value inside it, what it is ("ScopeSymbol.kind").
 struct Where {
-  const char* argument;
+  const char* argument;  // null for a value that is no argument (a module attribute)
   const char* what = nullptr;
 };
 
@@ -40,6 +40,10 @@ std::string_view utf8_of(PyObject* text, PyRef& scratch, Where where);
 PyRef str_from_utf8(std::string_view text);
 bool truth(PyObject* object);
 PyRef new_int128(__int128 value);
+
+// `item in container`, as Python asks it; TypeError naming `where` when the
+// container is no collection at all.
+bool contains(PyObject* container, PyObject* item, Where where);
 
 // Whether the type of `object` has an attribute `name` of its own or
 // inherited (a method or a property), without running any host code.

@@ -94,7 +94,7 @@ struct Pending {
   AttributeReader reader;
   std::string label;  // "ScopeSymbol.kind", for messages
   IntColumn ints;
-  std::vector<StrId> strs;
+  StrColumn strs;
   std::vector<PyRef> objects;
 };
 
@@ -110,14 +110,17 @@ void read_row(NativeFacts& native, Pending& column, PyObject* owner, const char*
     case Cell::integer:
       column.ints.push(integer_of(value.get(), where));
       break;
+    case Cell::id:
+      column.ints.push(native.view.ids.insert(static_cast<std::uint64_t>(integer_of(value.get(), where))).first);
+      break;
     case Cell::truth:
       column.ints.push(truth_of(value.get()) ? 1 : 0);
       break;
     case Cell::text:
-      column.strs.push_back(intern(native, value.get(), where));
+      column.strs.push(intern(native, value.get(), where));
       break;
     case Cell::optional_text:
-      column.strs.push_back(value.get() == Py_None ? kNoStr : intern(native, value.get(), where));
+      column.strs.push(value.get() == Py_None ? kNoStr : intern(native, value.get(), where));
       break;
     case Cell::record:
       column.objects.push_back(std::move(value));
@@ -160,12 +163,13 @@ void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Tab
     const auto count = static_cast<std::size_t>(rows);
     switch (column.spec.cell) {
       case Cell::integer:
+      case Cell::id:
       case Cell::truth:
         table.commit(column.field, count, std::move(column.ints));
         break;
       case Cell::record:
         native.targets = std::move(column.objects);
-        table.commit(column.field, count, std::vector<StrId>(count, kNoStr));
+        table.commit(column.field, count, StrColumn{});  // the objects are the native facts' targets
         break;
       default:
         table.commit(column.field, count, std::move(column.strs));
@@ -203,17 +207,22 @@ std::vector<Value> by_path(NativeFacts& native, PyObject* mapping, Value none, c
 
 }  // namespace
 
-StrId intern(NativeFacts& native, PyObject* text, Where where) {
-  auto& cached = native.seen[(reinterpret_cast<std::uintptr_t>(text) >> 4) % native.seen.size()];
-  if (cached.first == text) return cached.second;
+StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, Where where) {
   if (!PyUnicode_Check(text)) wrong_type(where, "str", text);
   // The hash of the text: a subclass's own __hash__ is not the text's.
   Py_hash_t hash = PyUnicode_CheckExact(text) ? PyObject_Hash(text) : PyUnicode_Type.tp_hash(text);
   if (hash == -1) throw PyError{};
   PyRef scratch;
   std::string_view bytes = utf8_of(text, scratch, where);
-  auto [id, fresh] = native.view.pool.intern(bytes, static_cast<std::uint64_t>(hash));
-  if (fresh) native.strings.push_back(PyRef::borrow(text));
+  auto [id, fresh] = pool.intern(bytes, static_cast<std::uint64_t>(hash));
+  if (fresh) strings.push_back(PyRef::borrow(text));
+  return id;
+}
+
+StrId intern(NativeFacts& native, PyObject* text, Where where) {
+  auto& cached = native.seen[(reinterpret_cast<std::uintptr_t>(text) >> 4) % native.seen.size()];
+  if (cached.first == text) return cached.second;
+  const StrId id = intern(native.view.pool, native.strings, text, where);
   if (native.strings[id].get() == text) cached = {text, id};
   return id;
 }
@@ -251,7 +260,7 @@ void load_path_bits(const ModuleState& state, FactsObject* facts, std::uint8_t w
     load_table(state, facts, kFilesTable, bit(file_f::path));
     if (!(view.path_bits_loaded & path_bit::in_page)) {
       for (std::size_t row = 0; row < view.files.rows(); ++row)
-        view.set_path_bit(view.files.strs(file_f::path)[row], path_bit::in_page);
+        view.set_path_bit(view.files.str(file_f::path, row), path_bit::in_page);
       view.path_bits_loaded |= path_bit::in_page;
     }
   }

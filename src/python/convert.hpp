@@ -12,6 +12,8 @@ namespace scope::py {
 // The id of a str in `native`'s pool (interning it when new). The hash is
 // the str's own, so no text is hashed twice.
 StrId intern(NativeFacts& native, PyObject* text, Where where);
+// The same into a pool of its own, `strings` holding each id's str object.
+StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, Where where);
 
 // Reads the `wanted` fields of `table` that are not loaded yet from the
 // records of the tuple `records` (the host's objects for `argument`).

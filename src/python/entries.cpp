@@ -85,17 +85,18 @@ Share share_arg(PyObject* value) {
 PyRef is_use_body(Call& c) {
   PyObject *resolution = c.arg(0), *kind = c.arg(1), *resolved = c.arg(2);
   return new_bool(
-      is_use([&] { return check(PySequence_Contains(c.module_attr(kEvidenceResolutions).get(), resolution)) != 0; },
+      is_use([&] { return contains(c.module_attr(kEvidenceResolutions).get(), resolution, module_set(kEvidenceResolutions)); },
              [&] { return check(PyObject_RichCompareBool(resolution, c.state.names[kUnique], Py_EQ)) != 0; },
              [&] { return truth(resolved); },
-             [&] { return check(PySequence_Contains(c.module_attr(kNameMatchKinds).get(), kind)) != 0; }));
+             [&] { return contains(c.module_attr(kNameMatchKinds).get(), kind, module_set(kNameMatchKinds)); }));
 }
 
 PyRef members_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), Needs{.derived = derived::members});
   PyRef result = check(PySet_New(nullptr));
   for (std::size_t row = 0; row < p.view.symbols.rows(); ++row)
-    if (p.view.derived.member[row]) check(PySet_Add(result.get(), new_int(p.view.symbols.num(sym_f::id, row)).get()));
+    if (p.view.derived.member[row])
+      check(PySet_Add(result.get(), new_int(p.view.id_of(p.view.symbols.slot(sym_f::id, row))).get()));
   return result;
 }
 
@@ -103,7 +104,7 @@ PyRef production_fan_in_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kFanInNeeds);
   FanInCounts counts = count_fan_in(p.view, p.vocab);
   const std::vector<std::uint32_t> candidates = entry_candidates(p.view, p.vocab, counts.referenced);
-  const DenseIndex& ids = p.view.derived.ids;
+  const DenseIndex& ids = p.view.ids;
   PyRef outside = counts_dict(counts.outside_order, counts.uses.outside, ids);
   PyRef inside = counts_dict(counts.inside_order, counts.uses.inside, ids);
   auto slots = std::make_shared<FanInSlots>(std::move(counts.uses));
@@ -115,8 +116,9 @@ PyRef production_fan_in_body(Call& c) {
     for (std::uint32_t row : candidates) {
       PyRef path = str_of(p.native, p.view.symbols.str(sym_f::path, row));
       if (truth(check(PyObject_CallOneArg(is_test_path.get(), path.get())).get())) continue;
-      check(PySet_Add(entry.get(), new_int(p.view.symbols.num(sym_f::id, row)).get()));
-      slots->entry[p.view.derived.symbol_slot[row]] = 1;
+      const std::uint32_t slot = p.view.symbols.slot(sym_f::id, row);
+      check(PySet_Add(entry.get(), new_int(p.view.id_of(slot)).get()));
+      slots->entry[slot] = 1;
     }
   }
   PyRef fan_in =
@@ -152,15 +154,15 @@ PyRef rank_key_body(Call& c) {
   const std::int64_t start = as_int64(field(sym_f::start_line).get(), Where{"symbol", "ScopeSymbol.start_line"});
   const std::int64_t end = as_int64(field(sym_f::end_line).get(), Where{"symbol", "ScopeSymbol.end_line"});
   // Membership in the module's kind sets, looked up now: the host may rebind them.
-  const bool type_or_callable = check(PySequence_Contains(c.module_attr(kCallableKinds).get(), kind.get())) ||
-                                check(PySequence_Contains(c.module_attr(kTypeKinds).get(), kind.get()));
+  const bool type_or_callable = contains(c.module_attr(kCallableKinds).get(), kind.get(), module_set(kCallableKinds)) ||
+                                contains(c.module_attr(kTypeKinds).get(), kind.get(), module_set(kTypeKinds));
   PyRef key = new_int(id_value);
   const std::int64_t outside = count_of(fan_in, c.state.names[kOutside], key.get(), "outside value");
   const std::int64_t inside = count_of(fan_in, c.state.names[kInside], key.get(), "inside value");
   const bool api = is_api([&] { return outside > 0; },
                           [&] {
                             PyRef entry = check(PyObject_GetAttr(fan_in, c.state.names[kEntry]));
-                            return check(PySequence_Contains(entry.get(), key.get())) != 0;
+                            return contains(entry.get(), key.get(), Where{"fan_in", "entry"});
                           });
   const RankKey k = rank_key(KeyInput{api, type_or_callable, kind_text == "constant", is_private_name(name_text),
                                       outside, inside, start, end});
@@ -252,7 +254,8 @@ PyRef pick_spread_body(Call& c) {
   if (Py_TYPE(scored)->tp_iter == nullptr && !PySequence_Check(scored))
     wrong_type(Where{"scored"}, "an iterable of (name, path) pairs", scored);
   PyRef iterator = check(PyObject_GetIter(scored));
-  NativeFacts paths;  // interns the paths
+  StringPool paths;  // interns the paths
+  std::vector<PyRef> path_objects;
   Spreader spreader(limit, per_file);
   PyRef result = check(PyList_New(0));
   // The limit is tested before each pair: once the result is full, no
@@ -264,7 +267,7 @@ PyRef pick_spread_body(Call& c) {
       break;
     }
     auto [name, path] = unpack_pair(pair.get(), Where{"scored", "an item"});
-    if (spreader.offer(intern(paths, path.get(), Where{"scored", "a path"})))
+    if (spreader.offer(intern(paths, path_objects, path.get(), Where{"scored", "a path"})))
       check(PyList_Append(result.get(), name.get()));
   }
   return result;

@@ -97,7 +97,7 @@ PyRef load_scope_facts(Call& c) {
   for (Py_ssize_t i = 0; i < file_count; ++i) {
     PyObject* file = PyTuple_GET_ITEM(files.get(), i);  // borrowed from files
     PyRef language = language_of(c, file);
-    if (check(PySequence_Contains(resolved.get(), language.get())))
+    if (contains(resolved.get(), language.get(), Where{"db", "the result of import_resolved_languages()"}))
       check(PySet_Add(resolved_paths.get(), attr(c, file, kFilesTable, file_f::path).get()));
   }
 

@@ -73,28 +73,36 @@ PyRef frozenset_of(const std::array<std::string_view, N>& members) {
 }
 
 // FanIn.api: whether the declaration is the page's API, asking the FanIn's
-// maps as `outside.get(symbol_id, 0) > 0 or symbol_id in entry` would.
-PyObject* fan_in_api(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+// maps as `outside.get(symbol_id, 0) > 0 or symbol_id in entry` would. A
+// FanIn itself (not a subclass, which may redefine its fields) is read as
+// the tuple it is.
+PyObject* fan_in_api(PyObject* self, PyTypeObject* defining_class, PyObject* const* args, Py_ssize_t nargs,
+                     PyObject* kwnames) {
   return entry("api", [&]() -> PyRef {
     static const char* const params[] = {"symbol_id"};
     PyObject* id = nullptr;
     bind_arguments(params, 1, args, nargs, kwnames, &id);
+    const bool plain = Py_TYPE(self) == defining_class;
+    auto field = [&](int index, const char* name) {
+      return plain ? PyRef::borrow(PyTuple_GET_ITEM(self, index)) : check(PyObject_GetAttrString(self, name));
+    };
     auto has_outside_uses = [&] {
-      PyRef outside = check(PyObject_GetAttrString(self, "outside"));
-      PyRef count = get_value(outside.get(), id);
+      PyRef count = get_value(field(0, "outside").get(), id);
+      if (!count) return false;
+      if (PyLong_CheckExact(count.get())) return _PyLong_Sign(count.get()) > 0;
       PyRef zero = new_int(0);
-      return count && check(PyObject_RichCompareBool(count.get(), zero.get(), Py_GT)) != 0;
+      return check(PyObject_RichCompareBool(count.get(), zero.get(), Py_GT)) != 0;
     };
     auto in_entry = [&] {
-      PyRef entry_set = check(PyObject_GetAttrString(self, "entry"));
-      return check(PySequence_Contains(entry_set.get(), id)) != 0;
+      return contains(field(2, "entry").get(), id, Where{"self", "entry"});
     };
     return new_bool(is_api(has_outside_uses, in_entry));
   });
 }
 
 PyMethodDef fan_in_api_def = {
-    "api", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(fan_in_api)), METH_FASTCALL | METH_KEYWORDS,
+    "api", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(fan_in_api)),
+    METH_METHOD | METH_FASTCALL | METH_KEYWORDS,
     PyDoc_STR("api($self, /, symbol_id)\n--\n\n"
               "Whether the declaration is the page's API: some counted use from outside the page (an entry of 0 "
               "is none), or an entry point.")};
@@ -211,6 +219,12 @@ PyModuleDef module_def = {
 ModuleState& state_of_module(PyObject* module) { return *static_cast<ModuleState*>(PyModule_GetState(module)); }
 ModuleState& state_of_type(PyTypeObject* type) { return *static_cast<ModuleState*>(PyType_GetModuleState(type)); }
 const Schema& schema_of(TableId table) { return *kSchemas[table]; }
+
+Where module_set(Name name) {
+  static const char* const kSetTexts[] = {"scope.NAME_MATCH_KINDS", "scope._TYPE_KINDS", "scope._CALLABLE_KINDS",
+                                          "scope.EVIDENCE_RESOLUTIONS", "scope._TRUSTED"};
+  return Where{nullptr, kSetTexts[name - kNameMatchKinds]};
+}
 
 }  // namespace scope::py
 

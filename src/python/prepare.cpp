@@ -1,6 +1,7 @@
 #include "prepare.hpp"
 
 #include <algorithm>
+#include <tuple>
 
 namespace scope::py {
 
@@ -14,19 +15,20 @@ Needs everything() { return Needs{~Mask{0}, ~Mask{0}, ~Mask{0}, ~Mask{0}}; }
 // the slots not marked yet: the ids that only Python can compare.
 template <class Matches>
 void ask_each_slot(const NativeFacts& native, std::vector<bool>& marked, Matches matches) {
-  const Derived& d = native.view.derived;
-  for (std::uint32_t slot : d.symbol_slot) {
+  const Table& symbols = native.view.symbols;
+  for (std::size_t row = 0; row < symbols.rows(); ++row) {
+    const std::uint32_t slot = symbols.slot(sym_f::id, row);
     if (slot >= marked.size() || marked[slot]) continue;
-    if (matches(new_int(static_cast<std::int64_t>(d.ids.key(slot))).get())) marked[slot] = true;
+    if (matches(new_int(native.view.id_of(slot)).get())) marked[slot] = true;
   }
 }
 
 // The counts of a FanIn's `outside` or `inside` by slot.
 std::vector<std::int64_t> counts_by_slot(const NativeFacts& native, PyObject* mapping, const char* what,
                                          const char* value_what) {
-  const Derived& d = native.view.derived;
-  std::vector<std::int64_t> counts(d.ids.size(), 0);
-  std::vector<bool> found(d.ids.size(), false);
+  const DenseIndex& ids = native.view.ids;
+  std::vector<std::int64_t> counts(ids.size(), 0);
+  std::vector<bool> found(ids.size(), false);
   bool ask = false;
   std::int64_t id = 0;
   for (const auto& [key, value] : mapping_items(mapping, Where{"fan_in", what})) {
@@ -34,7 +36,7 @@ std::vector<std::int64_t> counts_by_slot(const NativeFacts& native, PyObject* ma
     const IdMatch match = id_of(key.get(), id);
     ask = ask || match == IdMatch::ask;
     if (match != IdMatch::id) continue;
-    const std::uint32_t slot = d.ids.find(static_cast<std::uint64_t>(id));
+    const std::uint32_t slot = ids.find(static_cast<std::uint64_t>(id));
     if (slot < counts.size()) counts[slot] = count, found[slot] = true;
   }
   if (!ask) return counts;
@@ -42,7 +44,7 @@ std::vector<std::int64_t> counts_by_slot(const NativeFacts& native, PyObject* ma
   ask_each_slot(native, asked, [&](PyObject* key) {
     PyRef value = get_value(mapping, key);
     if (!value) return false;
-    const std::uint32_t slot = d.ids.find(static_cast<std::uint64_t>(PyLong_AsLongLong(key)));
+    const std::uint32_t slot = ids.find(static_cast<std::uint64_t>(PyLong_AsLongLong(key)));
     counts[slot] = as_int64(value.get(), Where{"fan_in", value_what});
     return true;
   });
@@ -63,12 +65,12 @@ Vocab vocab_for(PyObject* module, const ModuleState& state, const NativeFacts& n
   Vocab vocab;
   auto ask = [&](const std::vector<StrId>& ids, std::initializer_list<std::pair<Name, std::uint16_t>> sets) {
     if (ids.empty()) return;
-    std::vector<std::pair<PyRef, std::uint16_t>> bound;
-    for (auto [name, which] : sets) bound.emplace_back(module_attr(module, state, name), which);
+    std::vector<std::tuple<PyRef, std::uint16_t, Name>> bound;
+    for (auto [name, which] : sets) bound.emplace_back(module_attr(module, state, name), which, name);
     for (StrId id : ids) {
       PyRef text = native.strings[id];  // held while the host's sets are asked
-      for (const auto& [set, which] : bound)
-        if (check(PySequence_Contains(set.get(), text.get()))) vocab.set(id, which);
+      for (const auto& [set, which, name] : bound)
+        if (contains(set.get(), text.get(), module_set(name))) vocab.set(id, which);
       vocab.set_literals(native.view.pool, id);
     }
   };
@@ -102,14 +104,13 @@ void prepare_records(PyObject* module, const ModuleState& state, NativeFacts& sc
                      const char* argument, Vocab& vocab) {
   load_columns(state, scratch, kSymbolsTable, records, fields | bit(sym_f::id), argument);
   vocab = vocab_for(module, state, scratch);
-  derive(scratch.view, vocab, Needs{.derived = derived::symbol_slots});
 }
 
 std::vector<bool> slots_in(NativeFacts& native, PyObject* container, Where where) {
   if (Py_TYPE(container)->tp_iter == nullptr && !PySequence_Check(container))
     wrong_type(where, "a collection of symbol ids", container);
-  const Derived& d = native.view.derived;
-  std::vector<bool> marked(d.ids.size(), false);
+  const DenseIndex& ids = native.view.ids;
+  std::vector<bool> marked(ids.size(), false);
   std::vector<PyRef> others;  // members that only Python can compare with an id
   std::int64_t id = 0;
   PyRef iterator = check(PyObject_GetIter(container));
@@ -117,7 +118,7 @@ std::vector<bool> slots_in(NativeFacts& native, PyObject* container, Where where
     const IdMatch match = id_of(item.get(), id);
     if (match == IdMatch::ask) others.push_back(std::move(item));
     if (match != IdMatch::id) continue;
-    const std::uint32_t slot = d.ids.find(static_cast<std::uint64_t>(id));
+    const std::uint32_t slot = ids.find(static_cast<std::uint64_t>(id));
     if (slot < marked.size()) marked[slot] = true;
   }
   if (PyErr_Occurred()) throw PyError{};

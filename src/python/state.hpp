@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "../core/schema.hpp"
-#include "pyref.hpp"
+#include "args.hpp"
 
 namespace scope::py {
 
@@ -54,6 +54,10 @@ struct ModuleState {
 ModuleState& state_of_module(PyObject* module);
 ModuleState& state_of_type(PyTypeObject* type);
 const Schema& schema_of(TableId table);
+
+// Where a set the module's functions look up (as `scope.NAME_MATCH_KINDS`)
+// comes from, for messages.
+Where module_set(Name name);
 
 // An attribute of the module, looked up now: the host may rebind it.
 inline PyRef module_attr(PyObject* module, const ModuleState& state, Name name) {
