@@ -32,13 +32,12 @@ void append_joined(std::string& out, const std::vector<std::string>& items, std:
 
 // What the references from production files outside the page say.
 struct ConsumerCounts {
-  // Per consumer file, in first-counted order: its path and total, and the
-  // summed refs of its counted references by target name, names in
-  // first-counted order (names[start[c] .. start[c + 1])).
+  // Per consumer file, in first-counted order: its path and the summed refs
+  // of its counted references.
   std::vector<StrId> path;
   std::vector<std::int64_t> total;
-  std::vector<std::uint32_t> start;
-  std::vector<std::pair<StrId, std::int64_t>> names;
+  // The counted references: rows, and their consumers.
+  std::vector<std::uint32_t> counted, counted_consumer;
   std::vector<bool> used;  // by slot: reached by some counted reference
   // References that are no evidence: summed refs by resolution (resolutions
   // in first-seen order), and how many files they come from.
@@ -52,7 +51,6 @@ ConsumerCounts count_consumers(const FactsView& view, const Vocab& vocab) {
   const std::size_t strings = view.pool.size();
   const auto source = in.strs(in_f::source_path), resolution = in.strs(in_f::resolution);
   const auto kind = in.strs(in_f::target_kind), target_path = in.strs(in_f::target_path);
-  const auto name = in.strs(in_f::target_name);
   const auto target = in.ints(in_f::target_id), refs = in.ints(in_f::refs);
   const auto words = vocab.reader();
   const auto paths = view.path_reader();
@@ -61,7 +59,6 @@ ConsumerCounts count_consumers(const FactsView& view, const Vocab& vocab) {
   counts.left_refs.assign(strings, 0);
   std::vector<std::uint32_t> consumer_of(strings, Groups::kNone);  // path -> consumer
   std::vector<std::uint8_t> left_file(strings, 0), left_seen(strings, 0);
-  std::vector<std::uint32_t> counted, counted_consumer;  // counted rows and their consumers
   for (std::size_t row = 0; row < in.rows(); ++row) {
     // The page's own files and tests are no consumers, and are not reported.
     if (paths.has(source[row], path_bit::in_page | path_bit::test_source)) continue;
@@ -79,33 +76,43 @@ ConsumerCounts count_consumers(const FactsView& view, const Vocab& vocab) {
       counts.total.push_back(0);
     }
     counts.total[consumer] = checked_add(counts.total[consumer], refs[row]);
-    counted.push_back(static_cast<std::uint32_t>(row));
-    counted_consumer.push_back(consumer);
+    counts.counted.push_back(static_cast<std::uint32_t>(row));
+    counts.counted_consumer.push_back(consumer);
     used[static_cast<std::uint32_t>(target[row])] = 1;
   }
   counts.used.assign(used.begin(), used.end());
-  // Each consumer's names in the order of their first counted reference.
-  Groups by_consumer =
-      group_rows(counted.size(), counts.path.size(), [&](std::size_t i) { return counted_consumer[i]; });
-  std::vector<std::uint32_t> position(strings, Groups::kNone);  // name -> index among the consumer's names
-  counts.start.assign(counts.path.size() + 1, 0);
-  for (std::size_t c = 0; c < counts.path.size(); ++c) {
-    const std::size_t first = counts.names.size();
-    for (std::uint32_t i : by_consumer.of_key(static_cast<std::uint32_t>(c))) {
-      const std::uint32_t row = counted[i];
+  return counts;
+}
+
+// The names that the counted references of each chosen consumer reach, with
+// their summed refs, in the order of their first counted reference.
+std::vector<std::vector<std::pair<StrId, std::int64_t>>> consumer_names(const FactsView& view,
+                                                                        const ConsumerCounts& counts,
+                                                                        const std::vector<std::uint32_t>& chosen) {
+  const Table& in = view.inbound;
+  const auto name = in.strs(in_f::target_name);
+  const auto refs = in.ints(in_f::refs);
+  std::vector<std::uint32_t> slot_of(counts.path.size(), Groups::kNone);  // consumer -> index in chosen
+  for (std::uint32_t i = 0; i < chosen.size(); ++i) slot_of[chosen[i]] = i;
+  std::vector<std::vector<std::uint32_t>> rows(chosen.size());
+  for (std::size_t i = 0; i < counts.counted.size(); ++i)
+    if (slot_of[counts.counted_consumer[i]] != Groups::kNone)
+      rows[slot_of[counts.counted_consumer[i]]].push_back(counts.counted[i]);
+  std::vector<std::uint32_t> position(view.pool.size(), Groups::kNone);  // name -> index among the names
+  std::vector<std::vector<std::pair<StrId, std::int64_t>>> names(chosen.size());
+  for (std::size_t c = 0; c < chosen.size(); ++c) {
+    for (std::uint32_t row : rows[c]) {
       std::uint32_t& at = position[name[row]];
       if (at == Groups::kNone) {
-        at = static_cast<std::uint32_t>(counts.names.size() - first);
-        counts.names.emplace_back(name[row], refs[row]);
+        at = static_cast<std::uint32_t>(names[c].size());
+        names[c].emplace_back(name[row], refs[row]);
       } else {
-        auto& sum = counts.names[first + at].second;
-        sum = checked_add(sum, refs[row]);
+        names[c][at].second = checked_add(names[c][at].second, refs[row]);
       }
     }
-    for (std::size_t i = first; i < counts.names.size(); ++i) position[counts.names[i].first] = Groups::kNone;
-    counts.start[c + 1] = static_cast<std::uint32_t>(counts.names.size());
+    for (const auto& entry : names[c]) position[entry.first] = Groups::kNone;
   }
-  return counts;
+  return names;
 }
 
 // The distinct languages of the page's files whose imports the index does
@@ -138,20 +145,24 @@ std::string intro_line(const std::vector<std::string_view>& unresolved) {
 
 // The best consumers first (highest total, then path), at most
 // kConsumerRows rows, then the overflow row.
-void append_consumer_rows(std::vector<std::string>& lines, const StringPool& pool, const ConsumerCounts& counts) {
+void append_consumer_rows(std::vector<std::string>& lines, const FactsView& view, const ConsumerCounts& counts) {
+  const StringPool& pool = view.pool;
   std::vector<std::uint32_t> order(counts.path.size());
   for (std::uint32_t c = 0; c < order.size(); ++c) order[c] = c;
-  std::stable_sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
-    return counts.total[a] != counts.total[b] ? counts.total[a] > counts.total[b]
-                                              : pool.text(counts.path[a]) < pool.text(counts.path[b]);
-  });
-  const auto rows = static_cast<std::size_t>(kConsumerRows);
-  for (std::size_t i = 0; i < order.size() && i < rows; ++i) {
-    const std::uint32_t c = order[i];
-    std::vector<std::pair<StrId, std::int64_t>> by_count(counts.names.begin() + counts.start[c],
-                                                         counts.names.begin() + counts.start[c + 1]);
-    std::stable_sort(by_count.begin(), by_count.end(),
-                     [](const auto& a, const auto& b) { return a.second > b.second; });
+  // Total, then path, then first-counted order: a total order, so the first
+  // rows of a stable sort come from a partial one.
+  const std::size_t shown = std::min<std::size_t>(order.size(), static_cast<std::size_t>(kConsumerRows));
+  std::partial_sort(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(shown), order.end(),
+                    [&](std::uint32_t a, std::uint32_t b) {
+                      if (counts.total[a] != counts.total[b]) return counts.total[a] > counts.total[b];
+                      const std::string_view pa = pool.text(counts.path[a]), pb = pool.text(counts.path[b]);
+                      return pa != pb ? pa < pb : a < b;
+                    });
+  order.resize(shown);
+  auto names_of = consumer_names(view, counts, order);
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    auto& by_count = names_of[i];
+    std::stable_sort(by_count.begin(), by_count.end(), [](const auto& a, const auto& b) { return a.second > b.second; });
     std::vector<std::string> names;
     for (const auto& [name, count] : by_count) {
       std::string quoted(1, '`');
@@ -160,13 +171,14 @@ void append_consumer_rows(std::vector<std::string>& lines, const StringPool& poo
       names.push_back(std::move(quoted));
     }
     std::string row = "- `";
-    row += pool.text(counts.path[c]);
+    row += pool.text(counts.path[order[i]]);
     row += "` uses ";
     row += named(names, kConsumerNames);
-    row += " (" + std::to_string(counts.total[c]) + " refs)";
+    row += " (" + std::to_string(counts.total[order[i]]) + " refs)";
     lines.push_back(std::move(row));
   }
-  if (order.size() > rows) lines.push_back("- _...and " + std::to_string(order.size() - rows) + " more files_");
+  if (counts.path.size() > shown)
+    lines.push_back("- _...and " + std::to_string(counts.path.size() - shown) + " more files_");
 }
 
 std::string not_counted_line(const StringPool& pool, const ConsumerCounts& counts) {
@@ -248,7 +260,7 @@ std::string render_consumers(const FactsView& view, const Vocab& vocab, const Fa
   lines.emplace_back(heading);
   lines.emplace_back();
   lines.push_back(intro_line(unresolved));
-  append_consumer_rows(lines, view.pool, counts);
+  append_consumer_rows(lines, view, counts);
   if (counts.path.empty())
     lines.push_back(std::string(kNoConsumers) +
                     (unresolved.empty() ? "through an `import` or `local` edge." : "by a unique name."));

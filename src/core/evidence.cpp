@@ -5,35 +5,45 @@ namespace scope {
 FanInCounts count_fan_in(const FactsView& view, const Vocab& vocab) {
   const Table& in = view.inbound;
   const std::size_t slots = view.ids.size();
-  FanInCounts counts{FanInSlots(slots), {}, {}, std::vector<bool>(slots, false)};
   const auto source = in.strs(in_f::source_path), resolution = in.strs(in_f::resolution);
   const auto kind = in.strs(in_f::target_kind);
   const auto target = in.ints(in_f::target_id), refs = in.ints(in_f::refs);
   const auto words = vocab.reader();
   const auto paths = view.path_reader();
-  // By slot: whether the target is listed yet, outside (bit 0) and inside (bit 1).
-  std::vector<std::uint8_t> listed(slots, 0);
-  std::vector<std::uint8_t> referenced(slots, 0);
-  std::int64_t* sums[2] = {counts.uses.outside.data(), counts.uses.inside.data()};
+  // Everything a reference changes of its target, side by side: one cache
+  // line a reference, as targets come in no useful order.
+  struct Target {
+    std::int64_t sums[2];  // outside, inside
+    std::uint8_t listed;   // bit 0: in the outside order, bit 1: in the inside order
+    std::uint8_t referenced;
+  };
+  std::vector<Target> by_slot(slots, Target{{0, 0}, 0, 0});
+  FanInCounts counts;
   std::vector<std::uint32_t>* order[2] = {&counts.outside_order, &counts.inside_order};
-  for (std::size_t row = 0; row < in.rows(); ++row) {
-    // A test's reference neither counts nor marks its target.
-    const std::uint8_t source_bits = source[row] < paths.size ? paths.bits[source[row]] : 0;
-    if (source_bits & path_bit::test_source) continue;
-    const StrId r = resolution[row];
-    const auto slot = static_cast<std::uint32_t>(target[row]);
-    if (!words.has(r, vocab_bit::legacy)) referenced[slot] = 1;
-    if (!counts_toward_fan_in(words.has(r, vocab_bit::evidence), words.has(r, vocab_bit::trusted),
-                              words.has(kind[row], vocab_bit::name_match)))
+  const std::size_t rows = in.rows();
+  for (std::size_t row = 0; row < rows; ++row) {
+    const std::uint8_t source_bits = paths.get(source[row]);
+    if (source_bits & path_bit::test_source) continue;  // a test neither counts nor marks its target
+    const std::uint16_t r = words.get(resolution[row]);
+    Target& t = by_slot[static_cast<std::uint32_t>(target[row])];
+    t.referenced |= static_cast<std::uint8_t>((r & vocab_bit::legacy) == 0);
+    if (!counts_toward_fan_in((r & vocab_bit::evidence) != 0, (r & vocab_bit::trusted) != 0,
+                              (words.get(kind[row]) & vocab_bit::name_match) != 0))
       continue;
-    const int side = (source_bits & path_bit::in_page) ? 1 : 0;
-    if (!(listed[slot] & (1 << side))) {
-      listed[slot] |= static_cast<std::uint8_t>(1 << side);
-      order[side]->push_back(slot);
+    const int side = (source_bits & path_bit::in_page) != 0;
+    if (!(t.listed & (1 << side))) {
+      t.listed |= static_cast<std::uint8_t>(1 << side);
+      order[side]->push_back(static_cast<std::uint32_t>(target[row]));
     }
-    sums[side][slot] = checked_add(sums[side][slot], refs[row]);
+    t.sums[side] = checked_add(t.sums[side], refs[row]);
   }
-  counts.referenced.assign(referenced.begin(), referenced.end());
+  counts.uses = FanInSlots(slots);
+  counts.referenced.resize(slots);
+  for (std::size_t slot = 0; slot < slots; ++slot) {
+    counts.uses.outside[slot] = by_slot[slot].sums[0];
+    counts.uses.inside[slot] = by_slot[slot].sums[1];
+    counts.referenced[slot] = by_slot[slot].referenced != 0;
+  }
   return counts;
 }
 

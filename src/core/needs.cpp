@@ -59,6 +59,7 @@ std::vector<bool> find_members(const FactsView& view, const Vocab& vocab) {
 
 void derive(FactsView& view, const Vocab& vocab, const Needs& needs) {
   Derived& d = view.derived;
+  if (view.path_bits.size() < view.pool.size()) view.path_bits.resize(view.pool.size(), 0);
   const std::uint8_t wanted = needs.complete().derived;
   auto missing = [&](std::uint8_t which) { return (wanted & which) && !(d.ready & which); };
   if (missing(derived::by_path)) {

@@ -6,22 +6,7 @@
 
 namespace scope {
 
-std::vector<StrId> outside_target_paths(const FactsView& view) {
-  const Table& out = view.outbound;
-  std::vector<StrId> paths;
-  std::vector<bool> seen(view.pool.size(), false);
-  for (std::size_t row = 0; row < out.rows(); ++row) {
-    const StrId path = out.str(out_f::target_path, row);
-    if (view.path_has(path, path_bit::in_page) || seen[path]) continue;
-    seen[path] = true;
-    paths.push_back(path);
-  }
-  return paths;
-}
-
-std::vector<Neighbour> neighbours(const FactsView& view, const Vocab& vocab, const std::vector<bool>& is_test,
-                                  std::int64_t limit) {
-  if (limit <= 0) return {};
+NeighbourRanking::NeighbourRanking(const FactsView& view, const Vocab& vocab) : view_(view) {
   const Table& out = view.outbound;
   const auto path = out.strs(out_f::target_path), resolution = out.strs(out_f::resolution);
   const auto kind = out.strs(out_f::target_kind);
@@ -33,7 +18,7 @@ std::vector<Neighbour> neighbours(const FactsView& view, const Vocab& vocab, con
   std::vector<std::uint32_t> last(view.ids.size(), Groups::kNone);
   std::vector<std::uint32_t> order;
   for (std::size_t row = 0; row < out.rows(); ++row) {
-    if (paths.has(path[row], path_bit::in_page) || (path[row] < is_test.size() && is_test[path[row]])) continue;
+    if (paths.has(path[row], path_bit::in_page)) continue;
     // A non-evidence edge to an attribute or a constant only matches a name.
     if (!words.has(resolution[row], vocab_bit::evidence) && words.has(kind[row], vocab_bit::name_match)) continue;
     const auto slot = static_cast<std::uint32_t>(target[row]);
@@ -41,28 +26,33 @@ std::vector<Neighbour> neighbours(const FactsView& view, const Vocab& vocab, con
     sums[slot] = checked_add(sums[slot], refs[row]);
     last[slot] = static_cast<std::uint32_t>(row);
   }
-  // The first `limit` of a stable sort by (count descending, fqn): with the
-  // first-counted position as the last key the order is total, so a partial
-  // sort gives them.
-  std::vector<std::uint32_t> ranked(order.size());
-  for (std::uint32_t i = 0; i < ranked.size(); ++i) ranked[i] = i;
-  const auto fqn = out.strs(out_f::target_fqn);
-  auto before = [&](std::uint32_t a, std::uint32_t b) {
-    const std::int64_t ca = sums[order[a]], cb = sums[order[b]];
-    if (ca != cb) return ca > cb;
-    const StrId fa = fqn[last[order[a]]], fb = fqn[last[order[b]]];
-    if (fa != fb) {
-      const std::string_view ta = view.pool.text(fa), tb = view.pool.text(fb);
-      if (ta != tb) return ta < tb;
-    }
-    return a < b;
-  };
-  const std::size_t kept = std::min<std::uint64_t>(static_cast<std::uint64_t>(limit), ranked.size());
-  std::partial_sort(ranked.begin(), ranked.begin() + static_cast<std::ptrdiff_t>(kept), ranked.end(), before);
-  std::vector<Neighbour> result;
-  result.reserve(kept);
-  for (std::size_t i = 0; i < kept; ++i) result.push_back({last[order[ranked[i]]], sums[order[ranked[i]]]});
-  return result;
+  // Targets numbered in first-counted order, so that the number breaks ties.
+  for (std::uint32_t slot : order) sums_.push_back(sums[slot]), last_.push_back(last[slot]);
+  heap_.resize(order.size());
+  for (std::uint32_t i = 0; i < heap_.size(); ++i) heap_[i] = i;
+  std::make_heap(heap_.begin(), heap_.end(), [this](std::uint32_t a, std::uint32_t b) { return later(a, b); });
+}
+
+// std heaps put the largest first: "later" compares as larger. Count, fqn
+// and first-counted order make a total order.
+bool NeighbourRanking::later(std::uint32_t a, std::uint32_t b) const {
+  if (sums_[a] != sums_[b]) return sums_[a] < sums_[b];
+  const auto fqn = view_.outbound.strs(out_f::target_fqn);
+  const StrId fa = fqn[last_[a]], fb = fqn[last_[b]];
+  if (fa != fb) {
+    const std::string_view ta = view_.pool.text(fa), tb = view_.pool.text(fb);
+    if (ta != tb) return ta > tb;
+  }
+  return a > b;
+}
+
+bool NeighbourRanking::next(Neighbour& neighbour) {
+  if (heap_.empty()) return false;
+  std::pop_heap(heap_.begin(), heap_.end(), [this](std::uint32_t a, std::uint32_t b) { return later(a, b); });
+  const std::uint32_t best = heap_.back();
+  heap_.pop_back();
+  neighbour = {last_[best], sums_[best], view_.outbound.str(out_f::target_path, last_[best])};
+  return true;
 }
 
 std::vector<PathPairCount> name_match_counts(const FactsView& view, const Vocab& vocab) {

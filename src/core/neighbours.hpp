@@ -9,26 +9,35 @@
 
 namespace scope {
 
-// Distinct target paths, in first-seen order, of the outbound references
-// whose target lies outside the page: the paths whose test status the
-// neighbours need.
-inline constexpr Needs kOutsideTargetNeeds{.outbound = bit(out_f::target_path), .path_bits = path_bit::in_page};
-std::vector<StrId> outside_target_paths(const FactsView& view);
-
 struct Neighbour {
   std::uint32_t row;   // outbound row of the last counted reference to the target
   std::int64_t count;  // summed refs
+  StrId path;          // the target's path
 };
 
-// The declarations outside the page (and outside the paths `is_test` marks,
-// by StrId) that the page uses most, highest count first, then fqn
-// ascending, then first counted. A name match to an attribute or a constant
-// is no use. At most `limit`.
-inline constexpr Needs kNeighbourNeeds =
-    kOutsideTargetNeeds | Needs{.outbound = bits(out_f::resolution, out_f::refs, out_f::target_id,
-                                                 out_f::target_kind, out_f::target_fqn)};
-std::vector<Neighbour> neighbours(const FactsView& view, const Vocab& vocab, const std::vector<bool>& is_test,
-                                  std::int64_t limit);
+// The declarations outside the page that the page uses, best first: highest
+// count first, then fqn ascending, then first counted. A name match to an
+// attribute or a constant is no use. Which targets lie in test files is the
+// host's to say, so the ranking is taken one target at a time (`next`): the
+// caller skips those in test files and stops when it has enough, asking its
+// path filter only about the paths it meets.
+class NeighbourRanking {
+ public:
+  NeighbourRanking(const FactsView& view, const Vocab& vocab);
+  // The next best target; false when there is none left.
+  bool next(Neighbour& neighbour);
+
+ private:
+  bool later(std::uint32_t a, std::uint32_t b) const;
+  const FactsView& view_;
+  std::vector<std::int64_t> sums_;   // by target
+  std::vector<std::uint32_t> last_;  // by target: the last counted row
+  std::vector<std::uint32_t> heap_;  // targets, in first-counted order before the heap is made
+};
+inline constexpr Needs kNeighbourNeeds{
+    .outbound = bits(out_f::resolution, out_f::refs, out_f::target_id, out_f::target_path, out_f::target_kind,
+                     out_f::target_fqn),
+    .path_bits = path_bit::in_page};
 
 // "unique" references to attributes and constants per (source path, target
 // path): inbound first, then outbound, every file included; pairs in

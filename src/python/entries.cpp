@@ -36,7 +36,7 @@ PyRef text_list(const std::vector<std::string>& texts) {
 // A dict of the counts at `order` of a by-slot array, keyed by symbol id.
 PyRef counts_dict(const std::vector<std::uint32_t>& order, const std::vector<std::int64_t>& counts,
                   const DenseIndex& ids) {
-  PyRef dict = check(PyDict_New());
+  PyRef dict = check(_PyDict_NewPresized(static_cast<Py_ssize_t>(order.size())));
   for (std::uint32_t slot : order)
     check(PyDict_SetItem(dict.get(), new_int(static_cast<std::int64_t>(ids.key(slot))).get(),
                          new_int(counts[slot]).get()));
@@ -295,8 +295,8 @@ PyRef file_users_body(Call& c) {
     // Counter is a dict subclass: filling it as a dict keeps its order.
     PyRef counter = check(PyObject_CallNoArgs(c.state.counter_type));
     for (const auto& [user, count] : users->of(entry))
-      check(PyDict_SetItem(counter.get(), str_of(p.native, user).get(), new_int(count).get()));
-    check(PyDict_SetItem(result.get(), str_of(p.native, users->target[entry]).get(), counter.get()));
+      check(PyDict_SetItem(counter.get(), p.native.strings[user].get(), new_int(count).get()));
+    check(PyDict_SetItem(result.get(), p.native.strings[users->target[entry]].get(), counter.get()));
   }
   return result;
 }
@@ -386,31 +386,31 @@ PyRef neighbours_body(Call& c) {
   FactsObject* facts = c.facts(0);
   const std::int64_t limit = as_int64(c.arg(1), Where{"limit"});
   Prepared p(c.module, c.state, facts, kNeighbourNeeds);
-  // The path filter is asked once per distinct target path outside the
-  // page, in order of first sight: it is a pure function of the path.
-  std::vector<bool> is_test;
-  if (limit > 0) {
-    PyRef is_test_path = c.module_attr(kIsTestPath);
-    const std::vector<StrId> paths = outside_target_paths(p.view);
-    is_test.assign(p.view.pool.size(), false);
-    for (StrId path : paths)
-      if (truth(check(PyObject_CallOneArg(is_test_path.get(), str_of(p.native, path).get())).get()))
-        is_test[path] = true;
-  }
-  const std::vector<Neighbour> ranked = neighbours(p.view, p.vocab, is_test, limit);
-  PyRef result = check(PyList_New(static_cast<Py_ssize_t>(ranked.size())));
-  for (std::size_t i = 0; i < ranked.size(); ++i) {
-    PyRef count = new_int(ranked[i].count);
-    PyRef pair = check(PyTuple_Pack(2, p.native.targets[ranked[i].row].get(), count.get()));
-    PyList_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i), pair.release());
+  PyRef result = check(PyList_New(0));
+  if (limit <= 0) return result;
+  // The path filter is asked about the paths of the best targets only, each
+  // path once, until `limit` targets outside test files are found: it is a
+  // pure function of the path, and a test file's targets take no place.
+  NeighbourRanking ranking(p.view, p.vocab);
+  PyRef is_test_path = c.module_attr(kIsTestPath);
+  std::vector<std::int8_t> test(p.view.pool.size(), -1);  // by path: unknown, no, yes
+  Neighbour next{};
+  while (PyList_GET_SIZE(result.get()) < limit && ranking.next(next)) {
+    if (test[next.path] < 0)
+      test[next.path] = truth(check(PyObject_CallOneArg(is_test_path.get(), str_of(p.native, next.path).get())).get());
+    if (test[next.path]) continue;
+    PyRef count = new_int(next.count);
+    PyRef pair = check(PyTuple_Pack(2, p.native.targets[next.row].get(), count.get()));
+    check(PyList_Append(result.get(), pair.get()));
   }
   return result;
 }
 
 PyRef name_match_counts_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kNameMatchNeeds);
-  PyRef result = check(PyDict_New());
-  for (const PathPairCount& pair : name_match_counts(p.view, p.vocab)) {
+  const std::vector<PathPairCount> pairs = name_match_counts(p.view, p.vocab);
+  PyRef result = check(_PyDict_NewPresized(static_cast<Py_ssize_t>(pairs.size())));
+  for (const PathPairCount& pair : pairs) {
     PyRef key = check(PyTuple_Pack(2, str_of(p.native, pair.source).get(), str_of(p.native, pair.target).get()));
     check(PyDict_SetItem(result.get(), key.get(), new_int(pair.count).get()));
   }

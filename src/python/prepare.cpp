@@ -77,6 +77,10 @@ Vocab vocab_for(PyObject* module, const ModuleState& state, const NativeFacts& n
   ask(kinds,
       {{kNameMatchKinds, vocab_bit::name_match}, {kTypeKinds, vocab_bit::type}, {kCallableKinds, vocab_bit::callable}});
   ask(resolutions, {{kEvidenceResolutions, vocab_bit::evidence}, {kTrusted, vocab_bit::trusted}});
+  // Cover every kind and resolution, with bits or without.
+  for (const std::vector<StrId>* ids : {&kinds, &resolutions})
+    for (StrId id : *ids)
+      if (id >= vocab.bits.size()) vocab.bits.resize(std::size_t{id} + 1, 0);
   return vocab;
 }
 
