@@ -46,14 +46,12 @@ struct ConsumerCounts {
   std::size_t left_files = 0;
 };
 
-ConsumerCounts count_consumers(const FactsView& view, const Vocab& vocab) {
+ConsumerCounts count_consumers(const FactsView& view) {
   const Table& in = view.inbound;
   const std::size_t strings = view.pool.size();
   const auto source = in.strs(in_f::source_path), resolution = in.strs(in_f::resolution);
-  const auto kind = in.strs(in_f::target_kind), target_path = in.strs(in_f::target_path);
   const auto target = in.ints(in_f::target_id), refs = in.ints(in_f::refs);
-  const auto words = vocab.reader();
-  const auto paths = view.path_reader();
+  const std::uint8_t* terms = view.derived.inbound_terms.data();
   ConsumerCounts counts;
   std::vector<std::uint8_t> used(view.ids.size(), 0);
   counts.left_refs.assign(strings, 0);
@@ -61,9 +59,9 @@ ConsumerCounts count_consumers(const FactsView& view, const Vocab& vocab) {
   std::vector<std::uint8_t> left_file(strings, 0), left_seen(strings, 0);
   for (std::size_t row = 0; row < in.rows(); ++row) {
     // The page's own files and tests are no consumers, and are not reported.
-    if (paths.has(source[row], path_bit::in_page | path_bit::test_source)) continue;
-    const StrId r = resolution[row];
-    if (!is_use_of(words, paths, r, kind[row], target_path[row])) {
+    if (terms[row] & (in_term::from_page | in_term::from_test)) continue;
+    if (!(terms[row] & in_term::use)) {
+      const StrId r = resolution[row];
       if (!left_seen[r]) left_seen[r] = 1, counts.left_resolutions.push_back(r);
       counts.left_refs[r] = checked_add(counts.left_refs[r], refs[row]);
       if (!left_file[source[row]]) left_file[source[row]] = 1, ++counts.left_files;
@@ -254,7 +252,7 @@ std::vector<std::uint32_t> unused_outside(const FactsView& view, const Vocab& vo
 
 std::string render_consumers(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in,
                              std::string_view heading) {
-  const ConsumerCounts counts = count_consumers(view, vocab);
+  const ConsumerCounts counts = count_consumers(view);
   const std::vector<std::string_view> unresolved = unresolved_languages(view);
   std::vector<std::string> lines;
   lines.emplace_back(heading);

@@ -2,14 +2,11 @@
 
 namespace scope {
 
-FanInCounts count_fan_in(const FactsView& view, const Vocab& vocab) {
+FanInCounts count_fan_in(const FactsView& view, const Vocab&) {
   const Table& in = view.inbound;
   const std::size_t slots = view.ids.size();
-  const auto source = in.strs(in_f::source_path), resolution = in.strs(in_f::resolution);
-  const auto kind = in.strs(in_f::target_kind);
+  const std::uint8_t* terms = view.derived.inbound_terms.data();
   const auto target = in.ints(in_f::target_id), refs = in.ints(in_f::refs);
-  const auto words = vocab.reader();
-  const auto paths = view.path_reader();
   // Everything a reference changes of its target, side by side: one cache
   // line a reference, as targets come in no useful order.
   struct Target {
@@ -20,17 +17,13 @@ FanInCounts count_fan_in(const FactsView& view, const Vocab& vocab) {
   std::vector<Target> by_slot(slots, Target{{0, 0}, 0, 0});
   FanInCounts counts;
   std::vector<std::uint32_t>* order[2] = {&counts.outside_order, &counts.inside_order};
-  const std::size_t rows = in.rows();
-  for (std::size_t row = 0; row < rows; ++row) {
-    const std::uint8_t source_bits = paths.get(source[row]);
-    if (source_bits & path_bit::test_source) continue;  // a test neither counts nor marks its target
-    const std::uint16_t r = words.get(resolution[row]);
+  for (std::size_t row = 0; row < in.rows(); ++row) {
+    const std::uint8_t term = terms[row];
+    if (term & in_term::from_test) continue;  // a test neither counts nor marks its target
     Target& t = by_slot[static_cast<std::uint32_t>(target[row])];
-    t.referenced |= static_cast<std::uint8_t>((r & vocab_bit::legacy) == 0);
-    if (!counts_toward_fan_in((r & vocab_bit::evidence) != 0, (r & vocab_bit::trusted) != 0,
-                              (words.get(kind[row]) & vocab_bit::name_match) != 0))
-      continue;
-    const int side = (source_bits & path_bit::in_page) != 0;
+    t.referenced |= static_cast<std::uint8_t>((term & in_term::marks) != 0);
+    if (!(term & in_term::counted)) continue;
+    const int side = (term & in_term::from_page) != 0;
     if (!(t.listed & (1 << side))) {
       t.listed |= static_cast<std::uint8_t>(1 << side);
       order[side]->push_back(static_cast<std::uint32_t>(target[row]));

@@ -27,16 +27,6 @@ struct FanInSlots {
   }
 };
 
-// Whether a reference (by its resolution, its target's kind and its
-// target's path) is evidence of use: the is_use rule on the view's bits.
-inline bool is_use_of(BitsReader<std::uint16_t> words, BitsReader<std::uint8_t> paths, StrId resolution,
-                      StrId target_kind, StrId target_path) {
-  return is_use([&] { return words.has(resolution, vocab_bit::evidence); },
-                [&] { return words.has(resolution, vocab_bit::unique); },
-                [&] { return paths.has(target_path, path_bit::import_resolved); },
-                [&] { return words.has(target_kind, vocab_bit::name_match); });
-}
-
 // The counting half of the production fan-in.
 struct FanInCounts {
   FanInSlots uses;                           // entry is left empty
@@ -44,9 +34,8 @@ struct FanInCounts {
   std::vector<std::uint32_t> inside_order;
   std::vector<bool> referenced;  // by slot: named by production code (not "legacy")
 };
-inline constexpr Needs kCountFanInNeeds{
-    .inbound = bits(in_f::source_path, in_f::target_id, in_f::resolution, in_f::target_kind, in_f::refs),
-    .path_bits = path_bit::in_page | path_bit::test_source};
+inline constexpr Needs kCountFanInNeeds{.inbound = bits(in_f::target_id, in_f::refs),
+                                        .derived = derived::inbound_terms};
 FanInCounts count_fan_in(const FactsView& view, const Vocab& vocab);
 
 // Rows of the declarations that pass every entry-point test but the path

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "rules.hpp"
+
 namespace scope {
 
 namespace {
@@ -55,24 +57,83 @@ std::vector<bool> find_members(const FactsView& view, const Vocab& vocab) {
   return member;
 }
 
+std::vector<std::uint8_t> inbound_terms(const FactsView& view, const Vocab& vocab) {
+  const Table& in = view.inbound;
+  const auto source = in.strs(in_f::source_path);
+  const auto resolution = in.strs(in_f::resolution), kind = in.strs(in_f::target_kind);
+  const auto words = vocab.reader();
+  const auto paths = view.path_reader();
+  std::vector<std::uint8_t> terms(in.rows());
+  for (std::size_t row = 0; row < in.rows(); ++row) {
+    const std::uint16_t r = words.get(resolution[row]);
+    const bool name_match_kind = words.has(kind[row], vocab_bit::name_match);
+    const std::uint8_t from = paths.get(source[row]);
+    terms[row] = static_cast<std::uint8_t>(
+        ((from & path_bit::test_source) ? in_term::from_test : 0) | ((from & path_bit::in_page) ? in_term::from_page : 0) |
+        (counts_toward_fan_in(r & vocab_bit::evidence, r & vocab_bit::trusted, name_match_kind) ? in_term::counted : 0) |
+        ((r & vocab_bit::legacy) ? 0 : in_term::marks) |
+        (((r & vocab_bit::unique) && name_match_kind) ? in_term::name_match : 0));
+  }
+  return terms;
+}
+
+// Adds the use and to_itself bits to the terms.
+void add_inbound_uses(const FactsView& view, const Vocab& vocab, std::vector<std::uint8_t>& terms) {
+  const Table& in = view.inbound;
+  const auto source = in.strs(in_f::source_path), target = in.strs(in_f::target_path);
+  const auto resolution = in.strs(in_f::resolution), kind = in.strs(in_f::target_kind);
+  const auto words = vocab.reader();
+  const auto paths = view.path_reader();
+  for (std::size_t row = 0; row < in.rows(); ++row) {
+    const std::uint16_t r = words.get(resolution[row]);
+    const bool use = is_use([&] { return (r & vocab_bit::evidence) != 0; }, [&] { return (r & vocab_bit::unique) != 0; },
+                            [&] { return paths.has(target[row], path_bit::import_resolved); },
+                            [&] { return words.has(kind[row], vocab_bit::name_match); });
+    terms[row] |= static_cast<std::uint8_t>((use ? in_term::use : 0) | (source[row] == target[row] ? in_term::to_itself : 0));
+  }
+}
+
+std::vector<std::uint8_t> outbound_terms(const FactsView& view, const Vocab& vocab) {
+  const Table& out = view.outbound;
+  const auto target = out.strs(out_f::target_path);
+  const auto resolution = out.strs(out_f::resolution), kind = out.strs(out_f::target_kind);
+  const auto words = vocab.reader();
+  const auto paths = view.path_reader();
+  std::vector<std::uint8_t> terms(out.rows());
+  for (std::size_t row = 0; row < out.rows(); ++row) {
+    const std::uint16_t r = words.get(resolution[row]);
+    const bool name_match_kind = words.has(kind[row], vocab_bit::name_match);
+    terms[row] = static_cast<std::uint8_t>(
+        (paths.has(target[row], path_bit::in_page) ? out_term::to_page : 0) |
+        (((r & vocab_bit::evidence) || !name_match_kind) ? out_term::use : 0) |
+        (((r & vocab_bit::unique) && name_match_kind) ? out_term::name_match : 0));
+  }
+  return terms;
+}
+
 }  // namespace
 
 void derive(FactsView& view, const Vocab& vocab, const Needs& needs) {
   Derived& d = view.derived;
   if (view.path_bits.size() < view.pool.size()) view.path_bits.resize(view.pool.size(), 0);
   const std::uint8_t wanted = needs.complete().derived;
+  // What was made with another vocabulary is made again.
+  if (!vocab.extends(d.vocab)) d.ready &= ~derived::kOfVocabulary;
+  d.vocab = vocab;
   auto missing = [&](std::uint8_t which) { return (wanted & which) && !(d.ready & which); };
   if (missing(derived::by_path)) {
     const Table& symbols = view.symbols;
     d.symbols_by_path =
         group_rows(symbols.rows(), view.pool.size(), [&](std::size_t row) { return symbols.str(sym_f::path, row); });
   }
-  d.ready |= wanted & derived::by_path;
-  if ((wanted & derived::members) && (!(d.ready & derived::members) || !(d.members_vocab == vocab))) {
-    d.member = find_members(view, vocab);
-    d.members_vocab = vocab;
-    d.ready |= derived::members;
+  if (missing(derived::members)) d.member = find_members(view, vocab);
+  if (missing(derived::inbound_terms)) {
+    d.inbound_terms = inbound_terms(view, vocab);
+    d.ready &= ~derived::inbound_uses;
   }
+  if (missing(derived::inbound_uses)) add_inbound_uses(view, vocab, d.inbound_terms);
+  if (missing(derived::outbound_terms)) d.outbound_terms = outbound_terms(view, vocab);
+  d.ready |= needs.complete().derived;
 }
 
 Allowed::Allowed(const FactsView& view, const Needs& needs) : view_(view) {

@@ -33,6 +33,19 @@ struct Needs {
     if (derived & derived::members) all.derived |= derived::by_path;
     if (all.derived & derived::by_path) all.symbols |= bit(sym_f::path);
     if (all.derived & derived::members) all.symbols |= bits(sym_f::id, sym_f::kind, sym_f::start_line, sym_f::end_line);
+    if (all.derived & derived::inbound_uses) {
+      all.derived |= derived::inbound_terms;
+      all.inbound |= bit(in_f::target_path);
+      all.path_bits |= path_bit::import_resolved;
+    }
+    if (all.derived & derived::inbound_terms) {
+      all.inbound |= bits(in_f::source_path, in_f::target_kind, in_f::resolution);
+      all.path_bits |= path_bit::in_page | path_bit::test_source;
+    }
+    if (all.derived & derived::outbound_terms) {
+      all.outbound |= bits(out_f::target_path, out_f::target_kind, out_f::resolution);
+      all.path_bits |= path_bit::in_page;
+    }
     return all;
   }
 };

@@ -6,21 +6,17 @@
 
 namespace scope {
 
-NeighbourRanking::NeighbourRanking(const FactsView& view, const Vocab& vocab) : view_(view) {
+NeighbourRanking::NeighbourRanking(const FactsView& view) : view_(view) {
   const Table& out = view.outbound;
-  const auto path = out.strs(out_f::target_path), resolution = out.strs(out_f::resolution);
-  const auto kind = out.strs(out_f::target_kind);
+  const std::uint8_t* terms = view.derived.outbound_terms.data();
   const auto target = out.ints(out_f::target_id), refs = out.ints(out_f::refs);
-  const auto words = vocab.reader();
-  const auto paths = view.path_reader();
   // By slot: the summed refs and the last counted row; slots in first-counted order.
   std::vector<std::int64_t> sums(view.ids.size(), 0);
   std::vector<std::uint32_t> last(view.ids.size(), Groups::kNone);
   std::vector<std::uint32_t> order;
   for (std::size_t row = 0; row < out.rows(); ++row) {
-    if (paths.has(path[row], path_bit::in_page)) continue;
-    // A non-evidence edge to an attribute or a constant only matches a name.
-    if (!words.has(resolution[row], vocab_bit::evidence) && words.has(kind[row], vocab_bit::name_match)) continue;
+    // Not a declaration of the page itself, and no mere name match.
+    if ((terms[row] & (out_term::to_page | out_term::use)) != out_term::use) continue;
     const auto slot = static_cast<std::uint32_t>(target[row]);
     if (last[slot] == Groups::kNone) order.push_back(slot);
     sums[slot] = checked_add(sums[slot], refs[row]);
@@ -55,23 +51,22 @@ bool NeighbourRanking::next(Neighbour& neighbour) {
   return true;
 }
 
-std::vector<PathPairCount> name_match_counts(const FactsView& view, const Vocab& vocab) {
+std::vector<PathPairCount> name_match_counts(const FactsView& view) {
   std::vector<PathPairCount> counts;
   DenseIndex pairs;
-  auto add = [&](const Table& table, unsigned source, unsigned target, unsigned kind, unsigned resolution,
-                 unsigned refs) {
+  auto add = [&](const Table& table, const std::vector<std::uint8_t>& terms, std::uint8_t name_match, unsigned source,
+                 unsigned target, unsigned refs) {
     for (std::size_t row = 0; row < table.rows(); ++row) {
-      if (!vocab.has(table.str(resolution, row), vocab_bit::unique) ||
-          !vocab.has(table.str(kind, row), vocab_bit::name_match))
-        continue;
+      if (!(terms[row] & name_match)) continue;
       const StrId from = table.str(source, row), to = table.str(target, row);
       auto [pair, fresh] = pairs.insert((std::uint64_t{from} << 32) | to);
       if (fresh) counts.push_back({from, to, 0});
       counts[pair].count = checked_add(counts[pair].count, table.num(refs, row));
     }
   };
-  add(view.inbound, in_f::source_path, in_f::target_path, in_f::target_kind, in_f::resolution, in_f::refs);
-  add(view.outbound, out_f::source_path, out_f::target_path, out_f::target_kind, out_f::resolution, out_f::refs);
+  add(view.inbound, view.derived.inbound_terms, in_term::name_match, in_f::source_path, in_f::target_path, in_f::refs);
+  add(view.outbound, view.derived.outbound_terms, out_term::name_match, out_f::source_path, out_f::target_path,
+      out_f::refs);
   return counts;
 }
 

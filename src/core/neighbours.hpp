@@ -23,7 +23,7 @@ struct Neighbour {
 // path filter only about the paths it meets.
 class NeighbourRanking {
  public:
-  NeighbourRanking(const FactsView& view, const Vocab& vocab);
+  explicit NeighbourRanking(const FactsView& view);
   // The next best target; false when there is none left.
   bool next(Neighbour& neighbour);
 
@@ -34,10 +34,8 @@ class NeighbourRanking {
   std::vector<std::uint32_t> last_;  // by target: the last counted row
   std::vector<std::uint32_t> heap_;  // targets, in first-counted order before the heap is made
 };
-inline constexpr Needs kNeighbourNeeds{
-    .outbound = bits(out_f::resolution, out_f::refs, out_f::target_id, out_f::target_path, out_f::target_kind,
-                     out_f::target_fqn),
-    .path_bits = path_bit::in_page};
+inline constexpr Needs kNeighbourNeeds{.outbound = bits(out_f::refs, out_f::target_id, out_f::target_fqn),
+                                       .derived = derived::outbound_terms};
 
 // "unique" references to attributes and constants per (source path, target
 // path): inbound first, then outbound, every file included; pairs in
@@ -46,9 +44,9 @@ struct PathPairCount {
   StrId source, target;
   std::int64_t count;
 };
-inline constexpr Needs kNameMatchNeeds{
-    .inbound = bits(in_f::source_path, in_f::target_path, in_f::target_kind, in_f::resolution, in_f::refs),
-    .outbound = bits(out_f::source_path, out_f::resolution, out_f::refs, out_f::target_path, out_f::target_kind)};
-std::vector<PathPairCount> name_match_counts(const FactsView& view, const Vocab& vocab);
+inline constexpr Needs kNameMatchNeeds{.inbound = bits(in_f::source_path, in_f::target_path, in_f::refs),
+                                       .outbound = bits(out_f::source_path, out_f::target_path, out_f::refs),
+                                       .derived = derived::inbound_terms | derived::outbound_terms};
+std::vector<PathPairCount> name_match_counts(const FactsView& view);
 
 }  // namespace scope

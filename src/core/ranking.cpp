@@ -31,11 +31,11 @@ std::vector<RankKey> rank_keys(const FactsView& view, const Vocab& vocab, const 
 }
 
 Ranking ranked_by_file(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in) {
-  Ranking ranking{rank_keys(view, vocab, fan_in), view.derived.symbols_by_path};
-  Groups& files = ranking.files;
-  const std::vector<RankKey>& keys = ranking.keys;
+  const std::vector<RankKey> keys = rank_keys(view, vocab, fan_in);
+  const Groups& files = view.derived.symbols_by_path;
+  Ranking ranking{files.rows};
   for (std::size_t group = 0; group < files.size(); ++group)
-    std::stable_sort(files.rows.begin() + files.start[group], files.rows.begin() + files.start[group + 1],
+    std::stable_sort(ranking.rows.begin() + files.start[group], ranking.rows.begin() + files.start[group + 1],
                      [&](std::uint32_t a, std::uint32_t b) { return keys[a] < keys[b]; });
   return ranking;
 }
@@ -44,11 +44,12 @@ std::vector<Seed> file_seeds(const FactsView& view, const Ranking& ranking) {
   const Table& symbols = view.symbols;
   std::vector<Seed> seeds;
   std::vector<bool> seeded(view.pool.size(), false);
-  for (std::size_t group = 0; group < ranking.files.size(); ++group) {
-    for (std::uint32_t row : ranking.files.of(group)) {
+  const Groups& files = view.derived.symbols_by_path;
+  for (std::size_t group = 0; group < files.size(); ++group) {
+    for (std::uint32_t row : ranking.of(files, group)) {
       std::int64_t start = symbols.num(sym_f::start_line, row);
       if (start <= 0) continue;  // line 0 cannot be cited
-      StrId path = ranking.files.key[group];
+      StrId path = files.key[group];
       seeds.push_back({path, start, std::max(start, symbols.num(sym_f::end_line, row))});
       seeded[path] = true;
       break;

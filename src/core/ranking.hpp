@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -23,8 +24,10 @@ std::vector<RankKey> rank_keys(const FactsView& view, const Vocab& vocab, const 
 // Each file's declarations best first (stable), files in the order of their
 // first declaration: the groups of symbols_by_path, each sorted by key.
 struct Ranking {
-  std::vector<RankKey> keys;  // by row
-  Groups files;               // keys are path StrIds
+  std::vector<std::uint32_t> rows;  // the rows of symbols_by_path, each group sorted best first
+  std::span<const std::uint32_t> of(const Groups& by_path, std::size_t group) const {
+    return {rows.data() + by_path.start[group], rows.data() + by_path.start[group + 1]};
+  }
 };
 inline constexpr Needs kRankedNeeds = kRankKeyNeeds | Needs{.derived = derived::by_path};
 Ranking ranked_by_file(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in);

@@ -94,7 +94,7 @@ std::string named(std::span<const std::string> shown, std::size_t total, std::in
   return out;
 }
 
-FileUsers file_users(const FactsView& view, const Vocab& vocab) {
+FileUsers file_users(const FactsView& view, const Vocab&) {
   const Table& in = view.inbound;
   const std::size_t strings = view.pool.size();
   FileUsers result;
@@ -102,13 +102,11 @@ FileUsers file_users(const FactsView& view, const Vocab& vocab) {
   // The counted rows, bucketed by target in first-counted order (each bucket
   // in row order), then summed per user within each bucket.
   const auto source = in.strs(in_f::source_path), target = in.strs(in_f::target_path);
-  const auto resolution = in.strs(in_f::resolution), kind = in.strs(in_f::target_kind);
-  const auto words = vocab.reader();
-  const auto paths = view.path_reader();
+  const std::uint8_t* terms = view.derived.inbound_terms.data();
   std::vector<std::uint32_t> counted;
   for (std::size_t row = 0; row < in.rows(); ++row) {
-    if (source[row] == target[row] || paths.has(source[row], path_bit::test_source)) continue;
-    if (!is_use_of(words, paths, resolution[row], kind[row], target[row])) continue;
+    // Evidence from another production file: a file does not use itself, tests are no users.
+    if ((terms[row] & (in_term::use | in_term::to_itself | in_term::from_test)) != in_term::use) continue;
     std::uint32_t& entry = result.entry_of[target[row]];
     if (entry == FileUsers::kNone) {
       entry = static_cast<std::uint32_t>(result.target.size());

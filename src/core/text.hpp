@@ -48,9 +48,8 @@ struct FileUsers {
     return {users.data() + start[entry], users.data() + start[entry + 1]};
   }
 };
-inline constexpr Needs kFileUsersNeeds{
-    .inbound = bits(in_f::source_path, in_f::target_path, in_f::target_kind, in_f::resolution, in_f::refs),
-    .path_bits = path_bit::import_resolved | path_bit::test_source};
+inline constexpr Needs kFileUsersNeeds{.inbound = bits(in_f::source_path, in_f::target_path, in_f::refs),
+                                       .derived = derived::inbound_uses};
 FileUsers file_users(const FactsView& view, const Vocab& vocab);
 
 // One item per used declaration of `rows`, most used first: uses from

@@ -156,22 +156,54 @@ struct Vocab {
   // Sets the bits that depend on the text alone ("constant", "unique", "legacy").
   void set_literals(const StringPool& pool, StrId id);
   friend bool operator==(const Vocab&, const Vocab&) = default;
+  // Whether every string `older` knows has the same bits here: what was
+  // derived with `older` from columns loaded then still holds.
+  bool extends(const Vocab& older) const {
+    return bits.size() >= older.bits.size() && std::equal(older.bits.begin(), older.bits.end(), bits.begin());
+  }
 };
 
 // Data derived from the columns alone, or from the columns and the
 // vocabulary, that several algorithms read. derive() (needs.hpp) fills it.
 namespace derived {
 enum : std::uint8_t {
-  by_path = 1,  // the declarations grouped by path
-  members = 2,  // which declarations lie inside a type of their file (vocabulary)
+  by_path = 1,         // the declarations grouped by path
+  members = 2,         // which declarations lie inside a type of their file (vocabulary)
+  inbound_terms = 4,   // what each inbound reference is, in in_term bits (vocabulary)
+  inbound_uses = 8,    // and whether it is a use, its in_term::use and to_itself bits
+  outbound_terms = 16, // what each outbound reference is, in out_term bits (vocabulary)
+};
+constexpr std::uint8_t kOfVocabulary = members | inbound_terms | inbound_uses | outbound_terms;
+}
+
+// What an inbound reference is, as its source, resolution, target kind and
+// target path make it under the module's sets: computed once a vocabulary
+// and read by every function that walks the inbound references.
+namespace in_term {
+enum : std::uint8_t {
+  from_test = 1,      // the source is a test file
+  from_page = 2,      // the source is one of the page's files
+  counted = 4,        // counts toward the fan-in
+  marks = 8,          // marks its target as referenced (not "legacy")
+  use = 16,           // evidence that the source uses the target (is_use)
+  name_match = 32,    // a "unique" reference to an attribute or a constant
+  to_itself = 64,     // the source is the target's own file
+};
+}
+namespace out_term {
+enum : std::uint8_t {
+  to_page = 1,     // the target lies in one of the page's files
+  use = 2,         // evidence, or a reference to anything but an attribute or a constant
+  name_match = 4,  // a "unique" reference to an attribute or a constant
 };
 }
 
 struct Derived {
   std::uint8_t ready = 0;
+  Vocab vocab;               // the vocabulary of what depends on one
   Groups symbols_by_path;    // keys are path StrIds
   std::vector<bool> member;  // by symbol row
-  Vocab members_vocab;       // the vocabulary `member` was computed with
+  std::vector<std::uint8_t> inbound_terms, outbound_terms;  // by row
 };
 
 struct FactsView {

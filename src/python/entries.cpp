@@ -178,9 +178,10 @@ PyRef ranked_by_file_body(Call& c) {
   auto ranking = ranking_for(p.native, p.vocab, fan_in_slots(c.state, p.native, c.arg(1), true));
   PyObject* symbols = p.facts()->fields[kSymbols];  // borrowed: the facts' own records
   PyRef result = check(PyDict_New());
-  for (std::size_t group = 0; group < ranking->files.size(); ++group)
-    check(PyDict_SetItem(result.get(), str_of(p.native, ranking->files.key[group]).get(),
-                         records_at(symbols, ranking->files.of(group)).get()));
+  const Groups& files = p.view.derived.symbols_by_path;
+  for (std::size_t group = 0; group < files.size(); ++group)
+    check(PyDict_SetItem(result.get(), p.native.strings[files.key[group]].get(),
+                         records_at(symbols, ranking->of(files, group)).get()));
   return result;
 }
 
@@ -202,10 +203,10 @@ std::vector<RankKey> quota_keys(Call& c, PyObject* records) {
   std::vector<std::uint32_t> rows;
   std::vector<RankKey> keys;
   if (FactsObject* facts = facts_holding(c.state, records, rows)) {
-    Prepared p(c.module, c.state, facts, kRankKeyNeeds | Needs{.derived = derived::by_path});
-    auto ranking = ranking_for(p.native, p.vocab, fan_in_slots(c.state, p.native, c.arg(1), true));
+    Prepared p(c.module, c.state, facts, kRankKeyNeeds);
+    auto fan_in = fan_in_slots(c.state, p.native, c.arg(1), true);
     keys.reserve(rows.size());
-    for (std::uint32_t row : rows) keys.push_back(ranking->keys[row]);
+    for (std::uint32_t row : rows) keys.push_back(rank_key(key_input(p.view, p.vocab, *fan_in, row)));
     return keys;
   }
   NativeFacts scratch;
@@ -391,7 +392,7 @@ PyRef neighbours_body(Call& c) {
   // The path filter is asked about the paths of the best targets only, each
   // path once, until `limit` targets outside test files are found: it is a
   // pure function of the path, and a test file's targets take no place.
-  NeighbourRanking ranking(p.view, p.vocab);
+  NeighbourRanking ranking(p.view);
   PyRef is_test_path = c.module_attr(kIsTestPath);
   std::vector<std::int8_t> test(p.view.pool.size(), -1);  // by path: unknown, no, yes
   Neighbour next{};
@@ -408,7 +409,7 @@ PyRef neighbours_body(Call& c) {
 
 PyRef name_match_counts_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kNameMatchNeeds);
-  const std::vector<PathPairCount> pairs = name_match_counts(p.view, p.vocab);
+  const std::vector<PathPairCount> pairs = name_match_counts(p.view);
   PyRef result = check(_PyDict_NewPresized(static_cast<Py_ssize_t>(pairs.size())));
   for (const PathPairCount& pair : pairs) {
     PyRef key = check(PyTuple_Pack(2, str_of(p.native, pair.source).get(), str_of(p.native, pair.target).get()));

@@ -91,12 +91,7 @@ int facts_traverse(PyObject* self, visitproc visit, void* arg) {
   for (PyObject* slot : facts->fields) Py_VISIT(slot);
   if (facts->native != nullptr) {
     for (const PyRef& target : facts->native->targets) Py_VISIT(target.get());
-    for (const FanInCache& cached : facts->native->fan_ins) {
-      Py_VISIT(cached.fan_in.get());
-      Py_VISIT(cached.outside.get());
-      Py_VISIT(cached.inside.get());
-      Py_VISIT(cached.entry.get());
-    }
+    for (const FanInCache& cached : facts->native->fan_ins) Py_VISIT(cached.entry.get());
   }
   return 0;
 }

@@ -31,11 +31,14 @@ extern const char* const kFactsFieldNames[kFactsFieldCount];
 
 // A fan-in whose `outside` and `inside` are dicts (and `entry`, when read, a
 // frozenset), as it was when its native form was made: the form is reused
-// while the same containers are unchanged (same objects, same dict version
-// tags), so a host that changes one of them gets a fresh conversion.
+// while the same containers are unchanged. A dict is known by its version
+// tag, which CPython draws from one counter for every new or changed dict,
+// so no other dict and no later state of this one has it; the cache holds
+// no reference to the dicts and keeps no page's counts alive. The frozenset
+// cannot change, and is held.
 struct FanInCache {
-  PyRef fan_in, outside, inside, entry;  // entry: null when it was not read
   std::uint64_t outside_tag = 0, inside_tag = 0;
+  PyRef entry;  // null when it was not read
   std::shared_ptr<const FanInSlots> slots;
   std::shared_ptr<const Ranking> ranking;  // made with ranking_vocab
   Vocab ranking_vocab;

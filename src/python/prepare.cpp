@@ -147,10 +147,7 @@ std::shared_ptr<const FanInSlots> fan_in_slots(const ModuleState& state, NativeF
   const bool keep = cacheable(outside.get(), inside.get(), entry.get());
   if (keep) {
     for (const FanInCache& cached : native.fan_ins) {
-      if (cached.fan_in.get() != fan_in || cached.outside.get() != outside.get() ||
-          cached.inside.get() != inside.get() || version_of(outside.get()) != cached.outside_tag ||
-          version_of(inside.get()) != cached.inside_tag)
-        continue;
+      if (version_of(outside.get()) != cached.outside_tag || version_of(inside.get()) != cached.inside_tag) continue;
       if (with_entry && cached.entry.get() != entry.get()) continue;
       return cached.slots;
     }
@@ -163,8 +160,7 @@ std::shared_ptr<const FanInSlots> fan_in_slots(const ModuleState& state, NativeF
     slots->entry.assign(in_entry.begin(), in_entry.end());
   }
   if (keep) {
-    FanInCache cached{PyRef::borrow(fan_in),    outside, inside,  entry, version_of(outside.get()),
-                      version_of(inside.get()), slots,   nullptr, {}};
+    FanInCache cached{version_of(outside.get()), version_of(inside.get()), entry, slots, nullptr, {}};
     native.fan_ins.insert(native.fan_ins.begin(), std::move(cached));
     if (native.fan_ins.size() > kFanInsKept) native.fan_ins.pop_back();
   }
@@ -176,8 +172,7 @@ void remember_fan_in(const ModuleState& state, NativeFacts& native, PyObject* fa
   PyRef outside = check(PyObject_GetAttr(fan_in, state.names[kOutside]));
   PyRef inside = check(PyObject_GetAttr(fan_in, state.names[kInside]));
   PyRef entry = check(PyObject_GetAttr(fan_in, state.names[kEntry]));
-  FanInCache cached{PyRef::borrow(fan_in),    outside,          inside,  entry, version_of(outside.get()),
-                    version_of(inside.get()), std::move(slots), nullptr, {}};
+  FanInCache cached{version_of(outside.get()), version_of(inside.get()), entry, std::move(slots), nullptr, {}};
   native.fan_ins.insert(native.fan_ins.begin(), std::move(cached));
   if (native.fan_ins.size() > kFanInsKept) native.fan_ins.pop_back();
 }

@@ -20,9 +20,9 @@ TEST(Needs, DerivedDataBringsTheColumnsItIsMadeFrom) {
   constexpr Needs needs = Needs{.derived = derived::members}.complete();
   EXPECT_EQ(needs.derived, derived::members | derived::by_path);
   EXPECT_EQ(needs.symbols, bits(sym_f::id, sym_f::path, sym_f::kind, sym_f::start_line, sym_f::end_line));
+  const FactsView view = two_symbols();
   // Equal ids share a slot.
   EXPECT_EQ(view.symbols.slot(sym_f::id, 0), view.symbols.slot(sym_f::id, 1));
-  const FactsView view = two_symbols();
   EXPECT_EQ(view.symbols.num(sym_f::start_line, 1), 70);
 }
 
