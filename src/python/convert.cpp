@@ -110,9 +110,13 @@ void read_row(NativeFacts& native, Pending& column, PyObject* owner, const char*
     case Cell::integer:
       column.ints.push(integer_of(value.get(), where));
       break;
-    case Cell::id:
-      column.ints.push(native.view.ids.insert(static_cast<std::uint64_t>(integer_of(value.get(), where))).first);
+    case Cell::id: {
+      const std::uint32_t slot = native.view.ids.insert(static_cast<std::uint64_t>(integer_of(value.get(), where))).first;
+      if (slot >= native.id_objects.size()) native.id_objects.resize(native.view.ids.size());
+      if (!native.id_objects[slot] && PyLong_CheckExact(value.get())) native.id_objects[slot] = value;
+      column.ints.push(slot);
       break;
+    }
     case Cell::truth:
       column.ints.push(truth_of(value.get()) ? 1 : 0);
       break;
@@ -206,6 +210,12 @@ std::vector<Value> by_path(NativeFacts& native, PyObject* mapping, Value none, c
 }
 
 }  // namespace
+
+PyRef NativeFacts::id_object(std::uint32_t slot) {
+  if (slot >= id_objects.size()) id_objects.resize(view.ids.size());
+  if (!id_objects[slot]) id_objects[slot] = new_int(view.id_of(slot));
+  return id_objects[slot];
+}
 
 StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, Where where) {
   if (!PyUnicode_Check(text)) wrong_type(where, "str", text);

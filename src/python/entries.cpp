@@ -35,15 +35,22 @@ PyRef text_list(const std::vector<std::string>& texts) {
 
 // A dict of the counts at `order` of a by-slot array, keyed by symbol id.
 PyRef counts_dict(const std::vector<std::uint32_t>& order, const std::vector<std::int64_t>& counts,
-                  const DenseIndex& ids) {
+                  NativeFacts& native) {
   PyRef dict = check(_PyDict_NewPresized(static_cast<Py_ssize_t>(order.size())));
   for (std::uint32_t slot : order)
-    check(PyDict_SetItem(dict.get(), new_int(static_cast<std::int64_t>(ids.key(slot))).get(),
-                         new_int(counts[slot]).get()));
+    check(PyDict_SetItem(dict.get(), native.id_object(slot).get(), new_int(counts[slot]).get()));
   return dict;
 }
 
 PyRef str_of(const NativeFacts& native, StrId id) { return native.strings[id]; }
+
+// An empty Counter, made as Counter() makes it (its __init__ only adds what
+// it is given).
+PyRef new_counter(const ModuleState& state) {
+  auto* type = reinterpret_cast<PyTypeObject*>(state.counter_type);
+  PyRef no_arguments = check(PyTuple_New(0));
+  return check(type->tp_new(type, no_arguments.get(), nullptr));
+}
 
 // ---------------------------------------------------------------------------
 // Arguments.
@@ -96,7 +103,7 @@ PyRef members_body(Call& c) {
   PyRef result = check(PySet_New(nullptr));
   for (std::size_t row = 0; row < p.view.symbols.rows(); ++row)
     if (p.view.derived.member[row])
-      check(PySet_Add(result.get(), new_int(p.view.id_of(p.view.symbols.slot(sym_f::id, row))).get()));
+      check(PySet_Add(result.get(), p.native.id_object(p.view.symbols.slot(sym_f::id, row)).get()));
   return result;
 }
 
@@ -104,11 +111,10 @@ PyRef production_fan_in_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kFanInNeeds);
   FanInCounts counts = count_fan_in(p.view, p.vocab);
   const std::vector<std::uint32_t> candidates = entry_candidates(p.view, p.vocab, counts.referenced);
-  const DenseIndex& ids = p.view.ids;
-  PyRef outside = counts_dict(counts.outside_order, counts.uses.outside, ids);
-  PyRef inside = counts_dict(counts.inside_order, counts.uses.inside, ids);
+  PyRef outside = counts_dict(counts.outside_order, counts.uses.outside, p.native);
+  PyRef inside = counts_dict(counts.inside_order, counts.uses.inside, p.native);
   auto slots = std::make_shared<FanInSlots>(std::move(counts.uses));
-  slots->entry.assign(ids.size(), 0);
+  slots->entry.assign(p.view.ids.size(), 0);
   // The path filter last, and only for what passed every other test.
   PyRef entry = check(PyFrozenSet_New(nullptr));
   if (!candidates.empty()) {
@@ -117,7 +123,7 @@ PyRef production_fan_in_body(Call& c) {
       PyRef path = str_of(p.native, p.view.symbols.str(sym_f::path, row));
       if (truth(check(PyObject_CallOneArg(is_test_path.get(), path.get())).get())) continue;
       const std::uint32_t slot = p.view.symbols.slot(sym_f::id, row);
-      check(PySet_Add(entry.get(), new_int(p.view.id_of(slot)).get()));
+      check(PySet_Add(entry.get(), p.native.id_object(slot).get()));
       slots->entry[slot] = 1;
     }
   }
@@ -294,7 +300,7 @@ PyRef file_users_body(Call& c) {
   PyRef result = check(PyDict_New());
   for (std::size_t entry = 0; entry < users->target.size(); ++entry) {
     // Counter is a dict subclass: filling it as a dict keeps its order.
-    PyRef counter = check(PyObject_CallNoArgs(c.state.counter_type));
+    PyRef counter = new_counter(c.state);
     for (const auto& [user, count] : users->of(entry))
       check(PyDict_SetItem(counter.get(), p.native.strings[user].get(), new_int(count).get()));
     check(PyDict_SetItem(result.get(), p.native.strings[users->target[entry]].get(), counter.get()));

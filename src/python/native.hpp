@@ -48,6 +48,10 @@ struct NativeFacts {
   FactsView view;
   std::vector<PyRef> strings;  // the str object of each StrId (the first one seen)
   std::vector<PyRef> targets;  // outbound `target` objects, by row
+  std::vector<PyRef> id_objects;  // an int object of each slot's id, when one was met
+
+  // The int object of a slot's id: the host's own when it gave a plain int.
+  PyRef id_object(std::uint32_t slot);
   // str objects already interned, by address: each is one of `strings`, so
   // no address is reused while it is here.
   std::vector<std::pair<PyObject*, StrId>> seen = std::vector<std::pair<PyObject*, StrId>>(1024, {nullptr, 0});
