@@ -23,8 +23,8 @@ scope::FactsView generated_file(std::int64_t classes, bool shuffled, scope::Voca
   std::vector<std::int64_t> order(static_cast<std::size_t>(2 * classes));
   std::iota(order.begin(), order.end(), 0);
   if (shuffled) std::shuffle(order.begin(), order.end(), std::mt19937(7));
-  IntColumn ids, starts, ends, exported;
-  StrColumn paths, names, kinds;
+  IntColumn starts, ends, exported;
+  StrColumn ids, paths, names, kinds;
   for (std::int64_t i : order) {
     ids.push(view.ids.insert(static_cast<std::uint64_t>(i)).first);
     paths.push(path);

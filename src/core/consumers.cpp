@@ -50,7 +50,8 @@ ConsumerCounts count_consumers(const FactsView& view) {
   const Table& in = view.inbound;
   const std::size_t strings = view.pool.size();
   const auto source = in.strs(in_f::source_path), resolution = in.strs(in_f::resolution);
-  const auto target = in.ints(in_f::target_id), refs = in.ints(in_f::refs);
+  const auto target = in.slots(in_f::target_id);
+  const auto refs = in.ints(in_f::refs);
   const std::uint8_t* terms = view.derived.inbound_terms.data();
   ConsumerCounts counts;
   std::vector<std::uint8_t> used(view.ids.size(), 0);

@@ -6,7 +6,8 @@ FanInCounts count_fan_in(const FactsView& view, const Vocab&) {
   const Table& in = view.inbound;
   const std::size_t slots = view.ids.size();
   const std::uint8_t* terms = view.derived.inbound_terms.data();
-  const auto target = in.ints(in_f::target_id), refs = in.ints(in_f::refs);
+  const auto target = in.slots(in_f::target_id);
+  const auto refs = in.ints(in_f::refs);
   // Everything a reference changes of its target, side by side: one cache
   // line a reference, as targets come in no useful order.
   struct Target {

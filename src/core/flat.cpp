@@ -13,15 +13,17 @@ constexpr std::size_t kBlockBytes = 64 * 1024;
 std::pair<StrId, bool> StringPool::intern(std::string_view text, std::uint64_t hash) {
   if (2 * (texts_.size() + 1) > cells_.size()) grow();
   const std::size_t mask = cells_.size() - 1;
+  const auto check = static_cast<std::uint32_t>(hash >> 32);
   for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
     Cell& cell = cells_[at];
     if (cell.id == kNoStr) {
       if (texts_.size() >= kNoStr) throw std::length_error("too many distinct strings");
-      cell = {hash, static_cast<StrId>(texts_.size())};
+      cell = {check, static_cast<StrId>(texts_.size())};
       texts_.push_back(store(text));
+      hashes_.push_back(hash);
       return {cell.id, true};
     }
-    if (cell.hash == hash && texts_[cell.id] == text) return {cell.id, false};
+    if (cell.hash == check && texts_[cell.id] == text) return {cell.id, false};
   }
 }
 
@@ -33,7 +35,7 @@ void StringPool::grow() {
   const std::size_t mask = size - 1;
   for (const Cell& cell : old) {
     if (cell.id == kNoStr) continue;
-    std::size_t at = cell.hash & mask;
+    std::size_t at = hashes_[cell.id] & mask;
     while (cells_[at].id != kNoStr) at = (at + 1) & mask;
     cells_[at] = cell;
   }
@@ -56,7 +58,8 @@ std::string_view StringPool::store(std::string_view text) {
 }
 
 std::size_t StringPool::bytes() const {
-  return cells_.capacity() * sizeof(Cell) + texts_.capacity() * sizeof(std::string_view) + block_bytes_;
+  return cells_.capacity() * sizeof(Cell) + texts_.capacity() * sizeof(std::string_view) +
+         hashes_.capacity() * sizeof(std::uint64_t) + block_bytes_;
 }
 
 }  // namespace scope

@@ -90,14 +90,15 @@ class StringPool {
 
  private:
   struct Cell {
-    std::uint64_t hash;
-    StrId id;  // kNoStr: empty
+    std::uint32_t hash;  // the hash's upper half; the lower half chose the cell
+    StrId id;            // kNoStr: empty
   };
   void grow();
   std::string_view store(std::string_view text);
 
   std::vector<Cell> cells_;
   std::vector<std::string_view> texts_;  // by id, into blocks_
+  std::vector<std::uint64_t> hashes_;    // by id, to place the cells when the table grows
   std::vector<std::unique_ptr<char[]>> blocks_;
   std::size_t block_left_ = 0;
   char* block_at_ = nullptr;

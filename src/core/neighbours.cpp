@@ -9,7 +9,8 @@ namespace scope {
 NeighbourRanking::NeighbourRanking(const FactsView& view) : view_(view) {
   const Table& out = view.outbound;
   const std::uint8_t* terms = view.derived.outbound_terms.data();
-  const auto target = out.ints(out_f::target_id), refs = out.ints(out_f::refs);
+  const auto target = out.slots(out_f::target_id);
+  const auto refs = out.ints(out_f::refs);
   // By slot: the summed refs and the last counted row; slots in first-counted order.
   std::vector<std::int64_t> sums(view.ids.size(), 0);
   std::vector<std::uint32_t> last(view.ids.size(), Groups::kNone);

@@ -135,6 +135,7 @@ FileUsers file_users(const FactsView& view, const Vocab&) {
     for (std::size_t i = first; i < result.users.size(); ++i) position[result.users[i].first] = FileUsers::kNone;
     result.start.push_back(static_cast<std::uint32_t>(result.users.size()));
   }
+  result.users.shrink_to_fit();  // kept on the facts
   return result;
 }
 

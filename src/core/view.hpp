@@ -66,10 +66,11 @@ class Column {
   std::vector<Wide> wide_;
 };
 
-// Integers (and truth values); strings as StrIds, which stay below 2^16 on
-// most pages; symbol ids as slots of the view's DenseIndex.
-using IntColumn = Column<std::int32_t, std::int64_t>;
-using StrColumn = Column<std::uint16_t, StrId>;
+// Integers and truth values: line numbers and refs mostly fit 16 bits.
+// Strings as StrIds and symbol ids as slots of the view's DenseIndex: both
+// number what one page holds, and stay below 2^16 on most pages.
+using IntColumn = Column<std::int16_t, std::int64_t>;
+using StrColumn = Column<std::uint16_t, std::uint32_t>;
 
 // One record type as columns, by field number. A column is readable once
 // committed, and (in checked builds) while the running algorithm declared it.
@@ -90,10 +91,12 @@ class Table {
     SCOPE_CHECK(readable(field));
     return strs_[field].reader();
   }
-  // Integer and truth cells; the slot of an id cell.
+  // The slots of an id column: kept as a text column keeps its StrIds.
+  StrColumn::Reader slots(unsigned field) const { return strs(field); }
+  // Integer and truth cells; the slot of an id cell; the StrId of a text cell.
   std::int64_t num(unsigned field, std::size_t row) const { return ints(field)[row]; }
   bool flag(unsigned field, std::size_t row) const { return num(field, row) != 0; }
-  std::uint32_t slot(unsigned field, std::size_t row) const { return static_cast<std::uint32_t>(num(field, row)); }
+  std::uint32_t slot(unsigned field, std::size_t row) const { return slots(field)[row]; }
   StrId str(unsigned field, std::size_t row) const { return strs(field)[row]; }
 
   // Filling: whole columns at once, once every row was read.
@@ -113,8 +116,8 @@ class Table {
   std::size_t rows_ = 0;
   Mask loaded_ = 0;
   mutable Mask allowed_ = ~Mask{0};
-  std::vector<IntColumn> ints_;  // integer, truth and id cells
-  std::vector<StrColumn> strs_;  // text cells
+  std::vector<IntColumn> ints_;  // integer and truth cells
+  std::vector<StrColumn> strs_;  // text and id cells
 };
 
 // Facts about paths, as bits by StrId.

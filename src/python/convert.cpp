@@ -114,7 +114,7 @@ void read_row(NativeFacts& native, Pending& column, PyObject* owner, const char*
       const std::uint32_t slot = native.view.ids.insert(static_cast<std::uint64_t>(integer_of(value.get(), where))).first;
       if (slot >= native.id_objects.size()) native.id_objects.resize(native.view.ids.size());
       if (!native.id_objects[slot] && PyLong_CheckExact(value.get())) native.id_objects[slot] = value;
-      column.ints.push(slot);
+      column.strs.push(slot);
       break;
     }
     case Cell::truth:
@@ -167,7 +167,6 @@ void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Tab
     const auto count = static_cast<std::size_t>(rows);
     switch (column.spec.cell) {
       case Cell::integer:
-      case Cell::id:
       case Cell::truth:
         table.commit(column.field, count, std::move(column.ints));
         break;

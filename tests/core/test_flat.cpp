@@ -64,7 +64,7 @@ TEST(Groups, KeepFirstSeenOrderOfKeysAndRowsWithinEach) {
 
 TEST(IntColumn, NarrowUntilAValueNeedsSixtyFourBits) {
   IntColumn column;
-  const std::vector<std::int64_t> values = {0, -1, INT32_MAX, INT32_MIN, std::int64_t{INT32_MAX} + 1, INT64_MIN, 5};
+  const std::vector<std::int64_t> values = {0, -1, INT16_MAX, INT16_MIN, std::int64_t{INT16_MAX} + 1, INT64_MIN, 5};
   for (std::int64_t value : values) column.push(value);
   ASSERT_EQ(column.size(), values.size());
   for (std::size_t row = 0; row < values.size(); ++row) EXPECT_EQ(column[row], values[row]);

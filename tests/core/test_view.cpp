@@ -9,7 +9,8 @@ namespace {
 
 FactsView two_symbols() {
   FactsView view;
-  IntColumn ids, starts;
+  StrColumn ids;
+  IntColumn starts;
   for (std::int64_t id : {7, 7}) ids.push(view.ids.insert(id).first), starts.push(id * 10);
   view.symbols.commit(sym_f::id, 2, std::move(ids));
   view.symbols.commit(sym_f::start_line, 2, std::move(starts));
