@@ -161,7 +161,8 @@ void append_consumer_rows(std::vector<std::string>& lines, const FactsView& view
   auto names_of = consumer_names(view, counts, order);
   for (std::size_t i = 0; i < order.size(); ++i) {
     auto& by_count = names_of[i];
-    std::stable_sort(by_count.begin(), by_count.end(), [](const auto& a, const auto& b) { return a.second > b.second; });
+    std::stable_sort(by_count.begin(), by_count.end(),
+                     [](const auto& a, const auto& b) { return a.second > b.second; });
     std::vector<std::string> names;
     for (const auto& [name, count] : by_count) {
       std::string quoted(1, '`');

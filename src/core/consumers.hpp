@@ -24,11 +24,11 @@ std::vector<std::uint32_t> unused_outside(const FactsView& view, const Vocab& vo
 
 // The whole section as Markdown (UTF-8), ending in one line feed.
 inline constexpr Needs kConsumersNeeds =
-    kUnusedNeeds | Needs{.files = bits(file_f::path, file_f::language),
-                         .symbols = bit(sym_f::start_line),
-                         .inbound = bits(in_f::source_path, in_f::target_id, in_f::target_name, in_f::resolution,
-                                         in_f::refs),
-                         .derived = derived::inbound_uses};
+    kUnusedNeeds |
+    Needs{.files = bits(file_f::path, file_f::language),
+          .symbols = bit(sym_f::start_line),
+          .inbound = bits(in_f::source_path, in_f::target_id, in_f::target_name, in_f::resolution, in_f::refs),
+          .derived = derived::inbound_uses};
 std::string render_consumers(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in,
                              std::string_view heading);
 

@@ -46,6 +46,16 @@ inline constexpr Needs kEntryCandidateNeeds{.symbols = bits(sym_f::id, sym_f::ki
 std::vector<std::uint32_t> entry_candidates(const FactsView& view, const Vocab& vocab,
                                             const std::vector<bool>& referenced);
 
+// The entry points: the candidates outside test files, `is_test_path(path)`
+// being asked last, and only about the candidates' paths.
 inline constexpr Needs kFanInNeeds = kCountFanInNeeds | kEntryCandidateNeeds | Needs{.symbols = bit(sym_f::path)};
+template <class IsTestPath>
+std::vector<std::uint32_t> entry_points(const FactsView& view, const Vocab& vocab, const FanInCounts& counts,
+                                        IsTestPath is_test_path) {
+  std::vector<std::uint32_t> rows;
+  for (std::uint32_t row : entry_candidates(view, vocab, counts.referenced))
+    if (!is_test_path(view.symbols.str(sym_f::path, row))) rows.push_back(row);
+  return rows;
+}
 
 }  // namespace scope

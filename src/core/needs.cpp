@@ -69,8 +69,10 @@ std::vector<std::uint8_t> inbound_terms(const FactsView& view, const Vocab& voca
     const bool name_match_kind = words.has(kind[row], vocab_bit::name_match);
     const std::uint8_t from = paths.get(source[row]);
     terms[row] = static_cast<std::uint8_t>(
-        ((from & path_bit::test_source) ? in_term::from_test : 0) | ((from & path_bit::in_page) ? in_term::from_page : 0) |
-        (counts_toward_fan_in(r & vocab_bit::evidence, r & vocab_bit::trusted, name_match_kind) ? in_term::counted : 0) |
+        ((from & path_bit::test_source) ? in_term::from_test : 0) |
+        ((from & path_bit::in_page) ? in_term::from_page : 0) |
+        (counts_toward_fan_in(r & vocab_bit::evidence, r & vocab_bit::trusted, name_match_kind) ? in_term::counted
+                                                                                                : 0) |
         ((r & vocab_bit::legacy) ? 0 : in_term::marks) |
         (((r & vocab_bit::unique) && name_match_kind) ? in_term::name_match : 0));
   }
@@ -86,10 +88,12 @@ void add_inbound_uses(const FactsView& view, const Vocab& vocab, std::vector<std
   const auto paths = view.path_reader();
   for (std::size_t row = 0; row < in.rows(); ++row) {
     const std::uint16_t r = words.get(resolution[row]);
-    const bool use = is_use([&] { return (r & vocab_bit::evidence) != 0; }, [&] { return (r & vocab_bit::unique) != 0; },
-                            [&] { return paths.has(target[row], path_bit::import_resolved); },
-                            [&] { return words.has(kind[row], vocab_bit::name_match); });
-    terms[row] |= static_cast<std::uint8_t>((use ? in_term::use : 0) | (source[row] == target[row] ? in_term::to_itself : 0));
+    const bool use =
+        is_use([&] { return (r & vocab_bit::evidence) != 0; }, [&] { return (r & vocab_bit::unique) != 0; },
+               [&] { return paths.has(target[row], path_bit::import_resolved); },
+               [&] { return words.has(kind[row], vocab_bit::name_match); });
+    terms[row] |=
+        static_cast<std::uint8_t>((use ? in_term::use : 0) | (source[row] == target[row] ? in_term::to_itself : 0));
   }
 }
 
@@ -103,10 +107,9 @@ std::vector<std::uint8_t> outbound_terms(const FactsView& view, const Vocab& voc
   for (std::size_t row = 0; row < out.rows(); ++row) {
     const std::uint16_t r = words.get(resolution[row]);
     const bool name_match_kind = words.has(kind[row], vocab_bit::name_match);
-    terms[row] = static_cast<std::uint8_t>(
-        (paths.has(target[row], path_bit::in_page) ? out_term::to_page : 0) |
-        (((r & vocab_bit::evidence) || !name_match_kind) ? out_term::use : 0) |
-        (((r & vocab_bit::unique) && name_match_kind) ? out_term::name_match : 0));
+    terms[row] = static_cast<std::uint8_t>((paths.has(target[row], path_bit::in_page) ? out_term::to_page : 0) |
+                                           (((r & vocab_bit::evidence) || !name_match_kind) ? out_term::use : 0) |
+                                           (((r & vocab_bit::unique) && name_match_kind) ? out_term::name_match : 0));
   }
   return terms;
 }

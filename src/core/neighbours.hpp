@@ -37,6 +37,24 @@ class NeighbourRanking {
 inline constexpr Needs kNeighbourNeeds{.outbound = bits(out_f::refs, out_f::target_id, out_f::target_fqn),
                                        .derived = derived::outbound_terms};
 
+// The first `limit` neighbours outside test files. The path filter is asked
+// about the paths of the best targets only, each path once, until enough
+// are found: it is a pure function of the path, and a test file's targets
+// take no place.
+template <class IsTestPath>
+std::vector<Neighbour> neighbours(const FactsView& view, std::int64_t limit, IsTestPath is_test_path) {
+  std::vector<Neighbour> kept;
+  if (limit <= 0) return kept;
+  NeighbourRanking ranking(view);
+  std::vector<std::int8_t> test(view.pool.size(), -1);  // by path: unknown, no, yes
+  Neighbour next{};
+  while (static_cast<std::int64_t>(kept.size()) < limit && ranking.next(next)) {
+    if (test[next.path] < 0) test[next.path] = is_test_path(next.path) ? 1 : 0;
+    if (!test[next.path]) kept.push_back(next);
+  }
+  return kept;
+}
+
 // "unique" references to attributes and constants per (source path, target
 // path): inbound first, then outbound, every file included; pairs in
 // first-counted order.

@@ -16,8 +16,8 @@
 namespace scope {
 
 // The key of every declaration of the view, by row.
-inline constexpr Needs kRankKeyNeeds{
-    .symbols = bits(sym_f::id, sym_f::kind, sym_f::name, sym_f::start_line, sym_f::end_line)};
+inline constexpr Needs kRankKeyNeeds{.symbols =
+                                         bits(sym_f::id, sym_f::kind, sym_f::name, sym_f::start_line, sym_f::end_line)};
 KeyInput key_input(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in, std::size_t row);
 std::vector<RankKey> rank_keys(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in);
 

@@ -8,8 +8,8 @@
 // Python object.
 #pragma once
 
-#include <cstddef>
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -170,27 +170,27 @@ struct Vocab {
 // vocabulary, that several algorithms read. derive() (needs.hpp) fills it.
 namespace derived {
 enum : std::uint8_t {
-  by_path = 1,         // the declarations grouped by path
-  members = 2,         // which declarations lie inside a type of their file (vocabulary)
-  inbound_terms = 4,   // what each inbound reference is, in in_term bits (vocabulary)
-  inbound_uses = 8,    // and whether it is a use, its in_term::use and to_itself bits
-  outbound_terms = 16, // what each outbound reference is, in out_term bits (vocabulary)
+  by_path = 1,          // the declarations grouped by path
+  members = 2,          // which declarations lie inside a type of their file (vocabulary)
+  inbound_terms = 4,    // what each inbound reference is, in in_term bits (vocabulary)
+  inbound_uses = 8,     // and whether it is a use, its in_term::use and to_itself bits
+  outbound_terms = 16,  // what each outbound reference is, in out_term bits (vocabulary)
 };
 constexpr std::uint8_t kOfVocabulary = members | inbound_terms | inbound_uses | outbound_terms;
-}
+}  // namespace derived
 
 // What an inbound reference is, as its source, resolution, target kind and
 // target path make it under the module's sets: computed once a vocabulary
 // and read by every function that walks the inbound references.
 namespace in_term {
 enum : std::uint8_t {
-  from_test = 1,      // the source is a test file
-  from_page = 2,      // the source is one of the page's files
-  counted = 4,        // counts toward the fan-in
-  marks = 8,          // marks its target as referenced (not "legacy")
-  use = 16,           // evidence that the source uses the target (is_use)
-  name_match = 32,    // a "unique" reference to an attribute or a constant
-  to_itself = 64,     // the source is the target's own file
+  from_test = 1,    // the source is a test file
+  from_page = 2,    // the source is one of the page's files
+  counted = 4,      // counts toward the fan-in
+  marks = 8,        // marks its target as referenced (not "legacy")
+  use = 16,         // evidence that the source uses the target (is_use)
+  name_match = 32,  // a "unique" reference to an attribute or a constant
+  to_itself = 64,   // the source is the target's own file
 };
 }
 namespace out_term {
@@ -203,9 +203,9 @@ enum : std::uint8_t {
 
 struct Derived {
   std::uint8_t ready = 0;
-  Vocab vocab;               // the vocabulary of what depends on one
-  Groups symbols_by_path;    // keys are path StrIds
-  std::vector<bool> member;  // by symbol row
+  Vocab vocab;                                              // the vocabulary of what depends on one
+  Groups symbols_by_path;                                   // keys are path StrIds
+  std::vector<bool> member;                                 // by symbol row
   std::vector<std::uint8_t> inbound_terms, outbound_terms;  // by row
 };
 

@@ -44,6 +44,15 @@ PyRef counts_dict(const std::vector<std::uint32_t>& order, const std::vector<std
 
 PyRef str_of(const NativeFacts& native, StrId id) { return native.strings[id]; }
 
+// The host's path filter as the core asks it: looked up on the module once a
+// call (the host may rebind it), asked with the path's own str object.
+auto is_test_path_of(const Call& c, const NativeFacts& native) {
+  return [&c, &native, filter = PyRef()](StrId path) mutable {
+    if (!filter) filter = c.module_attr(kIsTestPath);
+    return truth(check(PyObject_CallOneArg(filter.get(), native.strings[path].get())).get());
+  };
+}
+
 // An empty Counter, made as Counter() makes it (its __init__ only adds what
 // it is given).
 PyRef new_counter(const ModuleState& state) {
@@ -91,11 +100,11 @@ Share share_arg(PyObject* value) {
 
 PyRef is_use_body(Call& c) {
   PyObject *resolution = c.arg(0), *kind = c.arg(1), *resolved = c.arg(2);
-  return new_bool(
-      is_use([&] { return contains(c.module_attr(kEvidenceResolutions).get(), resolution, module_set(kEvidenceResolutions)); },
-             [&] { return check(PyObject_RichCompareBool(resolution, c.state.names[kUnique], Py_EQ)) != 0; },
-             [&] { return truth(resolved); },
-             [&] { return contains(c.module_attr(kNameMatchKinds).get(), kind, module_set(kNameMatchKinds)); }));
+  return new_bool(is_use(
+      [&] { return contains(c.module_attr(kEvidenceResolutions).get(), resolution, module_set(kEvidenceResolutions)); },
+      [&] { return check(PyObject_RichCompareBool(resolution, c.state.names[kUnique], Py_EQ)) != 0; },
+      [&] { return truth(resolved); },
+      [&] { return contains(c.module_attr(kNameMatchKinds).get(), kind, module_set(kNameMatchKinds)); }));
 }
 
 PyRef members_body(Call& c) {
@@ -110,22 +119,15 @@ PyRef members_body(Call& c) {
 PyRef production_fan_in_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kFanInNeeds);
   FanInCounts counts = count_fan_in(p.view, p.vocab);
-  const std::vector<std::uint32_t> candidates = entry_candidates(p.view, p.vocab, counts.referenced);
   PyRef outside = counts_dict(counts.outside_order, counts.uses.outside, p.native);
   PyRef inside = counts_dict(counts.inside_order, counts.uses.inside, p.native);
   auto slots = std::make_shared<FanInSlots>(std::move(counts.uses));
   slots->entry.assign(p.view.ids.size(), 0);
-  // The path filter last, and only for what passed every other test.
   PyRef entry = check(PyFrozenSet_New(nullptr));
-  if (!candidates.empty()) {
-    PyRef is_test_path = c.module_attr(kIsTestPath);
-    for (std::uint32_t row : candidates) {
-      PyRef path = str_of(p.native, p.view.symbols.str(sym_f::path, row));
-      if (truth(check(PyObject_CallOneArg(is_test_path.get(), path.get())).get())) continue;
-      const std::uint32_t slot = p.view.symbols.slot(sym_f::id, row);
-      check(PySet_Add(entry.get(), p.native.id_object(slot).get()));
-      slots->entry[slot] = 1;
-    }
+  for (std::uint32_t row : entry_points(p.view, p.vocab, counts, is_test_path_of(c, p.native))) {
+    const std::uint32_t slot = p.view.symbols.slot(sym_f::id, row);
+    check(PySet_Add(entry.get(), p.native.id_object(slot).get()));
+    slots->entry[slot] = 1;
   }
   PyRef fan_in =
       check(PyObject_CallFunctionObjArgs(c.state.fan_in_type, outside.get(), inside.get(), entry.get(), nullptr));
@@ -393,22 +395,12 @@ PyRef neighbours_body(Call& c) {
   FactsObject* facts = c.facts(0);
   const std::int64_t limit = as_int64(c.arg(1), Where{"limit"});
   Prepared p(c.module, c.state, facts, kNeighbourNeeds);
-  PyRef result = check(PyList_New(0));
-  if (limit <= 0) return result;
-  // The path filter is asked about the paths of the best targets only, each
-  // path once, until `limit` targets outside test files are found: it is a
-  // pure function of the path, and a test file's targets take no place.
-  NeighbourRanking ranking(p.view);
-  PyRef is_test_path = c.module_attr(kIsTestPath);
-  std::vector<std::int8_t> test(p.view.pool.size(), -1);  // by path: unknown, no, yes
-  Neighbour next{};
-  while (PyList_GET_SIZE(result.get()) < limit && ranking.next(next)) {
-    if (test[next.path] < 0)
-      test[next.path] = truth(check(PyObject_CallOneArg(is_test_path.get(), str_of(p.native, next.path).get())).get());
-    if (test[next.path]) continue;
-    PyRef count = new_int(next.count);
-    PyRef pair = check(PyTuple_Pack(2, p.native.targets[next.row].get(), count.get()));
-    check(PyList_Append(result.get(), pair.get()));
+  const std::vector<Neighbour> kept = neighbours(p.view, limit, is_test_path_of(c, p.native));
+  PyRef result = check(PyList_New(static_cast<Py_ssize_t>(kept.size())));
+  for (std::size_t i = 0; i < kept.size(); ++i) {
+    PyRef count = new_int(kept[i].count);
+    PyList_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i),
+                    check(PyTuple_Pack(2, p.native.targets[kept[i].row].get(), count.get())).release());
   }
   return result;
 }

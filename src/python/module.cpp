@@ -39,27 +39,9 @@ const Import kImports[] = {
     {"tarnwick.workers.wiki.scope_tests", "tests_reaching", "tests_reaching"},
 };
 
-const char* const kNameTexts[kNameCount] = {
-    "outside",
-    "inside",
-    "entry",
-    "keys",
-    "NAME_MATCH_KINDS",
-    "_TYPE_KINDS",
-    "_CALLABLE_KINDS",
-    "EVIDENCE_RESOLUTIONS",
-    "_TRUSTED",
-    "is_test_path",
-    "tests_reaching",
-    "scope_files",
-    "inbound_references",
-    "import_resolved_languages",
-    "scope_symbols",
-    "outbound_references",
-    "file_summary",
-    "importing_tests",
-    "unique",
-};
+#define SCOPE_NAME_TEXT(id, text) text,
+const char* const kNameTexts[kNameCount] = {SCOPE_NAMES(SCOPE_NAME_TEXT)};
+#undef SCOPE_NAME_TEXT
 
 const Schema* const kSchemas[kTableCount] = {&kFileSchema, &kSymbolSchema, &kInboundSchema, &kOutboundSchema};
 
@@ -93,9 +75,7 @@ PyObject* fan_in_api(PyObject* self, PyTypeObject* defining_class, PyObject* con
       PyRef zero = new_int(0);
       return check(PyObject_RichCompareBool(count.get(), zero.get(), Py_GT)) != 0;
     };
-    auto in_entry = [&] {
-      return contains(field(2, "entry").get(), id, Where{"self", "entry"});
-    };
+    auto in_entry = [&] { return contains(field(2, "entry").get(), id, Where{"self", "entry"}); };
     return new_bool(is_api(has_outside_uses, in_entry));
   });
 }

@@ -46,8 +46,8 @@ struct FanInCache {
 
 struct NativeFacts {
   FactsView view;
-  std::vector<PyRef> strings;  // the str object of each StrId (the first one seen)
-  std::vector<PyRef> targets;  // outbound `target` objects, by row
+  std::vector<PyRef> strings;     // the str object of each StrId (the first one seen)
+  std::vector<PyRef> targets;     // outbound `target` objects, by row
   std::vector<PyRef> id_objects;  // an int object of each slot's id, when one was met
 
   // The int object of a slot's id: the host's own when it gave a plain int.

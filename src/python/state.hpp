@@ -13,28 +13,19 @@ namespace scope::py {
 struct FactsObject;
 
 // Names the module looks up, interned once per module.
-enum Name : int {
-  kOutside,
-  kInside,
-  kEntry,
-  kKeys,
-  kNameMatchKinds,
-  kTypeKinds,
-  kCallableKinds,
-  kEvidenceResolutions,
-  kTrusted,
-  kIsTestPath,
-  kTestsReaching,
-  kScopeFiles,
-  kInboundReferences,
-  kImportResolvedLanguages,
-  kScopeSymbols,
-  kOutboundReferences,
-  kFileSummary,
-  kImportingTests,
-  kUnique,
-  kNameCount
-};
+// clang-format off
+#define SCOPE_NAMES(X)                                                                                      \
+  X(kOutside, "outside") X(kInside, "inside") X(kEntry, "entry") X(kKeys, "keys")                              \
+  X(kNameMatchKinds, "NAME_MATCH_KINDS") X(kTypeKinds, "_TYPE_KINDS") X(kCallableKinds, "_CALLABLE_KINDS")     \
+  X(kEvidenceResolutions, "EVIDENCE_RESOLUTIONS") X(kTrusted, "_TRUSTED") X(kIsTestPath, "is_test_path")       \
+  X(kTestsReaching, "tests_reaching") X(kScopeFiles, "scope_files") X(kInboundReferences, "inbound_references") \
+  X(kImportResolvedLanguages, "import_resolved_languages") X(kScopeSymbols, "scope_symbols")                   \
+  X(kOutboundReferences, "outbound_references") X(kFileSummary, "file_summary")                                \
+  X(kImportingTests, "importing_tests") X(kUnique, "unique")
+// clang-format on
+#define SCOPE_NAME_ID(id, text) id,
+enum Name : int { SCOPE_NAMES(SCOPE_NAME_ID) kNameCount };
+#undef SCOPE_NAME_ID
 
 // The four record tables, in the order of ScopeFacts' fields.
 enum TableId : int { kFilesTable, kSymbolsTable, kInboundTable, kOutboundTable, kTableCount };
