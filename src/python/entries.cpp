@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "../core/consumers.hpp"
+#include "../core/interface.hpp"
 #include "../core/neighbours.hpp"
 
 namespace scope::py {
@@ -419,123 +420,51 @@ PyRef name_match_counts_body(Call& c) {
 // ---------------------------------------------------------------------------
 // The table.
 
-constexpr Entry kEntries[] = {
-    {"load_scope_facts",
-     {{{"db"}, {"paths"}, {"read_lines"}}},
-     load_scope_facts,
-     "Loads one page's facts: queries the index (scope_files, inbound_references, import_resolved_languages, then "
-     "scope_symbols and outbound_references), reads each indexed file once with `read_lines` (None means "
-     "unreadable), asks `is_test_path` once per distinct inbound source, and stores the result of "
-     "`importing_tests`. Errors of any of these propagate unchanged."},
-    {"is_use",
-     {{{"resolution"}, {"target_kind"}, {"import_resolved"}}},
-     is_use_body,
-     "Whether a reference is evidence that its source uses its target: an \"import\" or \"local\" one always; a "
-     "\"unique\" one only where imports are not resolved and the target is no attribute or constant "
-     "(NAME_MATCH_KINDS)."},
-    {"_members",
-     {{{"facts"}}},
-     members_body,
-     "The set of ids of the declarations that lie inside a type declared in the same file (bounds inclusive; a "
-     "type never contains itself)."},
-    {"production_fan_in",
-     {{{"facts"}}},
-     production_fan_in_body,
-     "Counts the production uses of the page's declarations: FanIn(outside, inside, entry). Tests never count; "
-     "evidence counts, and so does a trusted resolution except to an attribute or a constant; uses from the "
-     "page's own files go to `inside`. `entry` holds the public, exported, top-level callables and types that no "
-     "production code references, outside test files."},
-    {"rank_key",
-     {{{"symbol"}, {"fan_in"}}},
-     rank_key_body,
-     "The sort key of a declaration, lower first: (not API, kind group, private, -outside uses x weight, "
-     "-min(size, 40), -inside uses x weight, start line). A constant weighs 1, others 2."},
-    {"ranked_by_file",
-     {{{"facts"}, {"fan_in"}}},
-     ranked_by_file_body,
-     "Each file's declarations best first (stable by rank_key): a dict from path to list, paths in order of "
-     "their first declaration."},
-    {"file_seeds",
-     {{{"facts"}, {"fan_in"}}},
-     file_seeds_body,
-     "One citable (start, end) range per file: its best declaration that starts after line 0, else its whole "
-     "text when it was read and is not empty. Declaration seeds come first."},
-    {"select_with_quota",
-     {{{"ranked"}, {"fan_in"}, {"total"}, {"floor"}, {"max_share"}}},
-     select_with_quota_body,
-     "Up to `total` declarations of `ranked` (path -> best-first sequence): `floor` per file first, the rest by "
-     "rank with no file above ceil(total * max_share) while another has some left, interleaved so that every "
-     "file's best comes before any file's second."},
-    {"pick_spread",
-     {{{"scored"}, {"limit"}, {"per_file"}}},
-     pick_spread_body,
-     "The first `limit` names of the best-first (name, path) pairs, at most `per_file` per path."},
-    {"_short_path", {{{"path"}}}, short_path_body, "The last two \"/\"-separated segments of `path`."},
-    {"_cell", {{{"text"}}}, cell_body, "`text` for one Markdown table cell: \"|\" escaped, line feeds made spaces."},
-    {"_named",
-     {{{"names"}, {"limit", "3"}}},
-     named_body,
-     "The first `limit` names joined by \", \", then \" +N\" for the N names left out."},
-    {"file_users",
-     {{{"facts"}}},
-     file_users_body,
-     "For each page file that other production files use through evidence: a Counter of those users' summed "
-     "refs. Tests and a file's references to itself never count."},
-    {"_most_used",
-     {{{"declarations"}, {"fan_in"}}},
-     most_used_body,
-     "One file's used declarations, most used first, as \"`name` L<line> (<count>)\" items: uses from outside "
-     "the page, or, when there are none, uses from the page's own files (\"in-page\")."},
-    {"render_file_cards",
-     {{{"facts"}, {"fan_in"}, {"heading"}, {"missing", "()"}}},
-     render_file_cards_body,
-     "The Markdown table with one card per file of the page, then one row per `missing` path."},
-    {"render_consumers",
-     {{{"facts"}, {"fan_in"}, {"heading"}}},
-     render_consumers_body,
-     "The Markdown section of the page's consumers: the production files outside the page that use it through "
-     "evidence (at most 12 rows), the references not counted because they only match a name, and the public "
-     "top-level types and callables that nothing outside uses."},
-    {"_unused_outside",
-     {{{"facts"}, {"used"}, {"fan_in"}}},
-     unused_outside_body,
-     "The public, exported, top-level types and callables whose id is not in `used`: types first, then best "
-     "first by rank_key, then by path."},
-    {"neighbours",
-     {{{"facts"}, {"limit"}}},
-     neighbours_body,
-     "The declarations outside the page that its files use most: a list of (target record, count) pairs, "
-     "highest count first, then fqn, then first counted; at most `limit`. Targets in the page or in test files "
-     "are skipped, and a name match to an attribute or a constant does not count."},
-    {"name_match_counts",
-     {{{"facts"}}},
-     name_match_counts_body,
-     "Counts of \"unique\" references to attributes and constants, keyed by (source path, target path) in "
-     "first-counted order: inbound references first, then outbound; every file counts."},
+// The bodies, in the order of the module's functions (interface.hpp).
+constexpr PyRef (*kBodies[])(Call&) = {
+    load_scope_facts,
+    is_use_body,
+    members_body,
+    production_fan_in_body,
+    rank_key_body,
+    ranked_by_file_body,
+    file_seeds_body,
+    select_with_quota_body,
+    pick_spread_body,
+    short_path_body,
+    cell_body,
+    named_body,
+    file_users_body,
+    most_used_body,
+    render_file_cards_body,
+    render_consumers_body,
+    unused_outside_body,
+    neighbours_body,
+    name_match_counts_body,
 };
-constexpr std::size_t kEntryCount = sizeof kEntries / sizeof kEntries[0];
+static_assert(sizeof kBodies / sizeof kBodies[0] == kFunctionCount);
 
 template <std::size_t I>
 PyObject* trampoline(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-  constexpr const Entry& spec = kEntries[I];
+  constexpr const Function& spec = kFunctions[I];
   return entry(spec.name, [&]() -> PyRef {
     const char* names[5];
     std::size_t count = 0, required = 0;
-    for (const Param& param : spec.params) {
+    for (const Parameter& param : spec.params) {
       if (param.name == nullptr) break;
       names[count++] = param.name;
       if (param.shown_default == nullptr) required = count;
     }
     Call call{module, state_of_module(module), {}};
     bind_arguments({names, count}, required, args, nargs, kwnames, call.args.data());
-    return spec.body(call);
+    return kBodies[I](call);
   });
 }
 
 // "name(a, b, c=3)\n--\n\n<doc>": the docstring whose first line is the signature.
-std::string docstring(const Entry& spec) {
+std::string docstring(const Function& spec) {
   std::string doc = std::string(spec.name) + "(";
-  for (const Param& param : spec.params) {
+  for (const Parameter& param : spec.params) {
     if (param.name == nullptr) break;
     if (doc.back() != '(') doc += ", ";
     doc += param.name;
@@ -546,7 +475,7 @@ std::string docstring(const Entry& spec) {
 
 template <std::size_t... I>
 std::vector<PyMethodDef> method_table(std::index_sequence<I...>) {
-  return {PyMethodDef{kEntries[I].name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(trampoline<I>)),
+  return {PyMethodDef{kFunctions[I].name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(trampoline<I>)),
                       METH_FASTCALL | METH_KEYWORDS, nullptr}...,
           PyMethodDef{nullptr, nullptr, 0, nullptr}};
 }
@@ -557,12 +486,12 @@ PyMethodDef* entry_methods() {
   // Built once; the docstrings live as long as the table.
   static const std::vector<std::string> docs = [] {
     std::vector<std::string> all;
-    for (const Entry& spec : kEntries) all.push_back(docstring(spec));
+    for (const Function& spec : kFunctions) all.push_back(docstring(spec));
     return all;
   }();
   static std::vector<PyMethodDef> methods = [] {
-    std::vector<PyMethodDef> table = method_table(std::make_index_sequence<kEntryCount>{});
-    for (std::size_t i = 0; i < kEntryCount; ++i) table[i].ml_doc = docs[i].c_str();
+    std::vector<PyMethodDef> table = method_table(std::make_index_sequence<kFunctionCount>{});
+    for (std::size_t i = 0; i < kFunctionCount; ++i) table[i].ml_doc = docs[i].c_str();
     return table;
   }();
   return methods.data();

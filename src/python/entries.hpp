@@ -1,7 +1,7 @@
-// The module's functions: one table of entry points, each a parameter list,
-// a docstring and a body of a few lines (parse, prepare, call the core,
-// build the result). The prologue (argument binding, the error guard and
-// the function's name in errors) is written once, for all of them.
+// The module's functions: each declared in the core's interface list (name,
+// parameters, docstring) and given here a body of a few lines (parse,
+// prepare, call the core, build the result). The prologue (argument binding,
+// the error guard and the function's name in errors) is written once.
 #pragma once
 
 #include <array>
@@ -19,18 +19,6 @@ struct Call {
   PyObject* arg(int i) const { return args[static_cast<std::size_t>(i)]; }
   FactsObject* facts(int i) const { return as_facts(state, arg(i)); }
   PyRef module_attr(Name name) const { return py::module_attr(module, state, name); }
-};
-
-struct Param {
-  const char* name;
-  const char* shown_default = nullptr;  // optional, with this default shown in the signature
-};
-
-struct Entry {
-  const char* name;
-  std::array<Param, 5> params;
-  PyRef (*body)(Call&);
-  const char* doc;
 };
 
 // The loader's body (loader.cpp).
