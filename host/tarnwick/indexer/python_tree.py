@@ -1119,77 +1119,91 @@ class _Indexer:
     def follow(self, index: int, chain: tuple, weight: int | None) -> tuple:
         """Resolve a use chain of module `index`; with a weight, count each
         resolved step and name-match the unresolved ones."""
+        value, attrs = self.follow_head(index, chain, weight)
+        for attr in attrs:
+            if value is _EXTERNAL:
+                return value
+            value = self.follow_attribute(index, value, attr, weight)
+        return value
+
+    def follow_head(self, index: int, chain: tuple, weight: int | None) -> tuple:
+        """The value the head of a use chain names, and the attributes still
+        to follow from it."""
         kind, head, attrs = chain
         module = self.modules[index]
         if kind == _SELF:
-            value = ("decl", head + module.first)
-        elif kind == _NAME:
-            value = self.name_value(module, head)
-            if value[0] == "decl":
-                if weight:
-                    self.count(index, value[1], weight)
-            elif value is _FREE:
-                if weight:
-                    self.name_match(index, head, weight, self.top_names)
-                value = _UNKNOWN
-        elif kind == _FROM:
+            return ("decl", head + module.first), attrs
+        if kind == _FROM:
             source = self.import_source(module, head[0], head[1])
             value = _EXTERNAL if source is None else self.lookup(source, head[2])
             if value[0] == "decl" and weight:
                 self.count(index, value[1], weight)
-            return value
-        elif kind == _BUILTIN:
-            return _EXTERNAL
-        elif kind == _INSTANCE:
+            return value, ()
+        if kind == _BUILTIN:
+            return _EXTERNAL, ()
+        if kind == _INSTANCE:
             # An instance of the class that `head` names; anything else is
             # an unknown value.  (`head` itself is counted by its own chain.)
-            value = self.instance_of(index, head)
-        elif kind == _SUPER:
-            # `super().name`: the name in the bases of the method's class.
-            bases, outside = self.ancestry(head + module.first)
-            value = _EXTERNAL if outside else _UNKNOWN
-            for base in bases:
-                found = self.member(base, attrs[0])
-                if found[0] == "decl":
-                    value = found
-                    break
-                if found is _EXTERNAL:
-                    value = _EXTERNAL
-            if value[0] == "decl":
-                if weight:
-                    self.count(index, value[1], weight)
-            elif value is _UNKNOWN and weight and attrs[0] not in BUILTIN_ATTRIBUTES:
-                self.name_match(index, attrs[0], weight, self.member_names)
-            attrs = attrs[1:]
-        else:
-            value = _UNKNOWN
-        for attr in attrs:
-            if value is _EXTERNAL:
-                return value
-            if value is _UNKNOWN:
-                # An attribute of an object of unknown type.
-                if weight and attr not in BUILTIN_ATTRIBUTES:
-                    self.name_match(index, attr, weight, self.member_names)
-                continue
-            if value[0] == "module":
-                # A name of an indexed module that is no declaration stays
-                # unknown without being matched: it is known not to be one.
-                value = self.lookup(value[1], attr)
-            else:
-                kind = self.decls[value[1]].kind
-                if kind in NAME_MATCH_KINDS:
-                    value = self.value_of(value[1])  # the attribute's, property's or constant's value
-                    if value is _EXTERNAL:
-                        return value
-                elif kind != "class":
-                    value = _UNKNOWN  # an attribute of a function
-                if value is not _UNKNOWN:
-                    value = self.member(value[1], attr)
-                # A member no class body declares is set from outside or dynamically.
-                if value is _UNKNOWN and weight and attr not in BUILTIN_ATTRIBUTES:
-                    self.name_match(index, attr, weight, self.member_names)
-            if value[0] == "decl" and weight:
+            return self.instance_of(index, head), attrs
+        if kind == _SUPER:
+            return self.follow_super(index, head + module.first, attrs[0], weight), attrs[1:]
+        if kind != _NAME:
+            return _UNKNOWN, attrs
+        value = self.name_value(module, head)
+        if value[0] == "decl":
+            if weight:
                 self.count(index, value[1], weight)
+        elif value is _FREE:
+            if weight:
+                self.name_match(index, head, weight, self.top_names)
+            value = _UNKNOWN
+        return value, attrs
+
+    def follow_super(self, index: int, method: int, name: str, weight: int | None) -> tuple:
+        """`super().name` in the method `method`: the name in the bases of
+        the method's class."""
+        bases, outside = self.ancestry(method)
+        value = _EXTERNAL if outside else _UNKNOWN
+        for base in bases:
+            found = self.member(base, name)
+            if found[0] == "decl":
+                value = found
+                break
+            if found is _EXTERNAL:
+                value = _EXTERNAL
+        if value[0] == "decl":
+            if weight:
+                self.count(index, value[1], weight)
+        elif value is _UNKNOWN and weight and name not in BUILTIN_ATTRIBUTES:
+            self.name_match(index, name, weight, self.member_names)
+        return value
+
+    def follow_attribute(self, index: int, value: tuple, attr: str, weight: int | None) -> tuple:
+        """The value of `value.attr`, counted or name-matched as `follow` says."""
+        if value is _UNKNOWN:
+            # An attribute of an object of unknown type.
+            if weight and attr not in BUILTIN_ATTRIBUTES:
+                self.name_match(index, attr, weight, self.member_names)
+            return value
+        if value[0] == "module":
+            # A name of an indexed module that is no declaration stays
+            # unknown without being matched: it is known not to be one.
+            value = self.lookup(value[1], attr)
+        else:
+            kind = self.decls[value[1]].kind
+            if kind in NAME_MATCH_KINDS:
+                value = self.value_of(value[1])  # the attribute's, property's or constant's value
+                if value is _EXTERNAL:
+                    return value
+            elif kind != "class":
+                value = _UNKNOWN  # an attribute of a function
+            if value is not _UNKNOWN:
+                value = self.member(value[1], attr)
+            # A member no class body declares is set from outside or dynamically.
+            if value is _UNKNOWN and weight and attr not in BUILTIN_ATTRIBUTES:
+                self.name_match(index, attr, weight, self.member_names)
+        if value[0] == "decl" and weight:
+            self.count(index, value[1], weight)
         return value
 
     # -- running ------------------------------------------------------------
