@@ -7,6 +7,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/setup.sh
+need_debs g++ python3-dev python3-venv
+use_venv test
 minutes=${1:-10}
 cases=${2:-2000}
 cmake -S . -B build/asan-py -G Ninja -DCMAKE_BUILD_TYPE=Debug -DSCOPE_SANITIZE=ON -DSCOPE_BUILD_TESTS=OFF >/dev/null
@@ -23,9 +25,9 @@ while [ "$SECONDS" -lt "$end" ]; do
   echo "hostile: round $round, SCOPE_HOSTILE_SEED=$seed"
   # Python's own allocator is bypassed so that the sanitizer sees every object.
   if ! LD_PRELOAD="$(g++ -print-file-name=libasan.so):$(g++ -print-file-name=libubsan.so)" \
-    ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=print_stacktrace=1 PYTHONMALLOC=malloc \
+    ASAN_OPTIONS=detect_leaks=0:allocator_may_return_null=1 UBSAN_OPTIONS=print_stacktrace=1 PYTHONMALLOC=malloc \
     SCOPE_HOSTILE_SEED=$seed SCOPE_HOSTILE_EXAMPLES=$cases SCOPE_HOSTILE_REPORT="$report" \
-    PYTHONPATH=build/asan-py/python:host python3 -m pytest tests/python/test_hostile.py -q -p no:cacheprovider -x; then
+    PYTHONPATH=build/asan-py/python:host python -m pytest tests/python/test_hostile.py -q -p no:cacheprovider -x; then
     echo "hostile: round $round failed; SCOPE_HOSTILE_SEED=$seed SCOPE_HOSTILE_EXAMPLES=$cases reproduces it"
     status=1
     break
