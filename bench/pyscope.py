@@ -1,15 +1,8 @@
-"""Plain Python implementation of the ``scope`` grounding functions.
-
-Function for function what the native module computes, written for clarity
-rather than speed: the baseline of the benchmarks and the oracle of the
-randomized tests. Every step follows the rules literally (same iteration
-orders, stable sorts with keys computed once, insertion-ordered maps), so any
-difference between the two is a bug on one side.
-
-The loader and ``ScopeFacts`` are not reimplemented: pass any object with the
-nine fields, ``paths`` and ``import_resolved(path)``. The sibling functions
-and the module's sets are looked up as globals when called, so tests may
-replace them with ``monkeypatch.setattr(pyscope, name, ...)``.
+"""Plain Python implementation of the ``scope`` grounding functions, function for function: the baseline of the
+benchmarks and the oracle of the randomized tests. Every step follows the rules literally (iteration orders, stable
+sorts, insertion-ordered maps), so any difference between the two is a bug on one side. ``ScopeFacts`` and the loader
+are not repeated here: any object with the nine fields, ``paths`` and ``import_resolved(path)`` will do. The sibling
+functions and the module's sets are looked up when called, so tests may replace them on this module.
 """
 
 import math
@@ -67,18 +60,14 @@ def production_fan_in(facts):
         ):
             (inside if ref.source_path in scope else outside)[ref.target_id] += ref.refs
     members = _members(facts)
-    entry = set()
-    for s in facts.symbols:
-        if (
-            (s.kind in _CALLABLE_KINDS or s.kind in _TYPE_KINDS)
-            and s.is_export
-            and not s.name.startswith("_")
-            and s.id not in referenced
-            and s.id not in members
-            and not is_test_path(s.path)
-        ):
-            entry.add(s.id)
+    entry = [s.id for s in facts.symbols if _public(s, members) and s.id not in referenced and not is_test_path(s.path)]
     return FanIn(dict(outside), dict(inside), frozenset(entry))
+
+
+def _public(s, members):
+    """An exported type or callable whose name is not private and that lies in no type."""
+    typed = s.kind in _CALLABLE_KINDS or s.kind in _TYPE_KINDS
+    return typed and s.is_export and not s.name.startswith("_") and s.id not in members
 
 
 def _members(facts):
@@ -296,15 +285,7 @@ def render_consumers(facts, fan_in, heading):
 def _unused_outside(facts, used, fan_in):
     """Public, exported, top-level types and callables not in ``used``: types first, then best first, then path."""
     used, members = set(used), _members(facts)
-    kept = [
-        s
-        for s in facts.symbols
-        if (s.kind in _TYPE_KINDS or s.kind in _CALLABLE_KINDS)
-        and s.id not in used
-        and s.is_export
-        and not s.name.startswith("_")
-        and s.id not in members
-    ]
+    kept = [s for s in facts.symbols if _public(s, members) and s.id not in used]
     return sorted(kept, key=lambda s: (s.kind not in _TYPE_KINDS, rank_key(s, fan_in), s.path))
 
 

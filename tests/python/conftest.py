@@ -5,8 +5,6 @@ from dataclasses import fields, make_dataclass
 from pathlib import Path
 from types import SimpleNamespace
 
-import pytest
-
 ROOT = Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(extra) for extra in (ROOT / "host", ROOT / "bench") if str(extra) not in sys.path]
 
@@ -53,12 +51,6 @@ class Counting:
         return fields[name]
 
 
-@pytest.fixture
-def counting():
-    Counting.reads = 0
-    return Counting
-
-
 # Random pages: few distinct values, so that ties, repeats and collisions are common.
 PAGE = ["lib/a.py", "lib/b.go", "src/lib/a.py", "a|b/c.py", "tests/test_x.py", "d\ud800/é.py", "x", ""]
 OUTSIDE = ["app/m.py", "web/m.go", "svc/app/m.py", "tests/t.py", "lib/test_y.py", "e\U0001f600.go"]
@@ -75,7 +67,7 @@ def random_page(rng, size, style="host", step=1):
     """The nine fields of a page of `size` declarations (ids `step` apart) as records of `style`."""
     new = STYLES[style]
     paths = rng.sample(PAGE, rng.randint(0, 5))
-    sources = paths + OUTSIDE
+    sources = paths + OUTSIDE + [f"m/{i}.py" for i in range(size // 8)]  # more than twelve consumers, now and then
 
     def declaration(path, id):
         start = rng.randint(0, 40)

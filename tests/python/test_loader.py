@@ -1,44 +1,10 @@
-"""load_scope_facts against the SQLite index and against recording fakes."""
+"""load_scope_facts against recording fakes and the SQLite index (the grounding tool's tests load real pages)."""
 
 import pytest
 
 import scope
 from tarnwick.storage.database import Database
 from tarnwick.storage.grounding_queries import InboundReference, ScopeFile, ScopeSymbol
-from tarnwick.workers.wiki.checkout import checkout_reader
-
-
-def test_loads_every_field_from_the_index_and_the_checkout(tmp_path):
-    """lib/c.go is go, whose imports the index does not resolve; lib/gone.py is indexed but not checked out."""
-    files = {"lib/a.py": '"""Alpha module."""\n\ndef run():\n    pass\n', "lib/b.py": "# Bravo.\nimport lib.a\n",
-             "lib/c.go": "// Package c.\npackage c\n", "lib/empty.py": "", "notes/x": "plain words\n"}
-    for path, text in files.items():
-        (tmp_path / path).parent.mkdir(parents=True, exist_ok=True)
-        (tmp_path / path).write_text(text)
-    db = Database()
-    db.add_files([("lib/a.py", "python"), ("lib/b.py", "python"), ("lib/c.go", "go"), ("lib/empty.py", "python"),
-                  ("lib/gone.py", "python"), ("notes/x", None), ("tests/test_a.py", "python"),
-                  ("app/main.py", "python")])
-    db.add_resolved_language("python")
-    run = db.add_symbol("lib/a.py", "run", "lib.a.run", "function", 3, 4, True)
-    db.add_symbol("lib/c.go", "Do", "c.Do", "function", 2, 2, True)
-    db.add_references([("tests/test_a.py", run, "import", 1), ("app/main.py", run, "import", 2),
-                       ("app/main.py", run, "unique", 1), ("lib/b.py", run, "import", 1)])
-    page = ["lib/a.py", "lib/b.py", "lib/c.go", "lib/empty.py", "lib/gone.py", "notes/x", "lib/unindexed.py"]
-    facts = scope.load_scope_facts(db, page, checkout_reader(str(tmp_path)))
-    assert [f.path for f in facts.files] == page[:-1] and all(type(f) is ScopeFile for f in facts.files)
-    assert [(s.name, s.path) for s in facts.symbols] == [("run", "lib/a.py"), ("Do", "lib/c.go")]
-    assert sorted((r.source_path, r.resolution, r.refs) for r in facts.inbound) == [
-        ("app/main.py", "import", 2), ("app/main.py", "unique", 1), ("lib/b.py", "import", 1),
-        ("tests/test_a.py", "import", 1)]
-    assert [(r.source_path, r.target.name) for r in facts.outbound] == [("lib/b.py", "run")]
-    assert facts.import_resolved_paths == {"lib/a.py", "lib/b.py", "lib/empty.py", "lib/gone.py"}
-    assert facts.test_sources == {"tests/test_a.py"}
-    assert facts.line_counts == {"lib/a.py": 4, "lib/b.py": 2, "lib/c.go": 2, "lib/empty.py": 0, "notes/x": 1}
-    assert facts.summaries == {"lib/a.py": "Alpha module.", "lib/b.py": "Bravo.", "lib/c.go": "Package c.",
-                               "lib/empty.py": "", "notes/x": ""}
-    assert facts.test_imports == {"lib/a.py": frozenset({"tests/test_a.py"})}
-
 
 QUERIES = ["scope_files", "inbound_references", "import_resolved_languages", "read_lines", "file_summary",
            "scope_symbols", "outbound_references", "is_test_path", "importing_tests"]
@@ -96,13 +62,6 @@ def test_an_error_halfway_propagates_unchanged(monkeypatch, fail_at):
     with pytest.raises(LookupError, match=f"{fail_at} failed"):
         scope.load_scope_facts(db="DB", paths=["a"], read_lines=read_lines)
     assert calls[-1][0] == fail_at
-
-
-def test_bad_arguments_are_named():
-    with pytest.raises(TypeError, match=r"load_scope_facts\(\) argument 'read_lines' must be callable"):
-        scope.load_scope_facts(db=None, paths=[], read_lines=5)
-    with pytest.raises(TypeError, match="unexpected keyword argument 'reader'"):
-        scope.load_scope_facts(db=None, paths=[], reader=len)
 
 
 def test_a_large_page_costs_five_queries_and_one_for_tests():
