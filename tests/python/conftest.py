@@ -89,8 +89,8 @@ def random_page(rng, size, style="host", step=1):
                 symbols=tuple(symbols), inbound=tuple(inbound), outbound=tuple(outbound),
                 import_resolved_paths=frozenset(rng.sample(paths, len(paths) // 2)),
                 test_sources=frozenset(p for p in sources if "test" in p),
-                line_counts={p: rng.choice([0, 7, 90]) for p in rng.sample(paths, len(paths) // 2)},
-                summaries={p: rng.choice(["", "Does x.", "a|b\r\nc", "\ud800"]) for p in paths[1:]})
+                line_counts={p: rng.choice([0, 7, 90]) for p in rng.sample(paths, len(paths) // 2)} | {None: 1},
+                summaries={p: rng.choice(["", "Does x.", "a|b\r\nc", "\ud800"]) for p in paths[1:]} | {3: ""})
 
 
 def norm(value):

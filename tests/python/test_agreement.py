@@ -69,7 +69,7 @@ def test_every_function_agrees_with_the_plain_implementation(seed, monkeypatch):
         monkeypatch.setattr(module, "tests_reaching", lambda facts: (frozenset(), reach))
         for name, value in sets.items():
             monkeypatch.setattr(module, name, value)
-    ids = [s.id for s in facts.symbols] + [10**6]
+    ids = [s.id for s in facts.symbols] + [10**6, 2**64, -(2**64)]  # keys equal to no id
     outside = {i: rng.choice([0, 1, 2, 2, 7]) for i in rng.sample(ids, len(ids) // 3)}
     inside = {i: rng.choice([0, 1, 4]) for i in rng.sample(ids, len(ids) // 2)}
     entry = set(rng.sample(ids, len(ids) // 4))
