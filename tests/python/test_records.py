@@ -63,6 +63,7 @@ def test_scope_facts_compares_prints_and_copies_by_its_fields():
     assert [text.index(f" {name}=") for name in FIELDS[1:]] == sorted(text.index(f" {name}=") for name in FIELDS[1:])
     target = sym(7, "a.py", "f")
     full = scope.ScopeFacts(**fields(symbols=[target], inbound=[inref("b.py", target)]))
+    scope.file_users(full)  # a converted facts compares and copies by its fields alone
     for clone in (lambda f: pickle.loads(pickle.dumps(f)), copy.deepcopy, copy.copy):
         assert clone(full) == full and type(clone(full)) is scope.ScopeFacts
 
