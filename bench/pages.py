@@ -1,4 +1,4 @@
-"""Deterministic synthetic pages for benchmarks and randomized tests.
+"""Deterministic synthetic pages for the benchmarks.
 
 ``make_page`` builds, from a ``random.Random`` and a few size parameters, the
 nine fields of a page's scope facts as plain records: page files in two

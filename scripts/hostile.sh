@@ -11,8 +11,8 @@ need_debs g++ python3-dev python3-venv
 use_venv test
 minutes=${1:-10}
 cases=${2:-2000}
-cmake -S . -B build/asan-py -G Ninja -DCMAKE_BUILD_TYPE=Debug -DSCOPE_SANITIZE=ON -DSCOPE_BUILD_TESTS=OFF >/dev/null
-cmake --build build/asan-py -j2
+cmake -S . -B build/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DSCOPE_SANITIZE=ON -DSCOPE_BUILD_TESTS=ON >/dev/null
+cmake --build build/asan -j2
 report=$(mktemp)
 trap 'rm -f "$report"' EXIT
 first_seed=${SCOPE_HOSTILE_SEED:-$(date +%s)}
@@ -27,7 +27,7 @@ while [ "$SECONDS" -lt "$end" ]; do
   if ! LD_PRELOAD="$(g++ -print-file-name=libasan.so):$(g++ -print-file-name=libubsan.so)" \
     ASAN_OPTIONS=detect_leaks=0:allocator_may_return_null=1 UBSAN_OPTIONS=print_stacktrace=1 PYTHONMALLOC=malloc \
     SCOPE_HOSTILE_SEED=$seed SCOPE_HOSTILE_EXAMPLES=$cases SCOPE_HOSTILE_REPORT="$report" \
-    PYTHONPATH=build/asan-py/python:host python -m pytest tests/python/test_hostile.py -q -p no:cacheprovider -x; then
+    PYTHONPATH=build/asan/python:host python -m pytest tests/python/test_hostile.py -q -p no:cacheprovider -x; then
     echo "hostile: round $round failed; SCOPE_HOSTILE_SEED=$seed SCOPE_HOSTILE_EXAMPLES=$cases reproduces it"
     status=1
     break

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Every check, in the checkout's .venv/: lint and format, the core's
-# GoogleTest suite, the installed module's stubs and types, and the module's
-# pytest suite.
+# GoogleTest suite, the installed module's stubs and types, the module's
+# pytest suite, then both suites again under AddressSanitizer and
+# UndefinedBehaviorSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/setup.sh
@@ -30,3 +31,6 @@ mypy --strict --python-executable build/typing-venv/bin/python tests/typing/usag
 
 echo "== module tests" >&2
 python -m pytest tests/python -q
+
+echo "== core and module tests under the sanitizers" >&2
+bash scripts/sanitize.sh

@@ -1,22 +1,16 @@
-"""Shared record builders for the module's tests."""
+"""Record builders, random pages, and the check of every function against the plain implementation."""
 
 import sys
+from dataclasses import fields, make_dataclass
 from pathlib import Path
-
-import pytest
+from types import SimpleNamespace
 
 ROOT = Path(__file__).resolve().parents[2]
-for extra in (ROOT / "host", ROOT / "bench"):
-    if str(extra) not in sys.path:
-        sys.path.insert(0, str(extra))
+sys.path[:0] = [str(extra) for extra in (ROOT / "host", ROOT / "bench") if str(extra) not in sys.path]
 
+import pyscope  # noqa: E402
 import scope  # noqa: E402
-from tarnwick.storage.grounding_queries import (  # noqa: E402
-    InboundReference,
-    OutboundReference,
-    ScopeFile,
-    ScopeSymbol,
-)
+from tarnwick.storage.grounding_queries import InboundReference, OutboundReference, ScopeFile, ScopeSymbol  # noqa: E402
 
 
 def sym(id, path, name, kind="function", start=1, end=1, export=True, fqn=None):
@@ -33,28 +27,16 @@ def outref(source, target, resolution="import", refs=1):
 
 
 def make_facts(files=(), symbols=(), inbound=(), outbound=(), resolved=None, tests=(), line_counts=None,
-               summaries=None, test_imports=None, languages=None):
-    """Facts of a page whose files are `files` (paths). All files are
-    import-resolved unless `resolved` names the ones that are."""
-    languages = languages or {}
-    records = tuple(ScopeFile(i + 1, path, languages.get(path, "python")) for i, path in enumerate(files))
-    kwargs = dict(
-        files=records,
-        symbols=tuple(symbols),
-        inbound=tuple(inbound),
-        outbound=tuple(outbound),
-        import_resolved_paths=frozenset(files if resolved is None else resolved),
-        test_sources=frozenset(tests),
-        line_counts=dict(line_counts or {}),
-        summaries=dict(summaries or {}),
-    )
-    if test_imports is not None:
-        kwargs["test_imports"] = test_imports
-    return scope.ScopeFacts(**kwargs)
+               summaries=None, languages=None):
+    """Facts of a page whose files are `files` (paths), all import-resolved unless `resolved` names some."""
+    records = tuple(ScopeFile(i + 1, path, (languages or {}).get(path, "python")) for i, path in enumerate(files))
+    return scope.ScopeFacts(records, tuple(symbols), tuple(inbound), tuple(outbound),
+                            frozenset(files if resolved is None else resolved), frozenset(tests),
+                            dict(line_counts or {}), dict(summaries or {}))
 
 
 class Counting:
-    """A record that counts every attribute read, to prove the native view is reused."""
+    """A record that counts every attribute read, to show that the native view is reused."""
 
     reads = 0
 
@@ -69,7 +51,63 @@ class Counting:
         return fields[name]
 
 
-@pytest.fixture
-def counting():
+# Random pages: few distinct values, so that ties, repeats and collisions are common.
+PAGE = ["lib/a.py", "lib/b.go", "src/lib/a.py", "a|b/c.py", "tests/test_x.py", "d\ud800/é.py", "x", ""]
+OUTSIDE = ["app/m.py", "web/m.go", "svc/app/m.py", "tests/t.py", "lib/test_y.py", "e\U0001f600.go"]
+NAMES = ["run", "_run", "Store", "MAX", "x|y", "\udc80", "a\x00b", "a", "new\nline"]
+KINDS = ["function", "method", "constructor", "class", "struct", "enum", "constant", "attribute", "field", "var"]
+RESOLUTIONS = ["import", "local", "unique", "ambiguous", "legacy", "Import"]
+FROZEN = {cls: make_dataclass(cls.__name__, [f.name for f in fields(cls)], frozen=True)
+          for cls in (ScopeFile, ScopeSymbol, InboundReference, OutboundReference)}
+STYLES = {"host": lambda cls, **f: cls(**f), "namespace": lambda cls, **f: SimpleNamespace(**f),
+          "frozen": lambda cls, **f: FROZEN[cls](**f), "counting": lambda cls, **f: Counting(**f)}
+
+
+def random_page(rng, size, style="host", step=1):
+    """The nine fields of a page of `size` declarations (ids `step` apart) as records of `style`."""
+    new = STYLES[style]
+    paths = rng.sample(PAGE, rng.randint(0, 5))
+    sources = paths + OUTSIDE + [f"m/{i}.py" for i in range(size // 8)]  # more than twelve consumers, now and then
+
+    def declaration(path, id):
+        start = rng.randint(0, 40)
+        return new(ScopeSymbol, id=id * step, path=path, name=rng.choice(NAMES),
+                   fqn=rng.choice(["p.f", "p.g", "q"]), kind=rng.choice(KINDS), start_line=start,
+                   end_line=start + rng.choice([-1, 0, 1, 3, 10, 39, 40, 41, 90]),
+                   is_export=rng.choice([True, True, True, False, 0, ""]))
+
+    symbols = [declaration(rng.choice(paths + ["lib/z.py"]), id) for id in rng.sample(range(-2, 2 * size), size)]
+    symbols += rng.sample(symbols, min(size, 2))  # the same declaration twice
+    targets = symbols + [declaration(rng.choice(OUTSIDE), 5000 + id) for id in range(size // 2 + 1)]
+    inbound = [new(InboundReference, source_path=rng.choice(sources), target_id=t.id, target_path=t.path,
+                   target_name=t.name, target_kind=t.kind, resolution=rng.choice(RESOLUTIONS),
+                   refs=rng.choice([0, 1, 1, 2, 5, 40])) for t in rng.choices(symbols, k=3 * size)]
+    outbound = [new(OutboundReference, source_path=rng.choice(paths or OUTSIDE), target=t, refs=rng.choice([0, 1, 3]),
+                    resolution=rng.choice(RESOLUTIONS)) for t in rng.choices(targets, k=size)]
+    return dict(files=tuple(new(ScopeFile, id=i, path=p, language=rng.choice(["python", "go", "", None]))
+                            for i, p in enumerate(paths)),
+                symbols=tuple(symbols), inbound=tuple(inbound), outbound=tuple(outbound),
+                import_resolved_paths=frozenset(rng.sample(paths, len(paths) // 2)),
+                test_sources=frozenset(p for p in sources if "test" in p),
+                line_counts={p: rng.choice([0, 7, 90]) for p in rng.sample(paths, len(paths) // 2)} | {None: 1},
+                summaries={p: rng.choice(["", "Does x.", "a|b\r\nc", "\ud800"]) for p in paths[1:]} | {3: ""})
+
+
+def norm(value):
+    """A value as the comparison sees it: containers by type and items in order, records by identity."""
+    if isinstance(value, (dict, list, tuple)):
+        return type(value).__name__, [norm(item) for item in (value.items() if isinstance(value, dict) else value)]
+    if isinstance(value, (str, int, frozenset, set)) or value is None:
+        return type(value).__name__, value
+    return id(value)
+
+
+def same(name, *args, quiet=False):
+    """The module's result of `name`, after checking it against the plain implementation's; with `quiet`, the
+    module must read no attribute of a Counting record."""
+    expected = norm(getattr(pyscope, name)(*args))
     Counting.reads = 0
-    return Counting
+    result = getattr(scope, name)(*args)
+    assert not (quiet and Counting.reads), f"{name} read the records again"
+    assert norm(result) == expected, name
+    return result

@@ -3,7 +3,14 @@ module. Each call returns or raises TypeError, ValueError, OverflowError, Attrib
 unchanged; nothing crashes, memory stays flat. SCOPE_HOSTILE_EXAMPLES sets the cases per test, SCOPE_HOSTILE_SEED
 draws seeded cases instead of the fixed ones."""
 
-import atexit, contextlib, gc, inspect, math, os, resource, traceback
+import atexit
+import contextlib
+import gc
+import inspect
+import math
+import os
+import resource
+import traceback
 from dataclasses import dataclass
 from functools import partial
 from types import MappingProxyType, MemberDescriptorType, SimpleNamespace
@@ -43,10 +50,10 @@ class Lying:
     """Holds `data`, says `length` (unless None) and raises from the protocols in `broken` (iterating: after `cut`)."""
     data: list; length: object; broken: frozenset; cut: int  # noqa: E702
 
-    check = lambda self, protocol: fail() if protocol in self.broken else None
-    __len__ = lambda self: self.check("len") or (len(self.data) if self.length is None else self.length)
-    __getitem__ = lambda self, index: self.check("getitem") or self.data[index]
-    __contains__ = lambda self, item: self.check("contains") or item in self.data
+    def check(self, protocol): return fail() if protocol in self.broken else None
+    def __len__(self): return self.check("len") or (len(self.data) if self.length is None else self.length)
+    def __getitem__(self, index): return self.check("getitem") or self.data[index]
+    def __contains__(self, item): return self.check("contains") or item in self.data
 
     def __iter__(self):
         yield from self.data[:self.cut]
@@ -55,11 +62,11 @@ class Lying:
 
 class LyingMap(Lying):
     keys = property(lambda self: self.check("keys") or (lambda: [key for key, _ in self.data]))  # raises on lookup
-    items = lambda self: self.check("items") or Lying.__iter__(self)
-    __iter__ = lambda self: (key for key, _ in Lying.__iter__(self))
-    __getitem__ = lambda self, key: self.check("getitem") or dict(self.data)[key]
-    __contains__ = lambda self, key: self.check("contains") or key in dict(self.data)
-    get = lambda self, key, default=None: self[key] if key in self else default
+    def items(self): return self.check("items") or Lying.__iter__(self)
+    def __iter__(self): return (key for key, _ in Lying.__iter__(self))
+    def __getitem__(self, key): return self.check("getitem") or dict(self.data)[key]
+    def __contains__(self, key): return self.check("contains") or key in dict(self.data)
+    def get(self, key, default=None): return self[key] if key in self else default
 
 
 def hook(action, value=None):  # a host callback: returns `value`, or raises the host's error, or calls back
@@ -182,7 +189,8 @@ def attempt(function, *args, by_name=False):  # must return, raise an expected e
     CALLS[0] += 1
     name = function.__name__
     try:
-        result = function(**dict(zip(inspect.signature(function).parameters, args))) if by_name else function(*args)
+        names = inspect.signature(function).parameters
+        result = function(**dict(zip(names, args, strict=False))) if by_name else function(*args)
     except Exception as error:
         where = [*traceback.walk_tb(error.__traceback__)][-1][0].f_code.co_name  # the frame that raised it
         assert RAISED in ([], [error]), f"{name}: the host's {RAISED[0]!r} came out as {error!r}"
@@ -203,7 +211,8 @@ def run(case):  # every function once on the case, with host callbacks and the m
         queries = dict(scope_files=f["files"], inbound_references=f["inbound"], scope_symbols=f["symbols"],
                        outbound_references=f["outbound"], import_resolved_languages=f["import_resolved_paths"],
                        importing_tests=f["test_imports"], file_summary=c["text"])
-        for name, value in [*zip(queries, map(hook, c["loader"], queries.values())), *c["patches"].items()]:
+        hooks = map(hook, c["loader"], queries.values())
+        for name, value in [*zip(queries, hooks, strict=True), *c["patches"].items()]:
             patch.setattr(scope, name, value)
         attempt(scope.load_scope_facts, object(), c["paths"], hook(c["loader"][0], c["lines"]), by_name=c["by_name"])
         facts = attempt(scope.ScopeFacts, *(f[name] for name in FIELDS)) or scope.ScopeFacts(*[()] * 6, {}, {})
@@ -254,7 +263,7 @@ def test_symbol_ids_from_the_host_follow_python_equality(outside, inside, entry,
                 *[(scope.rank_key, symbol, fan_in) for symbol in SAME.symbols]]
 
     same = calls(scope.FanIn(as_ids(outside), as_ids(inside), as_ids(entry)), as_ids(used))
-    for (function, *args), (_, *same_args) in zip(calls(scope.FanIn(outside, inside, entry), used), same):
+    for (function, *args), (_, *same_args) in zip(calls(scope.FanIn(outside, inside, entry), used), same, strict=True):
         try:
             assert function(*args) == function(*same_args), function.__name__
         except TypeError as error:
