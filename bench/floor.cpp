@@ -153,8 +153,15 @@ PyMethodDef methods[] = {
 };
 
 PyModuleDef module_def = {
-    PyModuleDef_HEAD_INIT, "scope_floor", PyDoc_STR("The conversion floor that the benchmarks compare against."),
-    0, methods, nullptr, nullptr, nullptr, nullptr,
+    PyModuleDef_HEAD_INIT,
+    "scope_floor",
+    PyDoc_STR("The conversion floor that the benchmarks compare against."),
+    0,
+    methods,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
 };
 
 }  // namespace

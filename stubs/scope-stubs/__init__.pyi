@@ -1,6 +1,6 @@
 from collections import Counter
 from collections.abc import Callable, Collection, Iterable, Mapping, Sequence
-from typing import Literal, NamedTuple, Protocol, Self, TypeAlias, TypeVar, final
+from typing import NamedTuple, Protocol, Self, TypeAlias, TypeVar, final
 
 from tarnwick.storage.database import Database as Database
 from tarnwick.storage.grounding_queries import (
