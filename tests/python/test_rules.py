@@ -34,6 +34,8 @@ def test_members(spec, expected):
     facts = make_facts(symbols=[sym(i, path, "n", kind, start, end) for i, (path, kind, start, end) in enumerate(spec)])
     assert scope._members(facts) == pyscope._members(facts) == expected
     assert scope._members(make_facts(symbols=[sym(9, "a", "K", "class")] * 2)) == set()  # a type never contains itself
+    twice = [sym(1, "a", "A", "class", 1, 5), sym(2, "a", "B", "class", 1, 9), sym(2, "a", "B", "class", 2, 4)]
+    assert scope._members(make_facts(symbols=twice)) == {1, 2}  # one declaration seen twice, once inside another type
 
 
 RUN, MAX, HELP = sym(1, "lib/a.py", "run"), sym(2, "lib/a.py", "MAX", "constant"), sym(3, "lib/b.py", "help")
