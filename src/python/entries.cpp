@@ -412,6 +412,10 @@ PyRef name_match_counts_body(Call& c) {
   PyRef result = check(_PyDict_NewPresized(static_cast<Py_ssize_t>(pairs.size())));
   for (const PathPairCount& pair : pairs) {
     PyRef key = check(PyTuple_Pack(2, str_of(p.native, pair.source).get(), str_of(p.native, pair.target).get()));
+    // A pair of str cannot be part of a cycle: the collector would untrack
+    // it at its first pass; untracked now, neither it nor the dict costs a
+    // collection anything.
+    PyObject_GC_UnTrack(key.get());
     check(PyDict_SetItem(result.get(), key.get(), new_int(pair.count).get()));
   }
   return result;

@@ -146,10 +146,13 @@ std::shared_ptr<const FanInSlots> fan_in_slots(const ModuleState& state, NativeF
   PyRef entry = with_entry ? check(PyObject_GetAttr(fan_in, state.names[kEntry])) : PyRef();
   const bool keep = cacheable(outside.get(), inside.get(), entry.get());
   if (keep) {
-    for (const FanInCache& cached : native.fan_ins) {
-      if (version_of(outside.get()) != cached.outside_tag || version_of(inside.get()) != cached.inside_tag) continue;
-      if (with_entry && cached.entry.get() != entry.get()) continue;
-      return cached.slots;
+    for (auto cached = native.fan_ins.begin(); cached != native.fan_ins.end(); ++cached) {
+      if (version_of(outside.get()) != cached->outside_tag || version_of(inside.get()) != cached->inside_tag) continue;
+      if (with_entry && cached->entry.get() != entry.get()) continue;
+      // The most recently used first: a FanIn the host keeps using stays
+      // while fresh ones come and go.
+      std::rotate(native.fan_ins.begin(), cached, cached + 1);
+      return native.fan_ins.front().slots;
     }
   }
   auto slots = std::make_shared<FanInSlots>();
