@@ -108,13 +108,13 @@ bool read_attrs(PyObject* owner, PyObject* names, Interner& strings, std::vector
 PyObject* convert(PyObject*, PyObject* tables) {
   PyObject* items = PySequence_Tuple(tables);
   if (items == nullptr) return nullptr;
-  struct Spec {
+  struct TableRead {
     PyObject *records, *names, *via, *via_names;
   };
-  std::vector<Spec> specs;
+  std::vector<TableRead> reads;
   std::size_t total = 0;
   for (Py_ssize_t t = 0; t < PyTuple_GET_SIZE(items); ++t) {
-    Spec s{};
+    TableRead s{};
     if (!PyArg_ParseTuple(PyTuple_GET_ITEM(items, t), "O!O!OO!", &PyTuple_Type, &s.records, &PyTuple_Type, &s.names,
                           &s.via, &PyTuple_Type, &s.via_names)) {
       Py_DECREF(items);
@@ -122,13 +122,13 @@ PyObject* convert(PyObject*, PyObject* tables) {
     }
     const Py_ssize_t width = PyTuple_GET_SIZE(s.names) + (s.via == Py_None ? 0 : PyTuple_GET_SIZE(s.via_names));
     total += static_cast<std::size_t>(PyTuple_GET_SIZE(s.records) * width);
-    specs.push_back(s);
+    reads.push_back(s);
   }
   Interner strings;
   std::vector<std::int64_t> cells;
   cells.reserve(total);
   bool ok = true;
-  for (const Spec& s : specs) {
+  for (const TableRead& s : reads) {
     for (Py_ssize_t row = 0; ok && row < PyTuple_GET_SIZE(s.records); ++row) {
       PyObject* record = PyTuple_GET_ITEM(s.records, row);
       ok = read_attrs(record, s.names, strings, cells);

@@ -90,7 +90,7 @@ bool truth_of(PyObject* value) {
 // A column being read: the cells of one field, committed when all rows were read.
 struct Pending {
   unsigned field;
-  const Field& spec;
+  const Field& declared;
   AttributeReader reader;
   std::string label;  // "ScopeSymbol.kind", for messages
   IntColumn ints;
@@ -101,12 +101,12 @@ struct Pending {
 void read_row(NativeFacts& native, Pending& column, PyObject* owner, const char* argument) {
   PyRef value = PyRef::steal(column.reader.read(owner));
   if (!value) {
-    if (column.spec.cell != Cell::optional_text || !PyErr_ExceptionMatches(PyExc_AttributeError)) throw PyError{};
+    if (column.declared.cell != Cell::optional_text || !PyErr_ExceptionMatches(PyExc_AttributeError)) throw PyError{};
     PyErr_Clear();  // an absent optional field reads as None
     value = PyRef::borrow(Py_None);
   }
   const Where where{argument, column.label.c_str()};
-  switch (column.spec.cell) {
+  switch (column.declared.cell) {
     case Cell::integer:
       column.ints.push(integer_of(value.get(), where));
       break;
@@ -143,15 +143,16 @@ void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Tab
   std::vector<Pending> columns;
   for (unsigned field = 0; field < schema.count; ++field) {
     if (!(wanted & bit(field))) continue;
-    const Field& spec = schema.fields[field];
-    std::string label = std::string(schema.record) + "." + (spec.of_target ? "target." : "") + std::string(spec.attr);
-    columns.push_back({field, spec, AttributeReader(state.attrs[id][field]), std::move(label), {}, {}, {}});
+    const Field& declared = schema.fields[field];
+    std::string label =
+        std::string(schema.record) + "." + (declared.of_target ? "target." : "") + std::string(declared.attr);
+    columns.push_back({field, declared, AttributeReader(state.attrs[id][field]), std::move(label), {}, {}, {}});
   }
   const Py_ssize_t rows = PyTuple_GET_SIZE(records);
   for (Pending& column : columns) {
-    if (column.spec.cell == Cell::integer || column.spec.cell == Cell::truth)
+    if (column.declared.cell == Cell::integer || column.declared.cell == Cell::truth)
       column.ints.reserve(rows);
-    else if (column.spec.cell == Cell::record)
+    else if (column.declared.cell == Cell::record)
       column.objects.reserve(rows);
     else
       column.strs.reserve(rows);
@@ -161,7 +162,7 @@ void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Tab
     if (row + kAhead < rows) __builtin_prefetch(PyTuple_GET_ITEM(records, row + kAhead));
     PyObject* record = PyTuple_GET_ITEM(records, row);  // borrowed from the facts' own tuple
     for (Pending& column : columns) {
-      PyObject* owner = column.spec.of_target ? native.targets[static_cast<std::size_t>(row)].get() : record;
+      PyObject* owner = column.declared.of_target ? native.targets[static_cast<std::size_t>(row)].get() : record;
       read_row(native, column, owner, argument);
     }
   }
@@ -171,7 +172,7 @@ void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Tab
   for (Pending& column : columns) {
     if (table.has(bit(column.field))) continue;
     const auto count = static_cast<std::size_t>(rows);
-    switch (column.spec.cell) {
+    switch (column.declared.cell) {
       case Cell::integer:
       case Cell::truth:
         table.commit(column.field, count, std::move(column.ints));
@@ -183,8 +184,8 @@ void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Tab
       default:
         table.commit(column.field, count, std::move(column.strs));
     }
-    if (column.spec.term == Term::kind) view.note_kinds(table, column.field);
-    if (column.spec.term == Term::resolution) view.note_resolutions(table, column.field);
+    if (column.declared.term == Term::kind) view.note_kinds(table, column.field);
+    if (column.declared.term == Term::resolution) view.note_resolutions(table, column.field);
   }
 }
 

@@ -450,11 +450,11 @@ static_assert(sizeof kBodies / sizeof kBodies[0] == kFunctionCount);
 
 template <std::size_t I>
 PyObject* trampoline(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-  constexpr const Function& spec = kFunctions[I];
-  return entry(spec.name, [&]() -> PyRef {
+  constexpr const Function& fn = kFunctions[I];
+  return entry(fn.name, [&]() -> PyRef {
     const char* names[5];
     std::size_t count = 0, required = 0;
-    for (const Parameter& param : spec.params) {
+    for (const Parameter& param : fn.params) {
       if (param.name == nullptr) break;
       names[count++] = param.name;
       if (param.shown_default == nullptr) required = count;
@@ -466,15 +466,15 @@ PyObject* trampoline(PyObject* module, PyObject* const* args, Py_ssize_t nargs, 
 }
 
 // "name(a, b, c=3)\n--\n\n<doc>": the docstring whose first line is the signature.
-std::string docstring(const Function& spec) {
-  std::string doc = std::string(spec.name) + "(";
-  for (const Parameter& param : spec.params) {
+std::string docstring(const Function& fn) {
+  std::string doc = std::string(fn.name) + "(";
+  for (const Parameter& param : fn.params) {
     if (param.name == nullptr) break;
     if (doc.back() != '(') doc += ", ";
     doc += param.name;
     if (param.shown_default) doc += std::string("=") + param.shown_default;
   }
-  return doc + ")\n--\n\n" + spec.doc;
+  return doc + ")\n--\n\n" + fn.doc;
 }
 
 template <std::size_t... I>
@@ -490,7 +490,7 @@ PyMethodDef* entry_methods() {
   // Built once; the docstrings live as long as the table.
   static const std::vector<std::string> docs = [] {
     std::vector<std::string> all;
-    for (const Function& spec : kFunctions) all.push_back(docstring(spec));
+    for (const Function& fn : kFunctions) all.push_back(docstring(fn));
     return all;
   }();
   static std::vector<PyMethodDef> methods = [] {

@@ -275,9 +275,9 @@ bool add_facts_type(PyObject* module, ModuleState& state) {
       {Py_tp_methods, facts_methods},
       {0, nullptr},
   };
-  static PyType_Spec spec = {"scope.ScopeFacts", sizeof(FactsObject), 0,
-                             Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_IMMUTABLETYPE, slots};
-  state.facts_type = PyType_FromModuleAndSpec(module, &spec, nullptr);
+  static PyType_Spec type_spec = {"scope.ScopeFacts", sizeof(FactsObject), 0,
+                                  Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_IMMUTABLETYPE, slots};
+  state.facts_type = PyType_FromModuleAndSpec(module, &type_spec, nullptr);
   if (state.facts_type == nullptr) return false;
   return PyModule_AddObjectRef(module, "ScopeFacts", state.facts_type) == 0;
 }

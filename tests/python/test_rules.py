@@ -22,7 +22,7 @@ def test_is_use(resolution, kind, resolved, expected):
     assert scope.is_use(resolution, kind, resolved) is pyscope.is_use(resolution, kind, resolved) is expected
 
 
-@pytest.mark.parametrize("spec, expected", [
+@pytest.mark.parametrize("rows, expected", [
     ([("a", "class", 5, 10), ("a", "method", 5, 5), ("a", "method", 10, 10), ("a", "function", 5, 10)], {1, 2, 3}),
     ([("a", "class", 5, 10), ("a", "method", 4, 6), ("a", "method", 9, 11)], set()),  # overlap is no containment
     ([("a", "class", 1, 20), ("a", "enum", 2, 9), ("a", "method", 3, 4)], {1, 2}),  # a type in a type
@@ -30,8 +30,8 @@ def test_is_use(resolution, kind, resolved, expected):
     ([("a", "class", 1, 50), ("b", "function", 2, 3), ("a", "function", 1, 9), ("a", "function", 2, 3)], {2, 3}),
     ([("a", "method", 12, 13), ("a", "class", 10, 20), ("a", "class", 1, 5), ("a", "method", 2, 2)], {0, 3}),
 ])
-def test_members(spec, expected):
-    facts = make_facts(symbols=[sym(i, path, "n", kind, start, end) for i, (path, kind, start, end) in enumerate(spec)])
+def test_members(rows, expected):
+    facts = make_facts(symbols=[sym(i, path, "n", kind, start, end) for i, (path, kind, start, end) in enumerate(rows)])
     assert scope._members(facts) == pyscope._members(facts) == expected
     assert scope._members(make_facts(symbols=[sym(9, "a", "K", "class")] * 2)) == set()  # a type never contains itself
     twice = [sym(1, "a", "A", "class", 1, 5), sym(2, "a", "B", "class", 1, 9), sym(2, "a", "B", "class", 2, 4)]
