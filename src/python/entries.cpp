@@ -300,12 +300,16 @@ PyRef named_body(Call& c) {
 PyRef file_users_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kFileUsersNeeds);
   auto users = users_for(p.native, p.vocab);
-  PyRef result = check(PyDict_New());
+  PyRef result = check(_PyDict_NewPresized(static_cast<Py_ssize_t>(users->target.size())));
   for (std::size_t entry = 0; entry < users->target.size(); ++entry) {
-    // Counter is a dict subclass: filling it as a dict keeps its order.
+    // Counter is a dict subclass: filled as a dict, in order, from a dict
+    // made at its final size, which an empty dict takes over whole.
+    const auto of = users->of(entry);
+    PyRef counts = check(_PyDict_NewPresized(static_cast<Py_ssize_t>(of.size())));
+    for (const auto& [user, count] : of)
+      check(PyDict_SetItem(counts.get(), p.native.strings[user].get(), new_int(count).get()));
     PyRef counter = new_counter(c.state);
-    for (const auto& [user, count] : users->of(entry))
-      check(PyDict_SetItem(counter.get(), p.native.strings[user].get(), new_int(count).get()));
+    if (PyDict_Update(counter.get(), counts.get()) < 0) throw PyError{};
     check(PyDict_SetItem(result.get(), p.native.strings[users->target[entry]].get(), counter.get()));
   }
   return result;
