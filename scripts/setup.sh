@@ -42,13 +42,16 @@ pip_quiet() { python -m pip --disable-pip-version-check -q "$@"; }
 
 use_venv() {
   local requirements="scripts/requirements-$1.txt"
-  if ! .venv/bin/python -c 'import sys; sys.exit(sys.version_info < (3, 11))' 2>/dev/null; then
+  # .venv/.made is written once the environment is whole (pip included): an
+  # environment whose making was interrupted is made again.
+  if [ ! -f .venv/.made ] || ! .venv/bin/python -c 'import sys; sys.exit(sys.version_info < (3, 11))' 2>/dev/null; then
     "$SCOPE_PYTHON" -c 'import sys; sys.exit(sys.version_info < (3, 11))' || {
       echo "setup: $SCOPE_PYTHON is older than 3.11; set SCOPE_PYTHON to a Python 3.11 or newer" >&2
       exit 1
     }
     echo "setup: creating .venv/ with $SCOPE_PYTHON" >&2
     "$SCOPE_PYTHON" -m venv --clear .venv
+    touch .venv/.made
   fi
   export VIRTUAL_ENV="$PWD/.venv"
   export PATH="$VIRTUAL_ENV/bin:$PATH"
