@@ -332,9 +332,12 @@ PyRef most_used_body(Call& c) {
 // would ask it; an entry of None means no tests.
 std::vector<NameList> tests_by_file(Call& c, Prepared& p) {
   PyRef pair = check(PyObject_CallOneArg(c.module_attr(kTestsReaching).get(), reinterpret_cast<PyObject*>(p.facts())));
-  if (!PySequence_Check(pair.get()) && !PyMapping_Check(pair.get()))
-    wrong_type(Where{"facts", "the result of tests_reaching()"}, "a pair", pair.get());
-  PyRef by_file = check(PyObject_GetItem(pair.get(), new_int(1).get()));
+  const Where result{"facts", "the result of tests_reaching()"};
+  if (PyUnicode_Check(pair.get()) || PyBytes_Check(pair.get()) || !PySequence_Check(pair.get()))
+    wrong_type(result, "a pair", pair.get());
+  if ((PyTuple_Check(pair.get()) || PyList_Check(pair.get())) && Py_SIZE(pair.get()) != 2)
+    bad_value(PyExc_ValueError, result, "must be a pair of two items");
+  PyRef by_file = check(PySequence_GetItem(pair.get(), 1));
   const std::size_t rows = p.view.files.rows();
   std::vector<NameList> tests(rows);
   std::vector<std::size_t> first_row(p.view.pool.size(), rows);

@@ -126,6 +126,16 @@ def test_the_tests_reaching_a_file_come_from_any_mapping(make, monkeypatch):
     assert [list(by_file) for by_file in made] == [list(make())] * 2  # asked as .get asks: nothing added
 
 
+@pytest.mark.parametrize("result, error", [
+    ("xy", TypeError), (b"ab", TypeError), ({1: {}}, TypeError), (None, TypeError), ((), ValueError),
+    ([None], ValueError), ((None, {}, {}), ValueError),
+])
+def test_a_result_of_tests_reaching_that_is_no_pair_is_named(result, error, monkeypatch):
+    monkeypatch.setattr(scope, "tests_reaching", lambda facts: result)
+    with pytest.raises(error, match=r"render_file_cards\(\) .*tests_reaching\(\) must be a pair"):
+        scope.render_file_cards(make_facts(["a.py"]), NO_USES, "#")
+
+
 @pytest.mark.parametrize("share, error", [
     (1e300, None), (2, None), (10**400, None), (True, None), (-(10**400), None), (-1e300, None), (0, None),
     (False, None), (0.3, None), (Fraction(1, 3), None),

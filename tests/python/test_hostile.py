@@ -1,7 +1,7 @@
 """Hostile input: every function meets records, containers and host callbacks that lie, raise or call back into the
-module. Each call returns or raises TypeError, ValueError, OverflowError, AttributeError, a LookupError where Python
-indexes the host's result, or the host's own exception, unchanged; nothing crashes, memory stays flat.
-SCOPE_HOSTILE_EXAMPLES sets the cases per test, SCOPE_HOSTILE_SEED draws seeded cases instead of the fixed ones."""
+module. Each call returns or raises TypeError, ValueError, OverflowError, AttributeError or the host's own exception,
+unchanged; nothing crashes, memory stays flat. SCOPE_HOSTILE_EXAMPLES sets the cases per test, SCOPE_HOSTILE_SEED
+draws seeded cases instead of the fixed ones."""
 
 import atexit
 import contextlib
@@ -25,8 +25,7 @@ from tarnwick.storage import grounding_queries as gq
 EXAMPLES = int(os.environ.get("SCOPE_HOSTILE_EXAMPLES", 200))
 SEED = int(os.environ.get("SCOPE_HOSTILE_SEED", 0)) or None
 FIELDS = tuple(inspect.signature(scope.ScopeFacts).parameters)
-# LookupError: the second item of what tests_reaching returns is taken as `[1]` takes it; a short one raises so.
-EXPECTED, FAN = (TypeError, ValueError, OverflowError, AttributeError, LookupError), scope.FanIn({})
+EXPECTED, FAN = (TypeError, ValueError, OverflowError, AttributeError), scope.FanIn({})
 CALLS, CURRENT, RAISED, SAMPLES = [0], {}, [], []
 
 
