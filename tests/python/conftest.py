@@ -1,5 +1,6 @@
 """Record builders, random pages, and the check of every function against the plain implementation."""
 
+import os
 import sys
 from dataclasses import fields, make_dataclass
 from pathlib import Path
@@ -7,6 +8,7 @@ from types import SimpleNamespace
 
 ROOT = Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(extra) for extra in (ROOT / "host", ROOT / "bench") if str(extra) not in sys.path]
+os.environ.setdefault("HYPOTHESIS_STORAGE_DIRECTORY", str(ROOT / "build" / "hypothesis"))  # not in the checkout's root
 
 import pyscope  # noqa: E402
 import scope  # noqa: E402
