@@ -1,5 +1,6 @@
 #include "flat.hpp"
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <stdexcept>
@@ -7,7 +8,7 @@
 namespace scope {
 
 namespace {
-constexpr std::size_t kBlockBytes = 64 * 1024;
+constexpr std::size_t kFirstBlockBytes = 512, kBlockBytes = 64 * 1024;
 }
 
 std::pair<StrId, bool> StringPool::intern(std::string_view text, std::uint64_t hash) {
@@ -44,8 +45,10 @@ void StringPool::grow() {
 // Texts live in blocks that never move, so the views stay valid as the pool grows.
 std::string_view StringPool::store(std::string_view text) {
   if (text.size() > block_left_) {
-    std::size_t size = std::max(kBlockBytes, text.size());
-    blocks_.push_back(std::make_unique<char[]>(size));
+    // Blocks grow from small ones, so that a pool of a few paths costs little.
+    const std::size_t next = blocks_.empty() ? kFirstBlockBytes : std::min(kBlockBytes, 2 * block_bytes_);
+    const std::size_t size = std::max(next, text.size());
+    blocks_.emplace_back(new char[size]);
     block_at_ = blocks_.back().get();
     block_left_ = size;
     block_bytes_ += size;

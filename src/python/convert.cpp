@@ -2,6 +2,8 @@
 
 #include <structmember.h>
 
+#include <algorithm>
+#include <bit>
 #include <string>
 
 namespace scope::py {
@@ -236,7 +238,9 @@ StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, Wher
 }
 
 StrId intern(NativeFacts& native, PyObject* text, Where where) {
-  auto& cached = native.seen[(reinterpret_cast<std::uintptr_t>(text) >> 4) % native.seen.size()];
+  const std::size_t size = std::min<std::size_t>(1024, std::bit_ceil(native.strings.size() + 16));
+  if (native.seen.size() < size) native.seen.assign(size, {nullptr, 0});
+  auto& cached = native.seen[(reinterpret_cast<std::uintptr_t>(text) >> 4) & (native.seen.size() - 1)];
   if (cached.first == text) return cached.second;
   const StrId id = intern(native.view.pool, native.strings, text, where);
   if (native.strings[id].get() == text) cached = {text, id};

@@ -54,7 +54,7 @@ struct NativeFacts {
   PyRef id_object(std::uint32_t slot);
   // str objects already interned, by address: each is one of `strings`, so
   // no address is reused while it is here.
-  std::vector<std::pair<PyObject*, StrId>> seen = std::vector<std::pair<PyObject*, StrId>>(1024, {nullptr, 0});
+  std::vector<std::pair<PyObject*, StrId>> seen;  // sized to the strings met, up to 1024
 
   std::vector<FanInCache> fan_ins;  // most recent first
   std::shared_ptr<const FileUsers> users;
