@@ -152,3 +152,33 @@ def test_the_lists_of_a_facts_are_read_as_given_once_it_is_gone():
     gc.collect()
     Counting.reads = 0
     assert scope.select_with_quota(ranked, NO_USES, 5, 1, 0.5) == expected and Counting.reads == 9 * 5
+
+
+class PairsAsLists:
+    """A mapping of its own kind: items() gives each pair as a list."""
+
+    def __init__(self, data):
+        self.data = data
+
+    def items(self):
+        return [[key, value] for key, value in self.data.items()]
+
+    def get(self, key, default=None):
+        return self.data.get(key, default)
+
+
+def test_a_fan_in_of_any_mapping_gives_its_counts():
+    symbols = [sym(1, "a.py", "f"), sym(2, "a.py", "g")]
+    assert scope._most_used(symbols, scope.FanIn(PairsAsLists({1: 5, 2: 7}))) == ["`g` L1 (7)", "`f` L1 (5)"]
+
+
+def test_facts_are_equal_by_value_compared_for_equality_only_and_immutable():
+    facts, twin = make_facts(["a.py"], [sym(1, "a.py", "f")]), make_facts(["a.py"], [sym(1, "a.py", "f")])
+    assert facts == twin and not facts != twin and facts != make_facts(["b.py"])
+    assert (facts == 1) is False and (facts != "a.py") is True  # another type is never equal
+    with pytest.raises(TypeError):
+        facts < twin  # noqa: B015
+    with pytest.raises(TypeError, match="must be a string"):
+        type(facts).__setattr__(facts, 5, 1)
+    with pytest.raises(AttributeError, match="immutable"):
+        facts.files = ()
