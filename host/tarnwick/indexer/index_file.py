@@ -1,16 +1,16 @@
 """The index of a tree as a file on disk, kept complete and current.
 
-An index is built into a temporary file beside its destination and moved
-into place only once it is complete, so that an interrupted run leaves the
-previous index, or none, and never a partial one.  Its `index_info` holds
-the indexer's format, the tree and the settings it was made from, and a
-completion mark; an index without them (one made by an older version) is
-built again.
+A first index is built into a temporary file beside its destination and
+moved into place only once it is complete, so that an interrupted run
+leaves no partial index.  Its `index_info` holds the indexer's format, the
+tree and the settings it was made from, and a completion mark; an index
+without them (one made by an older version) is built again.
 
 Before an index is used, the size and modification time of every file of
-the tree are compared with those it recorded.  When a file changed, was
-added or was removed, the index is built again, atomically as before, from
-the analyses of the unchanged files and a new one of the others.
+the tree are compared with those it recorded.  When files changed, were
+added or were removed, the index is brought up to date in place, in one
+SQLite transaction (see `engine.refresh`): an interrupted run rolls it back
+and leaves the previous index.
 """
 
 from __future__ import annotations
@@ -23,12 +23,15 @@ from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 
-from tarnwick.indexer.python_tree import IndexStats, index_tree, tree_stamps
+from tarnwick.indexer import engine
+from tarnwick.indexer.python_tree import IndexStats
 from tarnwick.storage.database import Database
 
 # What the stored analyses depend on: this indexer's format and the
 # interpreter that wrote them.
-FORMAT = f"python-tree 2, Python {sys.version_info.major}.{sys.version_info.minor}"
+FORMAT = f"tree 3, python-tree 2, Python {sys.version_info.major}.{sys.version_info.minor}"
+# SQLite's page cache while an index is written (KiB).
+CACHE_KIB = 256 * 1024
 # How many changed or unindexed files are named before the rest is counted.
 SHOWN_FILES = 5
 
@@ -66,28 +69,43 @@ def printable(path: os.PathLike[str] | str) -> str:
 
 
 def current_index(
-    path: Path, settings: TreeSettings, rebuild: bool = False, log: Callable[[str], None] = print, progress=sys.stderr
+    path: Path,
+    settings: TreeSettings,
+    rebuild: bool = False,
+    log: Callable[[str], None] = print,
+    progress=sys.stderr,
+    workers: int | None = None,
 ) -> Database:
     """The index at `path` of the tree `settings` describe, read-only and up
     to date: built when missing, incomplete, made from other settings or
-    asked for (`rebuild`), refreshed when files of the tree changed since.
+    asked for (`rebuild`), brought up to date when files of the tree changed
+    since.
 
     What is done and which files could not be indexed is said through `log`;
-    the indexer's progress goes to `progress`.  Raises `IndexFileError` when
-    the file at `path` is no index or cannot be written, and
+    the indexer's progress goes to `progress`.  Files are parsed by
+    `workers` processes (default: one per core).  Raises `IndexFileError`
+    when the file at `path` is no index or cannot be written, and
     `IndexingInterrupted` when indexing is interrupted (KeyboardInterrupt).
     """
     previous = _open_existing(path)
     try:
-        reason, reuse = _verdict(path, previous, settings, rebuild)
-        if reason is None:
+        unnamed: list[str] = []
+        files = engine.tree_files(settings.root, settings.exclude, settings.keep, unnamed)
+        reason, mode = _verdict(path, previous, settings, rebuild, files)
+        if mode is None:
             current, previous = previous, None  # handed over open, not closed below
             return current
         log(reason)
-        stats = _build(path, settings, previous if reuse else None, progress)
+        if mode == "refresh":
+            previous.close()
+            previous = None
+            stats = _refresh(path, settings, files, progress, workers)
+        else:
+            stats = _build(path, settings, files, previous if mode == "reuse" else None, progress, workers)
     finally:
         if previous is not None:
             previous.close()
+    stats.unnamed = sorted(set(stats.unnamed) | set(unnamed))
     _report_unindexed(stats, log)
     return Database(path, readonly=True)
 
@@ -96,6 +114,10 @@ def _open_existing(path: Path) -> Database | None:
     if not path.exists():
         return None
     try:
+        if Path(f"{path}-journal").exists():
+            # A run that was killed while bringing the index up to date left
+            # SQLite's journal: a writer's first read rolls the index back.
+            Database(path).close()
         db = Database(path, readonly=True)
         tables = {row[0] for row in db.connection.execute("SELECT name FROM sqlite_master WHERE type = 'table'")}
     except sqlite3.DatabaseError as error:
@@ -106,26 +128,29 @@ def _open_existing(path: Path) -> Database | None:
     return db
 
 
-def _verdict(path: Path, previous: Database | None, settings: TreeSettings, rebuild: bool) -> tuple[str | None, bool]:
-    """Why the index must be built (None when it is current), and whether
-    the previous one's analyses of unchanged files can be reused."""
+def _verdict(
+    path: Path, previous: Database | None, settings: TreeSettings, rebuild: bool, files: dict
+) -> tuple[str | None, str | None]:
+    """Why the index must be made again (None when it is current), and how:
+    "build" it anew, build it "reuse"-ing the previous one's analyses of
+    unchanged Python files, or "refresh" it in place."""
     root = printable(settings.root)
     if previous is None:
-        return f"indexing {root} into {printable(path)}", False
+        return f"indexing {root} into {printable(path)}", "build"
     info = previous.info()
     if info.get("complete") != "yes" or info.get("format") != FORMAT:
-        return f"the index {printable(path)} is incomplete or from another version: indexing {root} again", False
+        return f"the index {printable(path)} is incomplete or from another version: indexing {root} again", "build"
     if rebuild:
-        return f"indexing {root} again", False
+        return f"indexing {root} again", "build"
     if info != {**settings.info(), "complete": "yes"}:
         same_tree = info.get("root") == root
         return (
             f"the index {printable(path)} was made from another tree or with other settings: indexing {root} again"
-        ), same_tree
-    changes = _changes(previous.file_stamps(), tree_stamps(settings.root, settings.exclude, settings.keep))
+        ), "reuse" if same_tree else "build"
+    changes = _changes(previous.file_stamps(), {p: entry[1:] for p, entry in files.items()})
     if not changes:
-        return None, True
-    return f"refreshing the index of {root}: {changes}", True
+        return None, None
+    return f"refreshing the index of {root}: {changes}", "refresh"
 
 
 def _changes(indexed: dict[str, tuple[int, int]], now: dict[str, tuple[int, int]]) -> str:
@@ -143,7 +168,9 @@ def _some(paths: list[str]) -> str:
     return shown + (f" and {len(paths) - SHOWN_FILES} more" if len(paths) > SHOWN_FILES else "")
 
 
-def _build(path: Path, settings: TreeSettings, previous: Database | None, progress) -> IndexStats:
+def _build(
+    path: Path, settings: TreeSettings, files: dict, previous: Database | None, progress, workers: int | None
+) -> IndexStats:
     """Index the tree into a file beside `path`, then move it into place."""
     temporary = path.with_name(f".{path.name}.{os.getpid()}.tmp")
     try:
@@ -156,7 +183,12 @@ def _build(path: Path, settings: TreeSettings, previous: Database | None, progre
         except (OSError, sqlite3.DatabaseError) as error:
             raise IndexFileError(f"cannot write the index {printable(path)}: {error}") from None
         with db:
-            stats = index_tree(settings.root, db, progress, settings.exclude, settings.keep, previous)
+            db.connection.execute(f"PRAGMA cache_size = -{CACHE_KIB}")
+            stats = IndexStats()
+            if any(entry[0] == engine.PYTHON for entry in files.values()):
+                engine.index_python(db, settings.root, stats, settings.exclude, settings.keep, previous, progress)
+            with db.connection:
+                engine.build(db, settings.root, files, stats, workers, progress)
             db.set_info({**settings.info(), "complete": "yes"})
         _flush(temporary)
         os.replace(temporary, path)
@@ -165,6 +197,34 @@ def _build(path: Path, settings: TreeSettings, previous: Database | None, progre
         raise IndexingInterrupted(f"indexing was interrupted; {kept}") from None
     finally:
         temporary.unlink(missing_ok=True)
+    return stats
+
+
+def _refresh(path: Path, settings: TreeSettings, files: dict, progress, workers: int | None) -> IndexStats:
+    """Bring the index at `path` up to date in one transaction."""
+    try:
+        db = Database(path)
+    except (OSError, sqlite3.DatabaseError) as error:
+        raise IndexFileError(f"cannot write the index {printable(path)}: {error}") from None
+    with db:
+        connection = db.connection
+        connection.isolation_level = None  # the transaction is this function's
+        connection.execute(f"PRAGMA cache_size = -{CACHE_KIB}")
+        stats = IndexStats()
+        try:
+            connection.execute("BEGIN IMMEDIATE")
+            engine.refresh(db, settings.root, files, stats, settings.exclude, settings.keep, workers, progress)
+            connection.execute("COMMIT")
+        except BaseException as error:
+            if connection.in_transaction:
+                connection.execute("ROLLBACK")
+            if isinstance(error, KeyboardInterrupt):
+                raise IndexingInterrupted(
+                    f"indexing was interrupted; the previous index {printable(path)} was kept"
+                ) from None
+            if isinstance(error, sqlite3.OperationalError):
+                raise IndexFileError(f"cannot write the index {printable(path)}: {error}") from None
+            raise
     return stats
 
 

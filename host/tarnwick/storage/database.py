@@ -16,7 +16,10 @@ user_version`` is then 2); reopening an existing index leaves its rows alone.
     ``name`` TEXT: the declared short name; ``fqn`` TEXT: the qualified name;
     ``kind`` TEXT: "function", "class", "constant", ...;
     ``start_line``, ``end_line`` INTEGER: 1-based, inclusive;
-    ``exported`` INTEGER 0 or 1: whether the file exports the declaration.
+    ``exported`` INTEGER 0 or 1: whether the file exports the declaration;
+    ``definition`` INTEGER 0 or 1: 0 when it only announces a declaration
+    made elsewhere (a C prototype, an ``extern`` variable), else 1.
+    Indexed by file and by name.
 
 ``refs``
     ``id`` INTEGER PRIMARY KEY;
@@ -43,6 +46,12 @@ user_version`` is then 2); reopening an existing index leaves its rows alone.
     ``analysis`` BLOB: the indexer's own record of the file, reused while
     the file is unchanged; opaque to everyone else.
 
+``uses``
+    ``name`` TEXT, ``file_id`` INTEGER, ``count`` INTEGER > 0: how often a
+    file whose imports the indexer does not resolve uses a name, declared
+    anywhere or not; one row per (name, file), keyed by name, so that the
+    users of a name are found when its declarations change.
+
 ``index_info``
     ``key`` TEXT PRIMARY KEY, ``value`` TEXT: facts about the index as a
     whole (the tree it was made from, with which settings, whether it is
@@ -62,7 +71,7 @@ from collections.abc import Iterable, Sequence
 from pathlib import Path
 from typing import Any
 
-SCHEMA_VERSION = 2
+SCHEMA_VERSION = 3
 
 _SCHEMA = """
 CREATE TABLE IF NOT EXISTS files (
@@ -78,9 +87,11 @@ CREATE TABLE IF NOT EXISTS declarations (
     kind       TEXT NOT NULL,
     start_line INTEGER NOT NULL,
     end_line   INTEGER NOT NULL,
-    exported   INTEGER NOT NULL DEFAULT 0 CHECK (exported IN (0, 1))
+    exported   INTEGER NOT NULL DEFAULT 0 CHECK (exported IN (0, 1)),
+    definition INTEGER NOT NULL DEFAULT 1 CHECK (definition IN (0, 1))
 );
 CREATE INDEX IF NOT EXISTS declarations_by_file ON declarations(file_id);
+CREATE INDEX IF NOT EXISTS declarations_by_name ON declarations(name);
 CREATE TABLE IF NOT EXISTS refs (
     id             INTEGER PRIMARY KEY,
     source_file_id INTEGER NOT NULL REFERENCES files(id),
@@ -100,6 +111,12 @@ CREATE TABLE IF NOT EXISTS sources (
     problem  TEXT,
     analysis BLOB
 );
+CREATE TABLE IF NOT EXISTS uses (
+    name    TEXT NOT NULL,
+    file_id INTEGER NOT NULL REFERENCES files(id),
+    count   INTEGER NOT NULL CHECK (count > 0),
+    PRIMARY KEY (name, file_id)
+) WITHOUT ROWID;
 CREATE TABLE IF NOT EXISTS index_info (
     key   TEXT PRIMARY KEY,
     value TEXT NOT NULL

@@ -1,0 +1,561 @@
+"""Index the files of every language of a tree: Python through its own
+indexer (`python_tree`, which resolves imports), every other language that
+`languages.language_of` knows through `languages.extract` and the name
+resolver (`resolver`).
+
+Files
+    One walk finds every file: `.py` files for the Python indexer, and the
+    files whose suffix names another language.  The folders skipped are the
+    Python indexer's (hidden folders, `node_modules`, virtual environments,
+    top-level `build` and `dist`, ...), and the same `exclude` / `keep`
+    globs apply.
+
+Parsing
+    Files are read and parsed in worker processes, one per core unless told
+    otherwise; a worker returns plain tuples (declarations, and the names the
+    file uses with their counts).  Results are taken in file order, so the
+    index is the same whatever the number of workers.  This process is the
+    only writer of the index.
+
+What the index keeps for later runs
+    Besides files, declarations and references: each file's size and
+    modification time (`sources`), whether a declaration is a definition or
+    only announces one (`declarations.definition`), and every name each
+    file uses with its count (`uses`), declared anywhere or not, so that
+    the users of a name are found when its declarations change.
+
+Bringing the index up to date (`refresh`)
+    Changed and new files are parsed again.  A changed file keeps the ids of
+    its declarations when its declarations of a name are the same ones
+    (qualified names, kinds, definitions) in the same order; only their lines
+    and exports are updated then.  Every other name whose declarations
+    changed anywhere in the tree is resolved again for all its users, and
+    every name of a changed or new file for that file, so that the result
+    equals a fresh index of the tree (ids aside).  It all happens in one
+    SQLite transaction: an interrupted run leaves the previous index.
+"""
+
+from __future__ import annotations
+
+import fnmatch
+import multiprocessing
+import os
+import sqlite3
+import sys
+from collections.abc import Iterable, Iterator
+from pathlib import Path
+
+from tarnwick.indexer import languages
+from tarnwick.indexer.progress import Progress
+from tarnwick.indexer.python_tree import IndexStats, _skipped, index_tree
+from tarnwick.indexer.resolver import Candidate, family_of, resolve_name
+from tarnwick.storage.database import Database
+from tarnwick.utils.path_filter import is_test_path
+
+PYTHON = "python"
+# Rows gathered before they are written with one statement.
+BATCH = 50_000
+# Files given to a worker at a time.
+CHUNK = 16
+
+
+def tree_files(root: Path, exclude=(), keep=(), unnamed: list[str] | None = None) -> dict[str, tuple[str, int, int]]:
+    """Every file of the tree that some indexer reads, by path (relative,
+    "/"-separated, sorted): (language, size, mtime_ns).
+
+    A path that matches a glob of `exclude` is left out unless it matches
+    one of `keep`; one that is no valid UTF-8 is left out and added to
+    `unnamed`.
+    """
+    found = []
+    for directory, dirs, files in os.walk(root):
+        relative = os.path.relpath(directory, root).replace(os.sep, "/")
+        relative = "" if relative == "." else relative
+        dirs[:] = sorted(d for d in dirs if not _skipped(directory, d, top=not relative))
+        for name in files:
+            language = PYTHON if name.endswith(".py") else languages.language_of(name)
+            if language is None:
+                continue
+            path = f"{relative}/{name}" if relative else name
+            try:
+                path.encode()
+            except UnicodeEncodeError:  # undecodable bytes in a name, kept as surrogates
+                if unnamed is not None:
+                    unnamed.append(path)
+                continue
+            if exclude and any(fnmatch.fnmatchcase(path, glob) for glob in exclude):
+                if not any(fnmatch.fnmatchcase(path, glob) for glob in keep):
+                    continue
+            found.append((path, language, os.path.join(directory, name)))
+    found.sort()
+    result = {}
+    for path, language, full in found:
+        try:
+            status = os.stat(full)
+            result[path] = (language, status.st_size, status.st_mtime_ns)
+        except OSError:
+            result[path] = (language, -1, -1)
+    return result
+
+
+# -- parsing, in worker processes ---------------------------------------------
+
+_root: Path | None = None
+
+
+def _start_worker(root: str) -> None:
+    global _root
+    _root = Path(root)
+
+
+def _parse_in_worker(item: tuple[str, str]) -> tuple:
+    return parse_file(_root, *item)
+
+
+def parse_file(root: Path, path: str, language: str) -> tuple:
+    """(problem, declarations, uses) of one file: `problem` says why it
+    could not be read (None when it was); `uses` is a tuple of (name,
+    count), every kind of use summed."""
+    try:
+        source = (root / path).read_bytes()
+    except OSError as error:
+        return f"cannot be read: {error.strerror or error}", (), ()
+    try:
+        decls, refs = languages.extract(language, path, source)
+    except (RecursionError, MemoryError, ValueError) as error:
+        return f"cannot be parsed: {error.__class__.__name__}", (), ()
+    counts: dict[str, int] = {}
+    for name, _use, count in refs:
+        counts[name] = counts.get(name, 0) + count
+    return None, tuple(tuple(decl) for decl in decls), tuple(counts.items())
+
+
+def default_workers() -> int:
+    try:
+        return max(1, len(os.sched_getaffinity(0)))
+    except AttributeError:  # not on Linux
+        return max(1, os.cpu_count() or 1)
+
+
+def parse_files(root: Path, items: list[tuple[str, str]], workers: int | None) -> Iterator[tuple]:
+    """`parse_file` of each (path, language), in the order given."""
+    workers = workers or default_workers()
+    if workers <= 1 or len(items) < 2:
+        for item in items:
+            yield parse_file(root, *item)
+        return
+    context = multiprocessing.get_context()
+    with context.Pool(min(workers, len(items)), _start_worker, (os.fspath(root),)) as pool:
+        yield from pool.imap(_parse_in_worker, items, CHUNK)
+
+
+# -- the index -----------------------------------------------------------------
+
+
+def _next_id(connection: sqlite3.Connection, table: str) -> int:
+    return connection.execute(f"SELECT IFNULL(MAX(id), 0) + 1 FROM {table}").fetchone()[0]
+
+
+def _write(connection: sqlite3.Connection, sql: str, rows: list) -> None:
+    if rows:
+        connection.executemany(sql, rows)
+        rows.clear()
+
+
+_INSERT_DECL = (
+    "INSERT INTO declarations (id, file_id, name, fqn, kind, start_line, end_line, exported, definition)"
+    " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)"
+)
+_INSERT_REF = "INSERT INTO refs (source_file_id, target_id, resolution, count) VALUES (?, ?, ?, ?)"
+_INSERT_USE = "INSERT INTO uses (name, file_id, count) VALUES (?, ?, ?)"
+_INSERT_SOURCE = "INSERT INTO sources (file_id, size, mtime_ns, problem, analysis) VALUES (?, ?, ?, ?, NULL)"
+
+
+def build(
+    db: Database,
+    root: Path,
+    files: dict[str, tuple[str, int, int]],
+    stats: IndexStats,
+    workers: int | None = None,
+    progress=sys.stderr,
+) -> None:
+    """Index the files of `files` that are not Python into `db`, which
+    holds none of them yet.
+
+    Declarations and uses are written as the workers hand them over; names
+    are then resolved in name order, reading both back sorted by name, so
+    that memory does not grow with the size of the tree.
+    """
+    connection = db.connection
+    todo = [(path, entry) for path, entry in files.items() if entry[0] != PYTHON]
+    if not todo:
+        return
+    # Indexes are made once the rows are in: sorting once beats keeping
+    # them in order row by row.
+    indexes = connection.execute(
+        "SELECT name, sql FROM sqlite_master WHERE type = 'index' AND sql IS NOT NULL"
+        " AND tbl_name IN ('declarations', 'refs')"
+    ).fetchall()
+    for name, _sql in indexes:
+        connection.execute(f'DROP INDEX "{name}"')
+    _load(connection, root, todo, stats, workers, progress)
+    for _name, sql in indexes:
+        connection.execute(sql)
+
+
+def _load(connection: sqlite3.Connection, root: Path, todo: list, stats: IndexStats, workers, progress) -> None:
+    first = _next_id(connection, "files")
+    connection.executemany(
+        "INSERT INTO files (id, path, language) VALUES (?, ?, ?)",
+        [(first + i, path, entry[0]) for i, (path, entry) in enumerate(todo)],
+    )
+    decl_id = _next_id(connection, "declarations")
+    decl_rows: list = []
+    use_rows: list = []
+    source_rows: list = []
+    bar = Progress(progress, len(todo), "parsing")
+    items = [(path, entry[0]) for path, entry in todo]
+    for i, (problem, decls, uses) in enumerate(parse_files(root, items, workers)):
+        file_id = first + i
+        for name, fqn, kind, start, end, exported, definition in decls:
+            decl_rows.append((decl_id, file_id, name, fqn, kind, start, end, int(exported), int(definition)))
+            decl_id += 1
+        use_rows.extend((name, file_id, count) for name, count in uses)
+        source_rows.append((file_id, *todo[i][1][1:], problem))
+        if problem is not None:
+            stats.unparsable[todo[i][0]] = problem
+        stats.declarations += len(decls)
+        if len(decl_rows) >= BATCH:
+            _write(connection, _INSERT_DECL, decl_rows)
+        if len(use_rows) >= BATCH:
+            _write(connection, _INSERT_USE, use_rows)
+        bar.update(i + 1)
+    bar.close()
+    _write(connection, _INSERT_DECL, decl_rows)
+    _write(connection, _INSERT_USE, use_rows)
+    _write(connection, _INSERT_SOURCE, source_rows)
+    stats.files += len(todo)
+    stats.parsed += len(todo)
+
+    paths = {first + i: path for i, (path, _entry) in enumerate(todo)}
+    families = {first + i: family_of(entry[0]) for i, (_path, entry) in enumerate(todo)}
+    production = {file_id: not is_test_path(path) for file_id, path in paths.items()}
+    declared = connection.execute("SELECT name, id, file_id, definition, start_line FROM declarations ORDER BY name")
+    used = connection.execute("SELECT name, file_id, count FROM uses ORDER BY name")
+    rows: list = []
+    for _name, decls, users in _merge_by_name(declared, used):
+        by_family: dict[str, list[Candidate]] = {}
+        for _n, decl_id, file_id, definition, start in decls:
+            family = families.get(file_id)
+            if family is not None:  # not a Python file
+                by_family.setdefault(family, []).append(
+                    (decl_id, file_id, paths[file_id], bool(definition), production[file_id], start)
+                )
+        if not by_family:
+            continue
+        users_by: dict[str, list[tuple[int, str, int]]] = {}
+        for _n, file_id, count in users:
+            users_by.setdefault(families[file_id], []).append((file_id, paths[file_id], count))
+        for family, candidates in by_family.items():
+            for row in resolve_name(candidates, users_by.get(family, ())):
+                rows.append(row)
+                _count(stats, row)
+        if len(rows) >= BATCH:
+            _write(connection, _INSERT_REF, rows)
+    _write(connection, _INSERT_REF, rows)
+
+
+def _merge_by_name(declared: Iterable[tuple], used: Iterable[tuple]) -> Iterator[tuple[str, list, list]]:
+    """(name, its declaration rows, its use rows) for every name that has
+    declarations, from two streams of rows sorted by name (first item)."""
+    used = iter(used)
+    use = next(used, None)
+    group: list = []
+    for row in declared:
+        if group and row[0] != group[0][0]:
+            name = group[0][0]
+            while use is not None and use[0] < name:
+                use = next(used, None)
+            users = []
+            while use is not None and use[0] == name:
+                users.append(use)
+                use = next(used, None)
+            yield name, group, users
+            group = []
+        group.append(row)
+    if group:
+        name = group[0][0]
+        while use is not None and use[0] < name:
+            use = next(used, None)
+        users = []
+        while use is not None and use[0] == name:
+            users.append(use)
+            use = next(used, None)
+        yield name, group, users
+
+
+def _count(stats: IndexStats, row: tuple) -> None:
+    stats.references += 1
+    stats.by_resolution[row[2]] = stats.by_resolution.get(row[2], 0) + row[3]
+
+
+# -- bringing an index up to date ----------------------------------------------
+
+
+def refresh(
+    db: Database,
+    root: Path,
+    files: dict[str, tuple[str, int, int]],
+    stats: IndexStats,
+    exclude=(),
+    keep=(),
+    workers: int | None = None,
+    progress=sys.stderr,
+) -> None:
+    """Bring `db` (an index of this tree by this engine) up to date with
+    `files`, inside the caller's transaction."""
+    connection = db.connection
+    indexed = {
+        path: (file_id, language, size, mtime_ns)
+        for file_id, path, language, size, mtime_ns in connection.execute(
+            "SELECT f.id, f.path, f.language, s.size, s.mtime_ns FROM files AS f JOIN sources AS s ON s.file_id = f.id"
+        )
+    }
+    python_now = {path: entry[1:] for path, entry in files.items() if entry[0] == PYTHON}
+    python_then = {path: entry[2:] for path, entry in indexed.items() if entry[1] == PYTHON}
+    if python_now != python_then:
+        _refresh_python(db, root, stats, exclude, keep, progress)
+
+    changed, added, removed = [], [], []
+    for path, (language, size, mtime_ns) in files.items():
+        if language == PYTHON:
+            continue
+        old = indexed.get(path)
+        if old is None:
+            added.append(path)
+        elif old[1] != language or old[2:] != (size, mtime_ns):
+            changed.append(path)
+    removed = [path for path, entry in indexed.items() if entry[1] != PYTHON and path not in files]
+    if not (changed or added or removed):
+        return
+
+    todo = changed + added
+    bar = Progress(progress, len(todo), f"parsing {len(todo)} files")
+    parsed = {}
+    for i, result in enumerate(parse_files(root, [(path, files[path][0]) for path in todo], workers)):
+        parsed[todo[i]] = result
+        bar.update(i + 1)
+    bar.close()
+    stats.parsed += len(todo)
+
+    # What each changed or removed file declared, by name, in line order.
+    old_decls: dict[int, dict[str, list[tuple]]] = {}
+    for path in changed + removed:
+        file_id = indexed[path][0]
+        by_name: dict[str, list[tuple]] = {}
+        for row in connection.execute(
+            "SELECT id, name, fqn, kind, definition, start_line, end_line, exported FROM declarations"
+            " WHERE file_id = ? ORDER BY start_line, id",
+            (file_id,),
+        ):
+            by_name.setdefault(row[1], []).append(row)
+        old_decls[file_id] = by_name
+
+    # Which names change their declarations, and what happens to each
+    # declaration of a changed file.
+    affected: set[tuple[str, str]] = set()
+    kept_updates, dropped, new_decls = [], [], []  # (id, start, end, exported), ids, (file id, decl)
+    for path in removed:
+        file_id, language = indexed[path][:2]
+        for name, rows in old_decls[file_id].items():
+            affected.add((family_of(language), name))
+            dropped.extend(row[0] for row in rows)
+    for path in changed + added:
+        language = files[path][0]
+        family = family_of(language)
+        problem, decls, _uses = parsed[path]
+        now: dict[str, list[tuple]] = {}
+        for decl in sorted(decls, key=lambda d: d[3]):
+            now.setdefault(decl[0], []).append(decl)
+        before = old_decls.get(indexed[path][0], {}) if path in indexed else {}
+        file_key = indexed[path][0] if path in indexed else path
+        for name in before.keys() | now.keys():
+            old_rows, new_rows = before.get(name, []), now.get(name, [])
+            if [(r[2], r[3], bool(r[4])) for r in old_rows] == [(d[1], d[2], bool(d[6])) for d in new_rows]:
+                for r, d in zip(old_rows, new_rows, strict=True):
+                    if (r[5], r[6], bool(r[7])) != (d[3], d[4], bool(d[5])):
+                        kept_updates.append((d[3], d[4], int(d[5]), r[0]))
+            else:
+                affected.add((family, name))
+                dropped.extend(r[0] for r in old_rows)
+                new_decls.extend((file_key, d) for d in new_rows)
+
+    # Every reference to a declaration of an affected name goes, and every
+    # reference from a changed or removed file; they are made again below.
+    targets = _declarations_named(connection, affected)
+    connection.executemany(
+        "DELETE FROM refs WHERE target_id = ?", [(decl[0],) for decls in targets.values() for decl in decls]
+    )
+    gone = [(indexed[path][0],) for path in changed + removed]
+    connection.executemany("DELETE FROM refs WHERE source_file_id = ?", gone)
+    connection.executemany("DELETE FROM uses WHERE file_id = ?", gone)
+    connection.executemany("DELETE FROM declarations WHERE id = ?", [(i,) for i in dropped])
+    connection.executemany(
+        "UPDATE declarations SET start_line = ?, end_line = ?, exported = ? WHERE id = ?", kept_updates
+    )
+    removed_ids = [(indexed[path][0],) for path in removed]
+    connection.executemany("DELETE FROM sources WHERE file_id = ?", removed_ids)
+    connection.executemany("DELETE FROM files WHERE id = ?", removed_ids)
+
+    first = _next_id(connection, "files")
+    file_ids = {path: indexed[path][0] for path in changed}
+    file_ids.update((path, first + i) for i, path in enumerate(added))
+    connection.executemany(
+        "INSERT INTO files (id, path, language) VALUES (?, ?, ?)", [(file_ids[p], p, files[p][0]) for p in added]
+    )
+    connection.executemany("UPDATE files SET language = ? WHERE id = ?", [(files[p][0], file_ids[p]) for p in changed])
+    connection.executemany("DELETE FROM sources WHERE file_id = ?", [(file_ids[p],) for p in changed])
+    connection.executemany(_INSERT_SOURCE, [(file_ids[p], *files[p][1:], parsed[p][0]) for p in todo])
+    for path in todo:
+        if parsed[path][0] is not None:
+            stats.unparsable[path] = parsed[path][0]
+    decl_id = _next_id(connection, "declarations")
+    rows = []
+    for file_key, (name, fqn, kind, start, end, exported, definition) in new_decls:
+        file_id = file_key if isinstance(file_key, int) else file_ids[file_key]
+        rows.append((decl_id, file_id, name, fqn, kind, start, end, int(exported), int(definition)))
+        decl_id += 1
+    _write(connection, _INSERT_DECL, rows)
+    connection.executemany(_INSERT_USE, [(name, file_ids[p], count) for p in todo for name, count in parsed[p][2]])
+
+    # The names to resolve again, with the users to resolve them for (None: all).
+    work: dict[tuple[str, str], set[int] | None] = dict.fromkeys(affected)
+    for path in todo:
+        family = family_of(files[path][0])
+        for name, _count in parsed[path][2]:
+            key = (family, name)
+            if key in work:
+                if work[key] is not None:
+                    work[key].add(file_ids[path])
+            else:
+                work[key] = {file_ids[path]}
+    _resolve_again(connection, work, stats)
+
+
+def _declarations_named(connection: sqlite3.Connection, names: Iterable[tuple[str, str]]) -> dict:
+    """The declarations of each (family, name), as the resolver takes them."""
+    result: dict[tuple[str, str], list[Candidate]] = {}
+    by_name: dict[str, set[str]] = {}
+    for family, name in names:
+        by_name.setdefault(name, set()).add(family)
+        result[(family, name)] = []
+    production: dict[str, bool] = {}
+    for name, families in by_name.items():
+        for decl_id, file_id, path, language, definition, start in connection.execute(
+            "SELECT d.id, d.file_id, f.path, f.language, d.definition, d.start_line"
+            " FROM declarations AS d JOIN files AS f ON f.id = d.file_id WHERE d.name = ?",
+            (name,),
+        ):
+            if language is None or language == PYTHON:
+                continue
+            family = family_of(language)
+            if family in families:
+                if path not in production:
+                    production[path] = not is_test_path(path)
+                result[(family, name)].append((decl_id, file_id, path, bool(definition), production[path], start))
+    return result
+
+
+def _resolve_again(connection: sqlite3.Connection, work: dict, stats: IndexStats) -> None:
+    decls_of = _declarations_named(connection, [key for key in work])
+    rows: list = []
+    paths: dict[int, str] = {}
+    for (family, name), only in work.items():
+        decls = decls_of[(family, name)]
+        if not decls:
+            continue
+        users = []
+        for file_id, path, language, count in connection.execute(
+            "SELECT u.file_id, f.path, f.language, u.count FROM uses AS u JOIN files AS f ON f.id = u.file_id"
+            " WHERE u.name = ?",
+            (name,),
+        ):
+            if (only is None or file_id in only) and language != PYTHON and family_of(language) == family:
+                users.append((file_id, path, count))
+                paths[file_id] = path
+        for row in resolve_name(decls, users):
+            rows.append(row)
+            _count(stats, row)
+        if len(rows) >= BATCH:
+            _write(connection, _INSERT_REF, rows)
+    _write(connection, _INSERT_REF, rows)
+
+
+def _refresh_python(db: Database, root: Path, stats: IndexStats, exclude, keep, progress) -> None:
+    """Index the Python files again (their imports are resolved over all of
+    them) and replace the rows of the Python files with the new ones."""
+    connection = db.connection
+    scratch = Database()
+    with scratch:
+        found = index_tree(root, scratch, progress, exclude, keep, previous=db)
+        ids = [row[0] for row in connection.execute("SELECT id FROM files WHERE language = ?", (PYTHON,))]
+        params = [(i,) for i in ids]
+        connection.executemany("DELETE FROM refs WHERE source_file_id = ?", params)
+        connection.executemany("DELETE FROM declarations WHERE file_id = ?", params)
+        connection.executemany("DELETE FROM sources WHERE file_id = ?", params)
+        connection.executemany("DELETE FROM files WHERE id = ?", params)
+        _copy_rows(scratch.connection, connection)
+    _merge(stats, found)
+
+
+def _copy_rows(source: sqlite3.Connection, target: sqlite3.Connection) -> None:
+    """Append every row of the index `source` to `target`, with new ids."""
+    files = _next_id(target, "files") - 1
+    decls = _next_id(target, "declarations") - 1
+    target.executemany(
+        "INSERT INTO files (id, path, language) VALUES (?, ?, ?)",
+        ((i + files, path, language) for i, path, language in source.execute("SELECT id, path, language FROM files")),
+    )
+    target.executemany(
+        "INSERT INTO sources (file_id, size, mtime_ns, problem, analysis) VALUES (?, ?, ?, ?, ?)",
+        ((i + files, *rest) for i, *rest in source.execute("SELECT * FROM sources")),
+    )
+    target.executemany(
+        "INSERT INTO declarations (id, file_id, name, fqn, kind, start_line, end_line, exported, definition)"
+        " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)",
+        (
+            (i + decls, f + files, *rest)
+            for i, f, *rest in source.execute(
+                "SELECT id, file_id, name, fqn, kind, start_line, end_line, exported, definition FROM declarations"
+            )
+        ),
+    )
+    target.executemany(
+        _INSERT_REF,
+        (
+            (s + files, t + decls, resolution, count)
+            for s, t, resolution, count in source.execute(
+                "SELECT source_file_id, target_id, resolution, count FROM refs"
+            )
+        ),
+    )
+    target.executemany(
+        "INSERT OR IGNORE INTO resolved_languages (language) VALUES (?)",
+        source.execute("SELECT language FROM resolved_languages").fetchall(),
+    )
+
+
+def _merge(stats: IndexStats, other: IndexStats) -> None:
+    stats.files += other.files
+    stats.parsed += other.parsed
+    stats.reused += other.reused
+    stats.declarations += other.declarations
+    stats.references += other.references
+    for resolution, n in other.by_resolution.items():
+        stats.by_resolution[resolution] = stats.by_resolution.get(resolution, 0) + n
+    stats.unparsable.update(other.unparsable)
+
+
+def index_python(db: Database, root: Path, stats: IndexStats, exclude=(), keep=(), previous=None, progress=None):
+    """The Python files of the tree, indexed by the Python indexer into `db`."""
+    _merge(stats, index_tree(root, db, progress, exclude, keep, previous))

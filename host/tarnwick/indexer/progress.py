@@ -1,0 +1,58 @@
+"""Progress of a long indexing run: a bar (files done, files a second, time
+left) on a terminal, a plain line every few seconds anywhere else, nothing
+for a stream of None or for small runs."""
+
+from __future__ import annotations
+
+import time
+
+# Runs of fewer files finish before a bar would be worth seeing.
+MIN_FILES = 200
+# Seconds between two plain lines.
+EVERY = 5.0
+
+
+class Progress:
+    def __init__(self, stream, total: int, what: str):
+        self.stream = stream if total >= MIN_FILES else None
+        self.total, self.what = total, what
+        self.bar = None
+        self.started = self.last = time.perf_counter()
+        self.done = 0
+        if self.stream is None:
+            return
+        isatty = getattr(self.stream, "isatty", None)
+        if isatty is not None and isatty():
+            from tqdm import tqdm
+
+            self.bar = tqdm(total=total, desc=what, unit=" files", file=self.stream, dynamic_ncols=True, smoothing=0.05)
+
+    def update(self, done: int) -> None:
+        """`done` files of the total are done."""
+        if self.stream is None:
+            return
+        if self.bar is not None:
+            self.bar.update(done - self.done)
+            self.done = done
+            return
+        self.done = done
+        now = time.perf_counter()
+        if now - self.last >= EVERY:
+            self.last = now
+            self._line(now)
+
+    def close(self) -> None:
+        if self.bar is not None:
+            self.bar.close()
+        elif self.stream is not None:
+            self._line(time.perf_counter())
+
+    def _line(self, now: float) -> None:
+        spent = now - self.started
+        rate = self.done / spent if spent > 0 else 0.0
+        left = f", {(self.total - self.done) / rate:.0f} s left" if rate > 0 and self.done < self.total else ""
+        print(
+            f"{self.what}: {self.done}/{self.total} files, {rate:.0f} files/s{left}",
+            file=self.stream,
+            flush=True,
+        )
