@@ -194,7 +194,7 @@ def build(
     # them in order row by row.
     indexes = connection.execute(
         "SELECT name, sql FROM sqlite_master WHERE type = 'index' AND sql IS NOT NULL"
-        " AND tbl_name IN ('declarations', 'refs')"
+        " AND tbl_name IN ('declarations', 'refs', 'uses')"
     ).fetchall()
     for name, _sql in indexes:
         connection.execute(f'DROP INDEX "{name}"')

@@ -50,7 +50,7 @@ user_version`` is then 2); reopening an existing index leaves its rows alone.
     ``name`` TEXT, ``file_id`` INTEGER, ``count`` INTEGER > 0: how often a
     file whose imports the indexer does not resolve uses a name, declared
     anywhere or not; one row per (name, file), keyed by name, so that the
-    users of a name are found when its declarations change.
+    users of a name are found when its declarations change; indexed by file.
 
 ``index_info``
     ``key`` TEXT PRIMARY KEY, ``value`` TEXT: facts about the index as a
@@ -117,6 +117,7 @@ CREATE TABLE IF NOT EXISTS uses (
     count   INTEGER NOT NULL CHECK (count > 0),
     PRIMARY KEY (name, file_id)
 ) WITHOUT ROWID;
+CREATE INDEX IF NOT EXISTS uses_by_file ON uses(file_id);
 CREATE TABLE IF NOT EXISTS index_info (
     key   TEXT PRIMARY KEY,
     value TEXT NOT NULL
