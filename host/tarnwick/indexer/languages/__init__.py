@@ -26,6 +26,7 @@ from __future__ import annotations
 
 from tarnwick.indexer.languages._extract import Decl, Language, Ref, Rules, extract as _extract
 from tarnwick.indexer.languages.c import CRules
+from tarnwick.indexer.languages.cpp import CppRules
 
 __all__ = ["LANGUAGES", "Decl", "Ref", "extract", "is_test_file", "language_of"]
 
@@ -33,7 +34,7 @@ LANGUAGES: dict[str, Language] = {
     language.name: language
     for language in (
         Language("c", (".c", ".h"), "tree_sitter_c", CRules()),
-        Language("cpp", (".cc", ".cpp", ".cxx", ".c++", ".hh", ".hpp", ".hxx", ".h++"), "tree_sitter_cpp", Rules()),
+        Language("cpp", (".cc", ".cpp", ".cxx", ".c++", ".hh", ".hpp", ".hxx", ".h++"), "tree_sitter_cpp", CppRules()),
         Language("go", (".go",), "tree_sitter_go", Rules()),
         Language("rust", (".rs",), "tree_sitter_rust", Rules()),
         Language("java", (".java",), "tree_sitter_java", Rules()),

@@ -52,6 +52,8 @@ class Site:
     container: bool = False
     # A named container that declares nothing itself (`@scope.*`).
     scope: bool = False
+    # Scopes written before a qualified name (C++ `geo::Shape::area`).
+    qualifier: list[str] = field(default_factory=list)
     start: int = 0
     end: int = 0
 
@@ -59,6 +61,10 @@ class Site:
 class Rules:
     """What a language decides beyond its query.  The defaults suit a
     language whose declarations are all definitions, exported."""
+
+    def start(self, path: str, source: bytes, root: Any) -> None:
+        """Called before the file's declarations are decided (rules may keep
+        what they learn of the file until the next one)."""
 
     def prefix(self, path: str, source: bytes, root: Any) -> str:
         """What the fqn of every declaration of the file starts with ("" for none)."""
@@ -154,6 +160,7 @@ def extract(language: Language, path: str, source: bytes) -> tuple[list[Decl], l
     parser, declarations, references = language.compiled(path)
     rules = language.rules
     root = parser.parse(source).root_node
+    rules.start(path, source, root)
 
     sites: list[Site] = []
     for _pattern, captures in tree_sitter.QueryCursor(declarations).matches(root):

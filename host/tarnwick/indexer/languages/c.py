@@ -34,20 +34,31 @@ _FILE_SCOPE = frozenset(
         "preproc_elifdef",
         "linkage_specification",
         "declaration_list",
+        "namespace_definition",
+        "template_declaration",
     }
 )
-_NAMES = frozenset({"identifier", "field_identifier", "type_identifier"})
+_NAMES = frozenset({"identifier", "field_identifier", "type_identifier", "destructor_name", "operator_name"})
+# Declarators whose name is their `name` (C++: `ns::f`, `f<int>`).
+_NAMED = frozenset({"qualified_identifier", "template_function", "template_method"})
+# Declarators that wrap another without a `declarator` field.
+_WRAPPERS = frozenset({"parenthesized_declarator", "reference_declarator"})
 
 
 def declarator_name(node: Any) -> Any:
     """The identifier a declarator declares, under pointers, arrays,
-    parentheses, prototypes and initialisers; None when there is none."""
+    parentheses, references, prototypes, initialisers and qualifiers;
+    None when there is none."""
     while node is not None:
-        if node.type in _NAMES:
+        kind = node.type
+        if kind in _NAMES:
             return node
-        inner = node.child_by_field_name("declarator")
-        if inner is None and node.type == "parenthesized_declarator":
-            inner = node.named_children[0] if node.named_child_count else None
+        if kind in _NAMED:
+            inner = node.child_by_field_name("name")
+        else:
+            inner = node.child_by_field_name("declarator")
+            if inner is None and kind in _WRAPPERS:
+                inner = node.named_children[0] if node.named_child_count else None
         node = inner
     return None
 
