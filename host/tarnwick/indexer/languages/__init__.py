@@ -27,6 +27,7 @@ from __future__ import annotations
 from tarnwick.indexer.languages._extract import Decl, Language, Ref, Rules, extract as _extract
 from tarnwick.indexer.languages.c import CRules
 from tarnwick.indexer.languages.cpp import CppRules
+from tarnwick.indexer.languages.go import GoRules
 
 __all__ = ["LANGUAGES", "Decl", "Ref", "extract", "is_test_file", "language_of"]
 
@@ -35,7 +36,7 @@ LANGUAGES: dict[str, Language] = {
     for language in (
         Language("c", (".c", ".h"), "tree_sitter_c", CRules()),
         Language("cpp", (".cc", ".cpp", ".cxx", ".c++", ".hh", ".hpp", ".hxx", ".h++"), "tree_sitter_cpp", CppRules()),
-        Language("go", (".go",), "tree_sitter_go", Rules()),
+        Language("go", (".go",), "tree_sitter_go", GoRules()),
         Language("rust", (".rs",), "tree_sitter_rust", Rules()),
         Language("java", (".java",), "tree_sitter_java", Rules()),
         Language("javascript", (".js", ".mjs", ".cjs", ".jsx"), "tree_sitter_javascript", Rules()),

@@ -71,8 +71,9 @@ class Rules:
         return ""
 
     def names(self, kind: str, node: Any) -> Iterable[Any]:
-        """The name nodes of a declaration whose pattern captured no `@name`."""
-        return ()
+        """The name nodes of a declaration whose pattern captured no `@name`:
+        by default its `name` fields (Go's `const A, B = 1, 2`)."""
+        return [name for name in node.children_by_field_name("name") if name.is_named]
 
     def decide(self, site: Site, path: str, source: bytes) -> bool:
         """Sets the site's kind, `exported`, `definition` and `container`;
@@ -80,8 +81,9 @@ class Rules:
         return True
 
     def chain_names(self, site: Site) -> list[str]:
-        """The names that place the site inside the file: its containers'."""
-        return [outer.name for outer in site.chain]
+        """The names that place the site inside the file: its containers',
+        then the scopes written before its name."""
+        return [outer.name for outer in site.chain] + site.qualifier
 
 
 def text(source: bytes, node: Any) -> str:
