@@ -7,7 +7,8 @@
 #   use_venv build|test    .venv/ with the tools of scripts/requirements-NAME.txt,
 #                          first on PATH from then on
 #   install_packages       builds the module's wheel into build/dist/ and installs
-#                          it and the host package (editable) into .venv/
+#                          it and the host package (editable, with its pinned
+#                          dependencies) into .venv/
 set -euo pipefail
 
 # The interpreter the environment is made from (3.11 or newer).
@@ -72,5 +73,6 @@ install_packages() {
   # The module from its wheel; the host package editable, so that the tool
   # runs the stand-ins as they are checked out.
   pip_quiet install --no-deps --force-reinstall build/dist/tarnwick_wiki_scope-*.whl
-  pip_quiet install --no-build-isolation --no-deps -e ./host
+  # The host package's own dependencies (the pinned parsers) come with it.
+  pip_quiet install --no-build-isolation -e ./host
 }

@@ -5,6 +5,8 @@ from __future__ import annotations
 import re
 from collections.abc import Iterable
 
+from tarnwick.workers.wiki.comment_summary import comment_summary
+
 # A Python docstring opening: optional r/u prefix, then a triple quote.
 _DOCSTRING = re.compile(r"""^\s*[rRuU]?(\"\"\"|''')""")
 
@@ -164,6 +166,12 @@ def file_summary(lines: Iterable[str]) -> str:
         return ""
     if isinstance(lines, str):
         lines = lines.splitlines()
+    # Files of the C family open with `/*` or `//` comments: licence tags,
+    # copyright lines and file names come before their prose.
+    lines = [_as_text(line) for line in lines]
+    first = next((line.lstrip("\ufeff \t") for line in lines if line.strip("\ufeff \t")), "")
+    if first.startswith(("/*", "//")):
+        return comment_summary(lines)
     text = [_as_text(line) for line in lines]
     if not text:
         return ""

@@ -1,0 +1,258 @@
+"""The one extractor that runs a language's tags query over a tree-sitter parse.
+
+A language's query (`queries/<language>.scm`) holds two sets of patterns:
+
+- declaration patterns, run for their matches: `@definition.<kind>` on the
+  declaring node, `@name` on its name (when the language's rules find the
+  names themselves, as C declarators need, a pattern has no `@name`), and
+  `@scope.type` / `@scope.namespace` on named containers that declare
+  nothing themselves but place what lies inside them (a Rust `impl` block,
+  a C++ namespace);
+- reference patterns, run for their captures: `@reference.call`,
+  `@reference.type`, `@reference.field` and `@reference.name` on the
+  identifiers used, and `@local` on the names of parameters and local
+  variables.
+
+What a query cannot say (visibility, `static`, prototypes, receivers) is
+decided by the language's `Rules`.
+"""
+
+from __future__ import annotations
+
+from collections.abc import Iterable
+from dataclasses import dataclass, field
+from pathlib import Path
+from typing import Any
+
+TYPE_KINDS = frozenset({"class", "struct", "enum", "interface", "type"})
+
+# A declaration as the engine receives it:
+# (name, fqn, kind, start_line, end_line, exported, definition).
+Decl = tuple[str, str, str, int, int, bool, bool]
+# Identifiers a file uses, aggregated: (name, use, count).
+Ref = tuple[str, str, int]
+
+_USES = ("call", "type", "field", "name")
+_QUERIES = Path(__file__).with_name("queries")
+
+
+@dataclass(slots=True)
+class Site:
+    """A declaration found in the tree, before its fqn is written."""
+
+    name: str
+    kind: str
+    node: Any
+    name_node: Any
+    # Enclosing containers, outermost first (types and named scopes).
+    chain: list[Site] = field(default_factory=list)
+    exported: bool = True
+    definition: bool = True
+    # Whether declarations inside it are placed under its name.
+    container: bool = False
+    # A named container that declares nothing itself (`@scope.*`).
+    scope: bool = False
+    # Scopes written before a qualified name (C++ `geo::Shape::area`).
+    qualifier: list[str] = field(default_factory=list)
+    start: int = 0
+    end: int = 0
+
+
+class Rules:
+    """What a language decides beyond its query.  The defaults suit a
+    language whose declarations are all definitions, exported."""
+
+    def start(self, path: str, source: bytes, root: Any) -> None:
+        """Called before the file's declarations are decided (rules may keep
+        what they learn of the file until the next one)."""
+
+    def prefix(self, path: str, source: bytes, root: Any) -> str:
+        """What the fqn of every declaration of the file starts with ("" for none)."""
+        return ""
+
+    def names(self, kind: str, node: Any) -> Iterable[Any]:
+        """The name nodes of a declaration whose pattern captured no `@name`:
+        by default its `name` fields (Go's `const A, B = 1, 2`)."""
+        return [name for name in node.children_by_field_name("name") if name.is_named]
+
+    def decide(self, site: Site, path: str, source: bytes) -> bool:
+        """Sets the site's kind, `exported`, `definition` and `container`;
+        False drops it."""
+        return True
+
+    def chain_names(self, site: Site) -> list[str]:
+        """The names that place the site inside the file: its containers',
+        then the scopes written before its name."""
+        return [outer.name for outer in site.chain] + site.qualifier
+
+
+def text(source: bytes, node: Any) -> str:
+    return source[node.start_byte : node.end_byte].decode("utf-8", "replace")
+
+
+def lines(node: Any) -> tuple[int, int]:
+    """The node's 1-based inclusive line range; a node that ends just after
+    a newline ends on the line before."""
+    start_row = node.start_point[0]
+    end_row, end_column = node.end_point
+    if end_column == 0 and end_row > start_row:
+        end_row -= 1
+    return start_row + 1, end_row + 1
+
+
+class Language:
+    """One language: its grammar, compiled query and rules, made on first use
+    in each process (parsers and queries cannot be pickled).  `dialects`
+    names another grammar of the package for some suffixes (TypeScript's
+    `.tsx`)."""
+
+    def __init__(
+        self,
+        name: str,
+        suffixes: tuple[str, ...],
+        grammar: str,
+        rules: Rules,
+        loader: str = "language",
+        dialects: dict[str, str] | None = None,
+    ):
+        self.name = name
+        self.suffixes = suffixes
+        self.rules = rules
+        self._grammar = grammar
+        self._loader = loader
+        self._dialects = dialects or {}
+        self._compiled: dict[str, tuple[Any, Any, Any]] = {}
+
+    def __repr__(self) -> str:
+        return f"Language({self.name!r}, {self.suffixes!r})"
+
+    def __getstate__(self) -> dict[str, Any]:
+        return {**self.__dict__, "_compiled": {}}
+
+    def compiled(self, path: str) -> tuple[Any, Any, Any]:
+        """The parser, the declaration query and the reference query for the file at `path`."""
+        loader = self._loader
+        for suffix, dialect in self._dialects.items():
+            if path.endswith(suffix):
+                loader = dialect
+        ready = self._compiled.get(loader)
+        if ready is None:
+            import importlib
+
+            import tree_sitter
+
+            grammar = importlib.import_module(self._grammar)
+            language = tree_sitter.Language(getattr(grammar, loader)())
+            source = (_QUERIES / f"{self.name}.scm").read_text(encoding="utf-8")
+            declarations = tree_sitter.Query(language, source)
+            references = tree_sitter.Query(language, source)
+            for index in range(declarations.pattern_count):
+                pattern = source[declarations.start_byte_for_pattern(index) : declarations.end_byte_for_pattern(index)]
+                if "@definition." in pattern or "@scope." in pattern:
+                    references.disable_pattern(index)
+                else:
+                    declarations.disable_pattern(index)
+            ready = self._compiled[loader] = (tree_sitter.Parser(language), declarations, references)
+        return ready
+
+
+def extract(language: Language, path: str, source: bytes) -> tuple[list[Decl], list[Ref]]:
+    import tree_sitter
+
+    parser, declarations, references = language.compiled(path)
+    rules = language.rules
+    root = parser.parse(source).root_node
+    rules.start(path, source, root)
+
+    sites: list[Site] = []
+    for _pattern, captures in tree_sitter.QueryCursor(declarations).matches(root):
+        named = captures.get("name")
+        for capture, nodes in captures.items():
+            if capture == "name":
+                continue
+            kind = capture.partition(".")[2]
+            node = nodes[0]
+            if capture.startswith("scope."):
+                if named:
+                    sites.append(Site(text(source, named[0]), kind, node, named[0], container=True, scope=True))
+                continue
+            for name_node in named if named else rules.names(kind, node):
+                sites.append(Site(text(source, name_node), kind, node, name_node))
+
+    # Containers enclose by byte range; sorted outermost first.
+    sites.sort(key=lambda site: (site.node.start_byte, -site.node.end_byte))
+    open_sites: list[Site] = []
+    kept: list[Site] = []
+    for site in sites:
+        start = site.node.start_byte
+        while open_sites and open_sites[-1].node.end_byte <= start:
+            open_sites.pop()
+        site.chain = list(open_sites)
+        if site.kind in TYPE_KINDS:
+            site.container = True
+        # A function directly inside a type (or an `impl` block) is a method.
+        if site.kind == "function" and open_sites and open_sites[-1].kind in TYPE_KINDS:
+            site.kind = "method"
+        if not rules.decide(site, path, source):
+            continue
+        if site.container:
+            open_sites.append(site)
+        if not site.scope:
+            kept.append(site)
+
+    return _declarations(rules, path, source, root, kept), _references(source, root, references, sites, kept)
+
+
+def _declarations(rules: Rules, path: str, source: bytes, root: Any, sites: list[Site]) -> list[Decl]:
+    prefix = rules.prefix(path, source, root)
+    found: dict[tuple[str, str], int] = {}
+    decls: list[Decl] = []
+    for site in sites:
+        fqn = ".".join([*([prefix] if prefix else []), *rules.chain_names(site), site.name])
+        start, end = lines(site.node)
+        key = (fqn, site.kind)
+        seen = found.get(key)
+        if seen is not None and (not site.definition or not decls[seen][6]):
+            # A prototype and the definition (or a second prototype) of one
+            # function are one declaration: the definition's lines, exported
+            # only when every one of them is (a `static` prototype makes the
+            # definition internal).
+            old = decls[seen]
+            if site.definition:
+                decls[seen] = (old[0], fqn, site.kind, start, end, old[5] and site.exported, True)
+            else:
+                decls[seen] = (*old[:5], old[5] and site.exported, old[6])
+            continue
+        found.setdefault(key, len(decls))
+        decls.append((site.name, fqn, site.kind, start, end, site.exported, site.definition))
+    return decls
+
+
+def _references(source: bytes, root: Any, query: Any, sites: list[Site], kept: list[Site]) -> list[Ref]:
+    import tree_sitter
+
+    captures = tree_sitter.QueryCursor(query).captures(root)
+    # The declaring identifiers are no references, nor are the names of
+    # parameters and local variables where they are bound.
+    seen = {site.name_node.start_byte for site in sites if site.name_node is not None}
+    local_nodes = captures.get("local", ())
+    seen.update(node.start_byte for node in local_nodes)
+    locals_ = {source[node.start_byte : node.end_byte] for node in local_nodes}
+    declared = {site.name.encode("utf-8") for site in kept}
+    counts: dict[tuple[bytes, str], int] = {}
+    for use in _USES:
+        for node in captures.get("reference." + use, ()):
+            start = node.start_byte
+            if start in seen:
+                continue
+            seen.add(start)
+            key = (source[start : node.end_byte], use)
+            counts[key] = counts.get(key, 0) + 1
+    # A plain name that the file binds as a parameter or local variable is
+    # taken for that local, unless the file also declares the name itself.
+    drop = locals_ - declared
+    return [
+        (name.decode("utf-8", "replace"), use, count)
+        for (name, use), count in counts.items()
+        if not (use == "name" and name in drop)
+    ]

@@ -1,0 +1,33 @@
+; Declarations. Declarators (pointers, arrays, prototypes) are unwrapped by
+; the C rules, which also tell prototypes and variables apart.
+(function_definition) @definition.function
+(declaration) @definition.declaration
+(field_declaration) @definition.field
+(type_definition) @definition.type
+(struct_specifier name: (type_identifier) @name body: (field_declaration_list)) @definition.struct
+(union_specifier name: (type_identifier) @name body: (field_declaration_list)) @definition.struct
+(enum_specifier name: (type_identifier) @name body: (enumerator_list)) @definition.enum
+(enumerator name: (identifier) @name) @definition.constant
+(preproc_def name: (identifier) @name value: (_)) @definition.constant
+(preproc_function_def name: (identifier) @name) @definition.function
+
+; References.
+(call_expression function: (identifier) @reference.call)
+(call_expression function: (field_expression field: (field_identifier) @reference.call))
+(field_expression field: (field_identifier) @reference.field)
+(field_designator (field_identifier) @reference.field)
+(type_identifier) @reference.type
+(identifier) @reference.name
+
+; Parameters and local variables.
+(parameter_declaration declarator: (identifier) @local)
+(preproc_params (identifier) @local)
+(parameter_declaration declarator: (pointer_declarator declarator: (identifier) @local))
+(parameter_declaration declarator: (pointer_declarator declarator: (pointer_declarator declarator: (identifier) @local)))
+(parameter_declaration declarator: (array_declarator declarator: (identifier) @local))
+(compound_statement (declaration declarator: (identifier) @local))
+(compound_statement (declaration declarator: (init_declarator declarator: (identifier) @local)))
+(compound_statement (declaration declarator: (pointer_declarator declarator: (identifier) @local)))
+(compound_statement (declaration declarator: (init_declarator declarator: (pointer_declarator declarator: (identifier) @local))))
+(compound_statement (declaration declarator: (array_declarator declarator: (identifier) @local)))
+(compound_statement (declaration declarator: (init_declarator declarator: (array_declarator declarator: (identifier) @local))))

@@ -1,0 +1,42 @@
+; Declarations. Declarators (pointers, references, qualified names,
+; prototypes) are unwrapped by the C++ rules.
+(function_definition) @definition.function
+(declaration) @definition.declaration
+(field_declaration) @definition.field
+(type_definition) @definition.type
+(alias_declaration name: (type_identifier) @name) @definition.type
+(class_specifier name: (type_identifier) @name body: (field_declaration_list)) @definition.class
+(struct_specifier name: (type_identifier) @name body: (field_declaration_list)) @definition.struct
+(union_specifier name: (type_identifier) @name body: (field_declaration_list)) @definition.struct
+(enum_specifier name: (type_identifier) @name body: (enumerator_list)) @definition.enum
+(enumerator name: (identifier) @name) @definition.constant
+(preproc_def name: (identifier) @name value: (_)) @definition.constant
+(preproc_function_def name: (identifier) @name) @definition.function
+(namespace_definition name: (_) @name) @scope.namespace
+
+; References.
+(call_expression function: (identifier) @reference.call)
+(call_expression function: (qualified_identifier name: (identifier) @reference.call))
+(call_expression function: (qualified_identifier name: (qualified_identifier name: (identifier) @reference.call)))
+(call_expression function: (template_function name: (identifier) @reference.call))
+(call_expression function: (field_expression field: (field_identifier) @reference.call))
+(field_expression field: (field_identifier) @reference.field)
+(field_initializer (field_identifier) @reference.field)
+(field_designator (field_identifier) @reference.field)
+(type_identifier) @reference.type
+(identifier) @reference.name
+
+; Parameters and local variables.
+(parameter_declaration declarator: (identifier) @local)
+(parameter_declaration declarator: (pointer_declarator declarator: (identifier) @local))
+(parameter_declaration declarator: (reference_declarator (identifier) @local))
+(optional_parameter_declaration declarator: (identifier) @local)
+(preproc_params (identifier) @local)
+(for_range_loop declarator: (identifier) @local)
+(for_range_loop declarator: (reference_declarator (identifier) @local))
+(compound_statement (declaration declarator: (identifier) @local))
+(compound_statement (declaration declarator: (init_declarator declarator: (identifier) @local)))
+(compound_statement (declaration declarator: (pointer_declarator declarator: (identifier) @local)))
+(compound_statement (declaration declarator: (init_declarator declarator: (pointer_declarator declarator: (identifier) @local))))
+(compound_statement (declaration declarator: (init_declarator declarator: (reference_declarator (identifier) @local))))
+(compound_statement (declaration declarator: (array_declarator declarator: (identifier) @local)))

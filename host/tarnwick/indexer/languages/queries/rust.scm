@@ -1,0 +1,2 @@
+; References.
+(identifier) @reference.name
