@@ -184,7 +184,8 @@ def main() -> None:
     seconds = ground_seconds(tree, args.index, "mm/*.c", runs=3)
     print(f"page mm/*.c grounded (one-page command, index current): {seconds:.2f} s (best of 3)", flush=True)
 
-    timed = [(ground_seconds(tree, args.index, f"{folder}/*"), folder) for folder in largest_folders(args.index, args.pages)]
+    folders = largest_folders(args.index, args.pages)
+    timed = [(ground_seconds(tree, args.index, f"{folder}/*"), folder) for folder in folders]
     seconds, folder = max(timed)
     print(f"slowest one-folder page of the {len(timed)} largest folders: {folder}/* in {seconds:.2f} s")
 

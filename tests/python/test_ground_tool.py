@@ -6,7 +6,7 @@ import sqlite3
 import pytest
 from test_indexer import write_tree
 
-from tarnwick.indexer import python_tree
+from tarnwick.indexer import engine, python_tree
 from tarnwick.storage.database import Database
 from tarnwick.tools import ground as tool
 
@@ -51,10 +51,11 @@ def interrupt(*args, **kwargs):
     raise KeyboardInterrupt
 
 
-@pytest.mark.parametrize("owner, name", [(python_tree, "_analyse"), (python_tree._Indexer, "follow"),
-                                         (Database, "add_references"), (Database, "set_info")])
+# Where to interrupt: the last step of a first index, and of one brought up to date in place.
+@pytest.mark.parametrize("places", [[(python_tree, "_analyse")], [(python_tree._Indexer, "follow")],
+                                    [(Database, "add_references")], [(Database, "set_info"), (engine, "_copy_rows")]])
 def test_an_interrupted_indexing_leaves_the_previous_index_or_none_and_the_next_run_is_current(
-        tree, capsys, monkeypatch, owner, name):
+        tree, capsys, monkeypatch, places):
     index = tree.parent / "index.sqlite"
     for edited in (False, True):
         if edited:  # ten lines on top of a file, a file added and one removed
@@ -63,7 +64,8 @@ def test_an_interrupted_indexing_leaves_the_previous_index_or_none_and_the_next_
             (tree / "shop/old.py").unlink()
         before = index.read_bytes() if index.exists() else None
         with monkeypatch.context() as patch:
-            patch.setattr(owner, name, interrupt)
+            for owner, name in places:
+                patch.setattr(owner, name, interrupt)
             status, out, err = ground(capsys, tree, "shop/models.py")
         kept = f"the previous index {index} was kept" if before else "no index was written"
         assert (status, out, err[-1]) == (130, "", f"ground: indexing was interrupted; {kept}")

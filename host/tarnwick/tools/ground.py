@@ -1,4 +1,4 @@
-"""Ground one wiki page of a Python source tree and print it as Markdown.
+"""Ground one wiki page of a source tree and print it as Markdown.
 
     python3 -m tarnwick.tools.ground [PAGE ...] [--tree DIR] [--index FILE]
 
