@@ -428,17 +428,18 @@ def refresh(
     _write(connection, _INSERT_DECL, rows)
     connection.executemany(_INSERT_USE, [(name, file_ids[p], count) for p in todo for name, count in parsed[p][2]])
 
-    # The names to resolve again, with the users to resolve them for (None: all).
-    work: dict[tuple[str, str], set[int] | None] = dict.fromkeys(affected)
+    # The names to resolve again, with the users to resolve them for: every
+    # user of a name whose declarations changed (None), else the changed and
+    # new files that use it, with their counts.
+    work: dict[tuple[str, str], list[tuple[int, str, int]] | None] = dict.fromkeys(affected)
     for path in todo:
         family = family_of(files[path][0])
-        for name, _count in parsed[path][2]:
+        for name, count in parsed[path][2]:
             key = (family, name)
-            if key in work:
-                if work[key] is not None:
-                    work[key].add(file_ids[path])
-            else:
-                work[key] = {file_ids[path]}
+            if key not in work:
+                work[key] = []
+            if work[key] is not None:
+                work[key].append((file_ids[path], path, count))
     _resolve_again(connection, work, stats)
 
 
@@ -467,23 +468,23 @@ def _declarations_named(connection: sqlite3.Connection, names: Iterable[tuple[st
 
 
 def _resolve_again(connection: sqlite3.Connection, work: dict, stats: IndexStats) -> None:
-    decls_of = _declarations_named(connection, [key for key in work])
+    decls_of = _declarations_named(connection, list(work))
     rows: list = []
-    paths: dict[int, str] = {}
-    for (family, name), only in work.items():
+    for (family, name), users in work.items():
         decls = decls_of[(family, name)]
         if not decls:
             continue
-        users = []
-        for file_id, path, language, count in connection.execute(
-            "SELECT u.file_id, f.path, f.language, u.count FROM uses AS u JOIN files AS f ON f.id = u.file_id"
-            " WHERE u.name = ?",
-            (name,),
-        ):
-            if (only is None or file_id in only) and language != PYTHON and family_of(language) == family:
-                users.append((file_id, path, count))
-                paths[file_id] = path
-        for row in resolve_name(decls, users):
+        if users is None:
+            users = [
+                (file_id, path, count)
+                for file_id, path, language, count in connection.execute(
+                    "SELECT u.file_id, f.path, f.language, u.count FROM uses AS u"
+                    " JOIN files AS f ON f.id = u.file_id WHERE u.name = ?",
+                    (name,),
+                )
+                if language != PYTHON and family_of(language) == family
+            ]
+        for row in resolve_name(decls, sorted(users)):
             rows.append(row)
             _count(stats, row)
         if len(rows) >= BATCH:
