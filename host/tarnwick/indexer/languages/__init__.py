@@ -28,6 +28,7 @@ from tarnwick.indexer.languages._extract import Decl, Language, Ref, Rules, extr
 from tarnwick.indexer.languages.c import CRules
 from tarnwick.indexer.languages.cpp import CppRules
 from tarnwick.indexer.languages.go import GoRules
+from tarnwick.indexer.languages.javascript import JavaScriptRules
 
 __all__ = ["LANGUAGES", "Decl", "Ref", "extract", "is_test_file", "language_of"]
 
@@ -39,12 +40,12 @@ LANGUAGES: dict[str, Language] = {
         Language("go", (".go",), "tree_sitter_go", GoRules()),
         Language("rust", (".rs",), "tree_sitter_rust", Rules()),
         Language("java", (".java",), "tree_sitter_java", Rules()),
-        Language("javascript", (".js", ".mjs", ".cjs", ".jsx"), "tree_sitter_javascript", Rules()),
+        Language("javascript", (".js", ".mjs", ".cjs", ".jsx"), "tree_sitter_javascript", JavaScriptRules()),
         Language(
             "typescript",
             (".ts", ".tsx", ".mts", ".cts"),
             "tree_sitter_typescript",
-            Rules(),
+            JavaScriptRules(),
             loader="language_typescript",
             dialects={".tsx": "language_tsx"},
         ),
