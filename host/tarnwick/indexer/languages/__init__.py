@@ -29,6 +29,7 @@ from tarnwick.indexer.languages.c import CRules
 from tarnwick.indexer.languages.cpp import CppRules
 from tarnwick.indexer.languages.go import GoRules
 from tarnwick.indexer.languages.javascript import JavaScriptRules
+from tarnwick.indexer.languages.rust import RustRules
 
 __all__ = ["LANGUAGES", "Decl", "Ref", "extract", "is_test_file", "language_of"]
 
@@ -38,7 +39,7 @@ LANGUAGES: dict[str, Language] = {
         Language("c", (".c", ".h"), "tree_sitter_c", CRules()),
         Language("cpp", (".cc", ".cpp", ".cxx", ".c++", ".hh", ".hpp", ".hxx", ".h++"), "tree_sitter_cpp", CppRules()),
         Language("go", (".go",), "tree_sitter_go", GoRules()),
-        Language("rust", (".rs",), "tree_sitter_rust", Rules()),
+        Language("rust", (".rs",), "tree_sitter_rust", RustRules()),
         Language("java", (".java",), "tree_sitter_java", Rules()),
         Language("javascript", (".js", ".mjs", ".cjs", ".jsx"), "tree_sitter_javascript", JavaScriptRules()),
         Language(
