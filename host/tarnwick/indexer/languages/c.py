@@ -38,6 +38,8 @@ _FILE_SCOPE = frozenset(
         "template_declaration",
     }
 )
+# Declarations whose names are found in their declarators.
+_DECLARATORS = frozenset({"function_definition", "declaration", "field_declaration", "type_definition"})
 _NAMES = frozenset({"identifier", "field_identifier", "type_identifier", "destructor_name", "operator_name"})
 # Declarators whose name is their `name` (C++: `ns::f`, `f<int>`).
 _NAMED = frozenset({"qualified_identifier", "template_function", "template_method"})
@@ -87,10 +89,14 @@ class CRules(Rules):
     headers: tuple[str, ...] = (".h",)
 
     def names(self, kind: str, node: Any) -> Iterable[Any]:
+        if node.type not in _DECLARATORS:
+            return super().names(kind, node)
+        names = []
         for declarator in node.children_by_field_name("declarator"):
             name = declarator_name(declarator)
             if name is not None:
-                yield name
+                names.append(name)
+        return names
 
     def chain_names(self, site: Site) -> list[str]:
         return [site.chain[-1].name] if site.chain else []

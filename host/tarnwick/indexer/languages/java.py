@@ -36,10 +36,10 @@ class JavaRules(Rules):
         return ""
 
     def names(self, kind: str, node: Any) -> Iterable[Any]:
-        for declarator in node.children_by_field_name("declarator"):
-            name = declarator.child_by_field_name("name")
-            if name is not None:
-                yield name
+        if node.type not in ("field_declaration", "constant_declaration"):
+            return super().names(kind, node)
+        names = [declarator.child_by_field_name("name") for declarator in node.children_by_field_name("declarator")]
+        return [name for name in names if name is not None]
 
     def decide(self, site: Site, path: str, source: bytes) -> bool:
         node = site.node

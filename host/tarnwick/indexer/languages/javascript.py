@@ -20,6 +20,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterable
 from typing import Any
 
 from tarnwick.indexer.languages._extract import TYPE_KINDS, Rules, Site, text
@@ -93,6 +94,12 @@ class JavaScriptRules(Rules):
         if self._exports is None:
             self._exports = _module_exports(self._root, source)
         return self._exports
+
+    def names(self, kind: str, node: Any) -> Iterable[Any]:
+        if node.type == "field_definition":
+            name = node.child_by_field_name("property")
+            return [name] if name is not None else []
+        return super().names(kind, node)
 
     def prefix(self, path: str, source: bytes, root: Any) -> str:
         for suffix in _SUFFIXES:

@@ -16,6 +16,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterable
 from typing import Any
 
 from tarnwick.indexer.languages._extract import Rules, Site, text
@@ -31,6 +32,15 @@ def _visibility(node: Any, source: bytes) -> bool:
 
 
 class RustRules(Rules):
+    def names(self, kind: str, node: Any) -> Iterable[Any]:
+        if node.type != "impl_item":
+            return super().names(kind, node)
+        # The type an `impl` block is for: `Point`, `Wrapper<T>`, `geo::Point`.
+        name = node.child_by_field_name("type")
+        while name is not None and name.type != "type_identifier":
+            name = name.child_by_field_name("type" if name.type == "generic_type" else "name")
+        return [name] if name is not None else []
+
     def prefix(self, path: str, source: bytes, root: Any) -> str:
         parts = path.removesuffix(".rs").split("/")
         if "src" in parts[:-1]:

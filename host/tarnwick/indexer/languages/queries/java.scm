@@ -1,14 +1,14 @@
 ; Declarations. Field names are read from their declarators by the Java rules.
-(class_declaration name: (identifier) @name) @definition.class
-(record_declaration name: (identifier) @name) @definition.class
-(interface_declaration name: (identifier) @name) @definition.interface
-(annotation_type_declaration name: (identifier) @name) @definition.interface
-(enum_declaration name: (identifier) @name) @definition.enum
-(enum_constant name: (identifier) @name) @definition.constant
-(method_declaration name: (identifier) @name) @definition.method
-(annotation_type_element_declaration name: (identifier) @name) @definition.method
-(constructor_declaration name: (identifier) @name) @definition.constructor
-(compact_constructor_declaration name: (identifier) @name) @definition.constructor
+(class_declaration name: (identifier)) @definition.class
+(record_declaration name: (identifier)) @definition.class
+(interface_declaration name: (identifier)) @definition.interface
+(annotation_type_declaration name: (identifier)) @definition.interface
+(enum_declaration name: (identifier)) @definition.enum
+(enum_constant name: (identifier)) @definition.constant
+(method_declaration name: (identifier)) @definition.method
+(annotation_type_element_declaration name: (identifier)) @definition.method
+(constructor_declaration name: (identifier)) @definition.constructor
+(compact_constructor_declaration name: (identifier)) @definition.constructor
 (field_declaration) @definition.field
 (constant_declaration) @definition.constant
 

@@ -1,11 +1,11 @@
 ; Declarations. Whether a variable holds a function, a class or a value,
 ; and what the module exports, is read by the JavaScript rules.
-(function_declaration name: (identifier) @name) @definition.function
-(generator_function_declaration name: (identifier) @name) @definition.function
-(class_declaration name: (identifier) @name) @definition.class
-(method_definition name: (_) @name) @definition.method
-(field_definition property: (_) @name) @definition.field
-(variable_declarator name: (identifier) @name) @definition.attribute
+(function_declaration name: (identifier)) @definition.function
+(generator_function_declaration name: (identifier)) @definition.function
+(class_declaration name: (identifier)) @definition.class
+(method_definition name: (_)) @definition.method
+(field_definition property: (_)) @definition.field
+(variable_declarator name: (identifier)) @definition.attribute
 
 ; References.
 (call_expression function: (identifier) @reference.call)

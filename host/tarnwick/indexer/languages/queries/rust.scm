@@ -1,20 +1,18 @@
 ; Declarations. Functions inside an `impl` block or a trait are methods.
-(function_item name: (identifier) @name) @definition.function
-(function_signature_item name: (identifier) @name) @definition.function
-(struct_item name: (type_identifier) @name) @definition.struct
-(union_item name: (type_identifier) @name) @definition.struct
-(enum_item name: (type_identifier) @name) @definition.enum
-(enum_variant name: (identifier) @name) @definition.constant
-(trait_item name: (type_identifier) @name) @definition.interface
-(type_item name: (type_identifier) @name) @definition.type
-(const_item name: (identifier) @name) @definition.constant
-(static_item name: (identifier) @name) @definition.constant
-(field_declaration name: (field_identifier) @name) @definition.field
-(macro_definition name: (identifier) @name) @definition.function
-(mod_item name: (identifier) @name body: (declaration_list)) @scope.namespace
-(impl_item type: (type_identifier) @name) @scope.type
-(impl_item type: (generic_type type: (type_identifier) @name)) @scope.type
-(impl_item type: (scoped_type_identifier name: (type_identifier) @name)) @scope.type
+(function_item name: (identifier)) @definition.function
+(function_signature_item name: (identifier)) @definition.function
+(struct_item name: (type_identifier)) @definition.struct
+(union_item name: (type_identifier)) @definition.struct
+(enum_item name: (type_identifier)) @definition.enum
+(enum_variant name: (identifier)) @definition.constant
+(trait_item name: (type_identifier)) @definition.interface
+(type_item name: (type_identifier)) @definition.type
+(const_item name: (identifier)) @definition.constant
+(static_item name: (identifier)) @definition.constant
+(field_declaration name: (field_identifier)) @definition.field
+(macro_definition name: (identifier)) @definition.function
+(mod_item name: (identifier) body: (declaration_list)) @scope.namespace
+(impl_item) @scope.type
 
 ; References.
 (call_expression function: (identifier) @reference.call)

@@ -1,22 +1,22 @@
 ; Declarations. Whether a variable holds a function, a class or a value,
 ; and what the module exports, is read by the TypeScript rules.
-(function_declaration name: (identifier) @name) @definition.function
-(generator_function_declaration name: (identifier) @name) @definition.function
-(function_signature name: (identifier) @name) @definition.function
-(class_declaration name: (type_identifier) @name) @definition.class
-(abstract_class_declaration name: (type_identifier) @name) @definition.class
-(interface_declaration name: (type_identifier) @name) @definition.interface
-(type_alias_declaration name: (type_identifier) @name) @definition.type
-(enum_declaration name: (identifier) @name) @definition.enum
-(enum_body name: (property_identifier) @name @definition.constant)
-(enum_assignment name: (property_identifier) @name) @definition.constant
-(method_definition name: (_) @name) @definition.method
-(method_signature name: (_) @name) @definition.method
-(abstract_method_signature name: (_) @name) @definition.method
-(public_field_definition name: (_) @name) @definition.field
-(property_signature name: (_) @name) @definition.field
-(variable_declarator name: (identifier) @name) @definition.attribute
-(internal_module name: (identifier) @name) @scope.namespace
+(function_declaration name: (identifier)) @definition.function
+(generator_function_declaration name: (identifier)) @definition.function
+(function_signature name: (identifier)) @definition.function
+(class_declaration name: (type_identifier)) @definition.class
+(abstract_class_declaration name: (type_identifier)) @definition.class
+(interface_declaration name: (type_identifier)) @definition.interface
+(type_alias_declaration name: (type_identifier)) @definition.type
+(enum_declaration name: (identifier)) @definition.enum
+(enum_body name: (property_identifier) @definition.constant)
+(enum_assignment name: (property_identifier)) @definition.constant
+(method_definition name: (_)) @definition.method
+(method_signature name: (_)) @definition.method
+(abstract_method_signature name: (_)) @definition.method
+(public_field_definition name: (_)) @definition.field
+(property_signature name: (_)) @definition.field
+(variable_declarator name: (identifier)) @definition.attribute
+(internal_module name: (identifier)) @scope.namespace
 
 ; References.
 (call_expression function: (identifier) @reference.call)
