@@ -52,6 +52,8 @@ class Site:
     container: bool = False
     # A named container that declares nothing itself (`@scope.*`).
     scope: bool = False
+    # Whether the rules kept it (or its name is a use after all: `LIST_HEAD(x);`).
+    keep: bool = True
     # Scopes written before a qualified name (C++ `geo::Shape::area`).
     qualifier: list[str] = field(default_factory=list)
     start: int = 0
@@ -169,7 +171,9 @@ def extract(language: Language, path: str, source: bytes) -> tuple[list[Decl], l
         scope = group == "scope"
         for node in nodes:
             for name_node in rules.names(kind, node):
-                sites.append(Site(text(source, name_node), kind, node, name_node, container=scope, scope=scope))
+                # A name the parser made up to mend a syntax error is empty.
+                if name_node.end_byte > name_node.start_byte:
+                    sites.append(Site(text(source, name_node), kind, node, name_node, container=scope, scope=scope))
 
     # Containers enclose by byte range; sorted outermost first.
     sites.sort(key=lambda site: (site.node.start_byte, -site.node.end_byte))
@@ -186,6 +190,7 @@ def extract(language: Language, path: str, source: bytes) -> tuple[list[Decl], l
         if site.kind == "function" and open_sites and open_sites[-1].kind in TYPE_KINDS:
             site.kind = "method"
         if not rules.decide(site, path, source):
+            site.keep = False
             continue
         if site.container:
             open_sites.append(site)
@@ -204,26 +209,30 @@ def _declarations(rules: Rules, path: str, source: bytes, root: Any, sites: list
         start, end = lines(site.node)
         key = (fqn, site.kind)
         seen = found.get(key)
-        if seen is not None and (not site.definition or not decls[seen][6]):
-            # A prototype and the definition (or a second prototype) of one
-            # function are one declaration: the definition's lines, exported
-            # only when every one of them is (a `static` prototype makes the
-            # definition internal).
-            old = decls[seen]
-            if site.definition:
-                decls[seen] = (old[0], fqn, site.kind, start, end, old[5] and site.exported, True)
-            else:
-                decls[seen] = (*old[:5], old[5] and site.exported, old[6])
+        if seen is None:
+            found[key] = len(decls)
+            decls.append((site.name, fqn, site.kind, start, end, site.exported, site.definition))
             continue
-        found.setdefault(key, len(decls))
-        decls.append((site.name, fqn, site.kind, start, end, site.exported, site.definition))
+        # One name declared twice in a file, as one kind and in one place,
+        # is one declaration.  A prototype and the definition of a function
+        # take the definition's lines and are exported only when each one is
+        # (a `static` prototype makes the definition internal); alternative
+        # definitions (under `#ifdef`, overloads) keep the first one's lines
+        # and are exported when one of them is.
+        old = decls[seen]
+        if old[6] and site.definition:
+            decls[seen] = (*old[:5], old[5] or site.exported, True)
+        elif site.definition:
+            decls[seen] = (old[0], fqn, site.kind, start, end, old[5] and site.exported, True)
+        else:
+            decls[seen] = (*old[:5], old[5] and site.exported, old[6])
     return decls
 
 
 def _references(source: bytes, captures: dict[str, list[Any]], sites: list[Site], kept: list[Site]) -> list[Ref]:
     # The declaring identifiers are no references, nor are the names of
     # parameters and local variables where they are bound.
-    seen = {site.name_node.start_byte for site in sites if site.name_node is not None}
+    seen = {site.name_node.start_byte for site in sites if site.name_node is not None and site.keep}
     local_nodes = captures.get("local", ())
     seen.update(node.start_byte for node in local_nodes)
     locals_ = {source[node.start_byte : node.end_byte] for node in local_nodes}
@@ -231,11 +240,11 @@ def _references(source: bytes, captures: dict[str, list[Any]], sites: list[Site]
     counts: dict[tuple[bytes, str], int] = {}
     for use in _USES:
         for node in captures.get("reference." + use, ()):
-            start = node.start_byte
-            if start in seen:
+            start, end = node.start_byte, node.end_byte
+            if start in seen or start == end:
                 continue
             seen.add(start)
-            key = (source[start : node.end_byte], use)
+            key = (source[start:end], use)
             counts[key] = counts.get(key, 0) + 1
     # A plain name that the file binds as a parameter or local variable is
     # taken for that local, unless the file also declares the name itself.

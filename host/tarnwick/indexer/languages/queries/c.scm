@@ -15,7 +15,9 @@
 (preproc_def name: (identifier) value: (_)) @definition.constant
 (preproc_function_def name: (identifier)) @definition.function
 
-; References.
+; References. (A macro used at file scope, `LIST_HEAD(list);`, reads as a
+; prototype: the C rules drop it, and its name is a call.)
+(declaration declarator: (function_declarator declarator: (identifier) @reference.call))
 (call_expression function: (identifier) @reference.call)
 (call_expression function: (field_expression field: (field_identifier) @reference.call))
 (field_expression field: (field_identifier) @reference.field)

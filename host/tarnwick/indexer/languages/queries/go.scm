@@ -23,4 +23,5 @@
 (short_var_declaration left: (expression_list (identifier) @local))
 (range_clause left: (expression_list (identifier) @local))
 (var_spec name: (identifier) @local)
+(const_spec name: (identifier) @local)
 (type_parameter_declaration name: (identifier) @local)
