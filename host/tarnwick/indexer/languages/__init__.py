@@ -24,10 +24,13 @@ syntax error gives what the rest of the tree holds, never an exception.
 
 from __future__ import annotations
 
-from tarnwick.indexer.languages._extract import Decl, Language, Ref, Rules, extract as _extract
+from tarnwick.indexer.languages._extract import Decl, Language, Ref, extract as _extract
 from tarnwick.indexer.languages.c import CRules
 from tarnwick.indexer.languages.cpp import CppRules
 from tarnwick.indexer.languages.go import GoRules
+from tarnwick.indexer.languages.java import JavaRules
+from tarnwick.indexer.languages.javascript import JavaScriptRules
+from tarnwick.indexer.languages.rust import RustRules
 
 __all__ = ["LANGUAGES", "Decl", "Ref", "extract", "is_test_file", "language_of"]
 
@@ -37,14 +40,14 @@ LANGUAGES: dict[str, Language] = {
         Language("c", (".c", ".h"), "tree_sitter_c", CRules()),
         Language("cpp", (".cc", ".cpp", ".cxx", ".c++", ".hh", ".hpp", ".hxx", ".h++"), "tree_sitter_cpp", CppRules()),
         Language("go", (".go",), "tree_sitter_go", GoRules()),
-        Language("rust", (".rs",), "tree_sitter_rust", Rules()),
-        Language("java", (".java",), "tree_sitter_java", Rules()),
-        Language("javascript", (".js", ".mjs", ".cjs", ".jsx"), "tree_sitter_javascript", Rules()),
+        Language("rust", (".rs",), "tree_sitter_rust", RustRules()),
+        Language("java", (".java",), "tree_sitter_java", JavaRules()),
+        Language("javascript", (".js", ".mjs", ".cjs", ".jsx"), "tree_sitter_javascript", JavaScriptRules()),
         Language(
             "typescript",
             (".ts", ".tsx", ".mts", ".cts"),
             "tree_sitter_typescript",
-            Rules(),
+            JavaScriptRules(),
             loader="language_typescript",
             dialects={".tsx": "language_tsx"},
         ),

@@ -1,20 +1,20 @@
 """The one extractor that runs a language's tags query over a tree-sitter parse.
 
-A language's query (`queries/<language>.scm`) holds two sets of patterns:
+A language's query (`queries/<language>.scm`) captures, in one pass over
+the tree:
 
-- declaration patterns, run for their matches: `@definition.<kind>` on the
-  declaring node, `@name` on its name (when the language's rules find the
-  names themselves, as C declarators need, a pattern has no `@name`), and
-  `@scope.type` / `@scope.namespace` on named containers that declare
-  nothing themselves but place what lies inside them (a Rust `impl` block,
-  a C++ namespace);
-- reference patterns, run for their captures: `@reference.call`,
-  `@reference.type`, `@reference.field` and `@reference.name` on the
-  identifiers used, and `@local` on the names of parameters and local
-  variables.
+- `@definition.<kind>` on a declaring node, whose names are its `name`
+  fields unless the language's rules find them (C declarators, Java
+  fields), and `@scope.type` / `@scope.namespace` on named containers that
+  declare nothing themselves but place what lies inside them (a Rust
+  `impl` block, a C++ namespace);
+- `@reference.call`, `@reference.type`, `@reference.field` and
+  `@reference.name` on the identifiers used, and `@local` on the names of
+  parameters and local variables where they are bound.
 
 What a query cannot say (visibility, `static`, prototypes, receivers) is
-decided by the language's `Rules`.
+decided by the language's `Rules`.  One `captures` pass costs less than a
+pass for the declarations' matches and another for the references.
 """
 
 from __future__ import annotations
@@ -52,6 +52,8 @@ class Site:
     container: bool = False
     # A named container that declares nothing itself (`@scope.*`).
     scope: bool = False
+    # Whether the rules kept it (or its name is a use after all: `LIST_HEAD(x);`).
+    keep: bool = True
     # Scopes written before a qualified name (C++ `geo::Shape::area`).
     qualifier: list[str] = field(default_factory=list)
     start: int = 0
@@ -71,9 +73,12 @@ class Rules:
         return ""
 
     def names(self, kind: str, node: Any) -> Iterable[Any]:
-        """The name nodes of a declaration whose pattern captured no `@name`:
-        by default its `name` fields (Go's `const A, B = 1, 2`)."""
-        return [name for name in node.children_by_field_name("name") if name.is_named]
+        """The name nodes of a declaration: its `name` fields (Go's `const A,
+        B = 1, 2` has two), or the node itself when it is a name."""
+        names = [name for name in node.children_by_field_name("name") if name.is_named]
+        if not names and node.type.endswith("identifier"):
+            names.append(node)
+        return names
 
     def decide(self, site: Site, path: str, source: bytes) -> bool:
         """Sets the site's kind, `exported`, `definition` and `container`;
@@ -121,7 +126,7 @@ class Language:
         self._grammar = grammar
         self._loader = loader
         self._dialects = dialects or {}
-        self._compiled: dict[str, tuple[Any, Any, Any]] = {}
+        self._compiled: dict[str, tuple[Any, Any]] = {}
 
     def __repr__(self) -> str:
         return f"Language({self.name!r}, {self.suffixes!r})"
@@ -129,8 +134,8 @@ class Language:
     def __getstate__(self) -> dict[str, Any]:
         return {**self.__dict__, "_compiled": {}}
 
-    def compiled(self, path: str) -> tuple[Any, Any, Any]:
-        """The parser, the declaration query and the reference query for the file at `path`."""
+    def compiled(self, path: str) -> tuple[Any, Any]:
+        """The parser and the query for the file at `path`."""
         loader = self._loader
         for suffix, dialect in self._dialects.items():
             if path.endswith(suffix):
@@ -144,40 +149,31 @@ class Language:
             grammar = importlib.import_module(self._grammar)
             language = tree_sitter.Language(getattr(grammar, loader)())
             source = (_QUERIES / f"{self.name}.scm").read_text(encoding="utf-8")
-            declarations = tree_sitter.Query(language, source)
-            references = tree_sitter.Query(language, source)
-            for index in range(declarations.pattern_count):
-                pattern = source[declarations.start_byte_for_pattern(index) : declarations.end_byte_for_pattern(index)]
-                if "@definition." in pattern or "@scope." in pattern:
-                    references.disable_pattern(index)
-                else:
-                    declarations.disable_pattern(index)
-            ready = self._compiled[loader] = (tree_sitter.Parser(language), declarations, references)
+            query = tree_sitter.Query(language, source)
+            ready = self._compiled[loader] = (tree_sitter.Parser(language), query)
         return ready
 
 
 def extract(language: Language, path: str, source: bytes) -> tuple[list[Decl], list[Ref]]:
     import tree_sitter
 
-    parser, declarations, references = language.compiled(path)
+    parser, query = language.compiled(path)
     rules = language.rules
     root = parser.parse(source).root_node
     rules.start(path, source, root)
+    captures = tree_sitter.QueryCursor(query).captures(root)
 
     sites: list[Site] = []
-    for _pattern, captures in tree_sitter.QueryCursor(declarations).matches(root):
-        named = captures.get("name")
-        for capture, nodes in captures.items():
-            if capture == "name":
-                continue
-            kind = capture.partition(".")[2]
-            node = nodes[0]
-            if capture.startswith("scope."):
-                if named:
-                    sites.append(Site(text(source, named[0]), kind, node, named[0], container=True, scope=True))
-                continue
-            for name_node in named if named else rules.names(kind, node):
-                sites.append(Site(text(source, name_node), kind, node, name_node))
+    for capture, nodes in captures.items():
+        group, _, kind = capture.partition(".")
+        if group != "definition" and group != "scope":
+            continue
+        scope = group == "scope"
+        for node in nodes:
+            for name_node in rules.names(kind, node):
+                # A name the parser made up to mend a syntax error is empty.
+                if name_node.end_byte > name_node.start_byte:
+                    sites.append(Site(text(source, name_node), kind, node, name_node, container=scope, scope=scope))
 
     # Containers enclose by byte range; sorted outermost first.
     sites.sort(key=lambda site: (site.node.start_byte, -site.node.end_byte))
@@ -194,13 +190,14 @@ def extract(language: Language, path: str, source: bytes) -> tuple[list[Decl], l
         if site.kind == "function" and open_sites and open_sites[-1].kind in TYPE_KINDS:
             site.kind = "method"
         if not rules.decide(site, path, source):
+            site.keep = False
             continue
         if site.container:
             open_sites.append(site)
         if not site.scope:
             kept.append(site)
 
-    return _declarations(rules, path, source, root, kept), _references(source, root, references, sites, kept)
+    return _declarations(rules, path, source, root, kept), _references(source, captures, sites, kept)
 
 
 def _declarations(rules: Rules, path: str, source: bytes, root: Any, sites: list[Site]) -> list[Decl]:
@@ -212,29 +209,30 @@ def _declarations(rules: Rules, path: str, source: bytes, root: Any, sites: list
         start, end = lines(site.node)
         key = (fqn, site.kind)
         seen = found.get(key)
-        if seen is not None and (not site.definition or not decls[seen][6]):
-            # A prototype and the definition (or a second prototype) of one
-            # function are one declaration: the definition's lines, exported
-            # only when every one of them is (a `static` prototype makes the
-            # definition internal).
-            old = decls[seen]
-            if site.definition:
-                decls[seen] = (old[0], fqn, site.kind, start, end, old[5] and site.exported, True)
-            else:
-                decls[seen] = (*old[:5], old[5] and site.exported, old[6])
+        if seen is None:
+            found[key] = len(decls)
+            decls.append((site.name, fqn, site.kind, start, end, site.exported, site.definition))
             continue
-        found.setdefault(key, len(decls))
-        decls.append((site.name, fqn, site.kind, start, end, site.exported, site.definition))
+        # One name declared twice in a file, as one kind and in one place,
+        # is one declaration.  A prototype and the definition of a function
+        # take the definition's lines and are exported only when each one is
+        # (a `static` prototype makes the definition internal); alternative
+        # definitions (under `#ifdef`, overloads) keep the first one's lines
+        # and are exported when one of them is.
+        old = decls[seen]
+        if old[6] and site.definition:
+            decls[seen] = (*old[:5], old[5] or site.exported, True)
+        elif site.definition:
+            decls[seen] = (old[0], fqn, site.kind, start, end, old[5] and site.exported, True)
+        else:
+            decls[seen] = (*old[:5], old[5] and site.exported, old[6])
     return decls
 
 
-def _references(source: bytes, root: Any, query: Any, sites: list[Site], kept: list[Site]) -> list[Ref]:
-    import tree_sitter
-
-    captures = tree_sitter.QueryCursor(query).captures(root)
+def _references(source: bytes, captures: dict[str, list[Any]], sites: list[Site], kept: list[Site]) -> list[Ref]:
     # The declaring identifiers are no references, nor are the names of
     # parameters and local variables where they are bound.
-    seen = {site.name_node.start_byte for site in sites if site.name_node is not None}
+    seen = {site.name_node.start_byte for site in sites if site.name_node is not None and site.keep}
     local_nodes = captures.get("local", ())
     seen.update(node.start_byte for node in local_nodes)
     locals_ = {source[node.start_byte : node.end_byte] for node in local_nodes}
@@ -242,11 +240,11 @@ def _references(source: bytes, root: Any, query: Any, sites: list[Site], kept: l
     counts: dict[tuple[bytes, str], int] = {}
     for use in _USES:
         for node in captures.get("reference." + use, ()):
-            start = node.start_byte
-            if start in seen:
+            start, end = node.start_byte, node.end_byte
+            if start in seen or start == end:
                 continue
             seen.add(start)
-            key = (source[start : node.end_byte], use)
+            key = (source[start:end], use)
             counts[key] = counts.get(key, 0) + 1
     # A plain name that the file binds as a parameter or local variable is
     # taken for that local, unless the file also declares the name itself.

@@ -38,6 +38,8 @@ _FILE_SCOPE = frozenset(
         "template_declaration",
     }
 )
+# Declarations whose names are found in their declarators.
+_DECLARATORS = frozenset({"function_definition", "declaration", "field_declaration", "type_definition"})
 _NAMES = frozenset({"identifier", "field_identifier", "type_identifier", "destructor_name", "operator_name"})
 # Declarators whose name is their `name` (C++: `ns::f`, `f<int>`).
 _NAMED = frozenset({"qualified_identifier", "template_function", "template_method"})
@@ -83,14 +85,51 @@ def is_prototype(name_node: Any) -> bool:
     return parent is not None and parent.type == "function_declarator"
 
 
+def _annotated_name(site: Site, source: bytes) -> bool:
+    """Finds the name of a file-scope declaration that annotation macros
+    (`__read_mostly`, `__initdata`, `__init`), which the grammar cannot
+    know, made it misread; False for a declaration that is no more than a
+    misread annotation (`void __init` before a function's name)."""
+    node, name = site.node, site.name
+    if not node.has_error:
+        if name.startswith("__"):
+            # `unsigned long jiffies __read_mostly;` reads as a variable
+            # `__read_mostly` of type `unsigned long jiffies`.
+            inner = node.child_by_field_name("type")
+            inner = (
+                inner.child_by_field_name("type")
+                if inner is not None and inner.type == "sized_type_specifier"
+                else None
+            )
+            if inner is not None and inner.type == "type_identifier":
+                site.name_node, site.name = inner, text(source, inner)
+        return True
+    if any(child.is_missing for child in node.children):
+        return False  # its end was made up: an annotation read as a declaration
+    if name.startswith("__"):
+        # `static int count __read_mostly;`: the name is left in an error node.
+        for child in node.children:
+            if child.type == "ERROR" and child.named_child_count:
+                last = child.named_children[-1]
+                if last.type == "identifier":
+                    site.name_node, site.name = last, text(source, last)
+                    return True
+        return False
+    return True
+
+
 class CRules(Rules):
     headers: tuple[str, ...] = (".h",)
 
     def names(self, kind: str, node: Any) -> Iterable[Any]:
+        if node.type not in _DECLARATORS:
+            return super().names(kind, node)
+        names = []
         for declarator in node.children_by_field_name("declarator"):
             name = declarator_name(declarator)
             if name is not None:
-                yield name
+                names.append(name)
+        return names
 
     def chain_names(self, site: Site) -> list[str]:
         return [site.chain[-1].name] if site.chain else []
@@ -99,12 +138,16 @@ class CRules(Rules):
         header = path.endswith(self.headers)
         kind, node = site.kind, site.node
         if kind == "declaration":
-            if not at_file_scope(node):
+            if not at_file_scope(node) or not _annotated_name(site, source):
                 return False
             classes = storage(node, source)
             if "typedef" in classes:
                 return False
             if is_prototype(site.name_node):
+                if not any(character.islower() for character in site.name):
+                    # `DEFINE_MUTEX(lock);`, `LIST_HEAD(list);`: a macro used at
+                    # file scope reads as a prototype; it declares nothing.
+                    return False
                 site.kind = "function"
                 site.definition = False
             else:

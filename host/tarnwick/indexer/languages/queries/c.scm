@@ -1,17 +1,23 @@
 ; Declarations. Declarators (pointers, arrays, prototypes) are unwrapped by
 ; the C rules, which also tell prototypes and variables apart.
 (function_definition) @definition.function
-(declaration) @definition.declaration
+(translation_unit (declaration) @definition.declaration)
+(preproc_if (declaration) @definition.declaration)
+(preproc_ifdef (declaration) @definition.declaration)
+(preproc_else (declaration) @definition.declaration)
+(preproc_elif (declaration) @definition.declaration)
 (field_declaration) @definition.field
 (type_definition) @definition.type
-(struct_specifier name: (type_identifier) @name body: (field_declaration_list)) @definition.struct
-(union_specifier name: (type_identifier) @name body: (field_declaration_list)) @definition.struct
-(enum_specifier name: (type_identifier) @name body: (enumerator_list)) @definition.enum
-(enumerator name: (identifier) @name) @definition.constant
-(preproc_def name: (identifier) @name value: (_)) @definition.constant
-(preproc_function_def name: (identifier) @name) @definition.function
+(struct_specifier name: (type_identifier) body: (field_declaration_list)) @definition.struct
+(union_specifier name: (type_identifier) body: (field_declaration_list)) @definition.struct
+(enum_specifier name: (type_identifier) body: (enumerator_list)) @definition.enum
+(enumerator name: (identifier)) @definition.constant
+(preproc_def name: (identifier) value: (_)) @definition.constant
+(preproc_function_def name: (identifier)) @definition.function
 
-; References.
+; References. (A macro used at file scope, `LIST_HEAD(list);`, reads as a
+; prototype: the C rules drop it, and its name is a call.)
+(declaration declarator: (function_declarator declarator: (identifier) @reference.call))
 (call_expression function: (identifier) @reference.call)
 (call_expression function: (field_expression field: (field_identifier) @reference.call))
 (field_expression field: (field_identifier) @reference.field)

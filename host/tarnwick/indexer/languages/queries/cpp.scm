@@ -1,18 +1,25 @@
 ; Declarations. Declarators (pointers, references, qualified names,
 ; prototypes) are unwrapped by the C++ rules.
 (function_definition) @definition.function
-(declaration) @definition.declaration
+(translation_unit (declaration) @definition.declaration)
+(preproc_if (declaration) @definition.declaration)
+(preproc_ifdef (declaration) @definition.declaration)
+(preproc_else (declaration) @definition.declaration)
+(preproc_elif (declaration) @definition.declaration)
+(declaration_list (declaration) @definition.declaration)
+(template_declaration (declaration) @definition.declaration)
+(field_declaration_list (declaration) @definition.declaration)
 (field_declaration) @definition.field
 (type_definition) @definition.type
-(alias_declaration name: (type_identifier) @name) @definition.type
-(class_specifier name: (type_identifier) @name body: (field_declaration_list)) @definition.class
-(struct_specifier name: (type_identifier) @name body: (field_declaration_list)) @definition.struct
-(union_specifier name: (type_identifier) @name body: (field_declaration_list)) @definition.struct
-(enum_specifier name: (type_identifier) @name body: (enumerator_list)) @definition.enum
-(enumerator name: (identifier) @name) @definition.constant
-(preproc_def name: (identifier) @name value: (_)) @definition.constant
-(preproc_function_def name: (identifier) @name) @definition.function
-(namespace_definition name: (_) @name) @scope.namespace
+(alias_declaration name: (type_identifier)) @definition.type
+(class_specifier name: (type_identifier) body: (field_declaration_list)) @definition.class
+(struct_specifier name: (type_identifier) body: (field_declaration_list)) @definition.struct
+(union_specifier name: (type_identifier) body: (field_declaration_list)) @definition.struct
+(enum_specifier name: (type_identifier) body: (enumerator_list)) @definition.enum
+(enumerator name: (identifier)) @definition.constant
+(preproc_def name: (identifier) value: (_)) @definition.constant
+(preproc_function_def name: (identifier)) @definition.function
+(namespace_definition name: (_)) @scope.namespace
 
 ; References.
 (call_expression function: (identifier) @reference.call)
