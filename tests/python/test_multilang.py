@@ -49,7 +49,7 @@ EXPECTED = {
            ("cmd/main.go", "store/store.go", "Get", "ambiguous", 2),
            ("cmd/main.go", "other/other.go", "Get", "ambiguous", 2),
            ("store/store.go", "store/store.go", "helper", "local", 1)],
-    "typescript": [("src/app.ts", "src/store.ts", "open", "unique", 1),
+    "typescript": [("src/app.ts", "src/store.ts", "open", "unique", 2),  # the import names it too
                    ("src/app.ts", "src/store.ts", "get", "ambiguous", 2),
                    ("src/app.ts", "src/other.ts", "get", "ambiguous", 2),
                    ("src/store.ts", "src/store.ts", "helper", "local", 1)],
