@@ -6,7 +6,7 @@ import os
 import pytest
 from test_indexer import write_tree
 
-from tarnwick.indexer import resolver
+from tarnwick.indexer import engine, resolver
 from tarnwick.indexer.index_file import TreeSettings, current_index
 from tarnwick.tools import ground as tool
 
@@ -167,3 +167,16 @@ def test_prototypes_never_make_a_name_ambiguous_next_to_its_definition(decls, re
     rows = list(resolver.resolve_name(pool, [(hash("u.c"), "u.c", 1)]))
     assert sorted(pool[row[1]][2] for row in rows) == targets
     assert {row[2] for row in rows} == {resolution}
+
+
+def test_the_files_of_every_language_and_the_folders_skipped(tmp_path):
+    tree = write_tree(tmp_path / "src", dict.fromkeys(
+        ["a.c", "b.go", "c.ts", "d.py", "e.rs", "f.java", "g.mjs", "h.hpp", "notes.md", "Makefile", ".hidden/x.c",
+         "node_modules/m/x.js", "venv/pyvenv.cfg", "venv/lib/x.c", "build/x.c", "sub/build/y.c", "sub/z.test.ts"], ""),
+        {os.fsdecode(b"bad\xff.c"): b""})
+    unnamed = []
+    found = engine.tree_files(tree, exclude=("sub/*",), keep=("sub/build/*",), unnamed=unnamed)
+    assert {path: entry[0] for path, entry in found.items()} == {
+        "a.c": "c", "b.go": "go", "c.ts": "typescript", "d.py": "python", "e.rs": "rust", "f.java": "java",
+        "g.mjs": "javascript", "h.hpp": "cpp", "sub/build/y.c": "c"}
+    assert unnamed == [os.fsdecode(b"bad\xff.c")]

@@ -47,7 +47,7 @@ from pathlib import Path
 
 from tarnwick.indexer import languages
 from tarnwick.indexer.progress import Progress
-from tarnwick.indexer.python_tree import IndexStats, _skipped, index_tree
+from tarnwick.indexer.python_tree import OUTPUT_DIRS, SKIPPED_DIRS, IndexStats, index_tree
 from tarnwick.indexer.resolver import Candidate, family_of, resolve_name
 from tarnwick.storage.database import Database
 from tarnwick.utils.path_filter import is_test_path
@@ -65,18 +65,38 @@ def tree_files(root: Path, exclude=(), keep=(), unnamed: list[str] | None = None
 
     A path that matches a glob of `exclude` is left out unless it matches
     one of `keep`; one that is no valid UTF-8 is left out and added to
-    `unnamed`.
+    `unnamed`.  Folders are skipped as the Python indexer skips them; like
+    it, the walk does not follow links to folders.
     """
-    found = []
-    for directory, dirs, files in os.walk(root):
-        relative = os.path.relpath(directory, root).replace(os.sep, "/")
-        relative = "" if relative == "." else relative
-        dirs[:] = sorted(d for d in dirs if not _skipped(directory, d, top=not relative))
-        for name in files:
+    suffixes = {suffix for language in languages.LANGUAGES.values() for suffix in language.suffixes} | {".py"}
+    found: dict[str, tuple[str, int, int]] = {}
+    pending = [(os.fspath(root), "")]
+    while pending:
+        directory, relative = pending.pop()
+        try:
+            with os.scandir(directory) as listing:
+                entries = list(listing)
+        except OSError:
+            continue
+        if relative and any(entry.name == "pyvenv.cfg" for entry in entries):
+            continue  # a virtual environment
+        for entry in entries:
+            name = entry.name
+            try:
+                folder = entry.is_dir()
+            except OSError:
+                folder = False
+            if folder:
+                if not entry.is_symlink() and not _skipped_folder(entry, top=not relative):
+                    pending.append((entry.path, f"{relative}{name}/"))
+                continue
+            dot = name.rfind(".")
+            if dot <= 0 or name[dot:] not in suffixes:
+                continue
             language = PYTHON if name.endswith(".py") else languages.language_of(name)
             if language is None:
                 continue
-            path = f"{relative}/{name}" if relative else name
+            path = relative + name
             try:
                 path.encode()
             except UnicodeEncodeError:  # undecodable bytes in a name, kept as surrogates
@@ -86,16 +106,19 @@ def tree_files(root: Path, exclude=(), keep=(), unnamed: list[str] | None = None
             if exclude and any(fnmatch.fnmatchcase(path, glob) for glob in exclude):
                 if not any(fnmatch.fnmatchcase(path, glob) for glob in keep):
                     continue
-            found.append((path, language, os.path.join(directory, name)))
-    found.sort()
-    result = {}
-    for path, language, full in found:
-        try:
-            status = os.stat(full)
-            result[path] = (language, status.st_size, status.st_mtime_ns)
-        except OSError:
-            result[path] = (language, -1, -1)
-    return result
+            try:
+                status = entry.stat()
+                found[path] = (language, status.st_size, status.st_mtime_ns)
+            except OSError:
+                found[path] = (language, -1, -1)
+    return dict(sorted(found.items()))
+
+
+def _skipped_folder(entry: os.DirEntry, top: bool) -> bool:
+    name = entry.name
+    if name.startswith(".") or name in SKIPPED_DIRS:
+        return True
+    return top and name in OUTPUT_DIRS and not os.path.isfile(os.path.join(entry.path, "__init__.py"))
 
 
 # -- parsing, in worker processes ---------------------------------------------
