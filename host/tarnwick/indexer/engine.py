@@ -40,6 +40,7 @@ from __future__ import annotations
 import fnmatch
 import multiprocessing
 import os
+import signal
 import sqlite3
 import sys
 from collections.abc import Iterable, Iterator
@@ -129,6 +130,9 @@ _root: Path | None = None
 def _start_worker(root: str) -> None:
     global _root
     _root = Path(root)
+    # Ctrl-C reaches the whole process group: the parent stops the workers
+    # and says what happened, the workers do not each print a traceback.
+    signal.signal(signal.SIGINT, signal.SIG_IGN)
 
 
 def _parse_in_worker(item: tuple[str, str]) -> tuple:
