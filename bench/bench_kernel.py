@@ -162,6 +162,7 @@ def main() -> None:
     parser.add_argument("--pages", type=int, default=12, help="one-folder pages to time (the largest folders)")
     args = parser.parse_args()
     tree = (args.tree or unpacked_tree()).resolve()
+    args.index = args.index.resolve()
     args.index.parent.mkdir(parents=True, exist_ok=True)
     sources = sum(1 for _ in tree.rglob("*.[ch]"))
     print(f"tree {tree}: {sources} .c/.h files; {os.cpu_count()} cores; Python {sys.version.split()[0]}")

@@ -38,16 +38,18 @@ Bringing the index up to date (`refresh`)
 from __future__ import annotations
 
 import fnmatch
+import json
 import multiprocessing
 import os
 import signal
 import sqlite3
 import sys
+import time
 from collections.abc import Iterable, Iterator
 from pathlib import Path
 
 from tarnwick.indexer import languages
-from tarnwick.indexer.progress import Progress
+from tarnwick.indexer.progress import MIN_FILES, Progress
 from tarnwick.indexer.python_tree import OUTPUT_DIRS, SKIPPED_DIRS, IndexStats, index_tree
 from tarnwick.indexer.resolver import Candidate, family_of, resolve_name
 from tarnwick.storage.database import Database
@@ -226,8 +228,11 @@ def build(
     for name, _sql in indexes:
         connection.execute(f'DROP INDEX "{name}"')
     _load(connection, root, todo, stats, workers, progress)
+    started = time.perf_counter()
     for _name, sql in indexes:
         connection.execute(sql)
+    if progress is not None and len(todo) >= MIN_FILES:
+        print(f"indexed the index's tables in {time.perf_counter() - started:.1f} s", file=progress, flush=True)
 
 
 def _load(connection: sqlite3.Connection, root: Path, todo: list, stats: IndexStats, workers, progress) -> None:
@@ -264,6 +269,7 @@ def _load(connection: sqlite3.Connection, root: Path, todo: list, stats: IndexSt
     stats.files += len(todo)
     stats.parsed += len(todo)
 
+    started = time.perf_counter()
     paths = {first + i: path for i, (path, _entry) in enumerate(todo)}
     families = {first + i: family_of(entry[0]) for i, (_path, entry) in enumerate(todo)}
     production = {file_id: not is_test_path(path) for file_id, path in paths.items()}
@@ -290,6 +296,13 @@ def _load(connection: sqlite3.Connection, root: Path, todo: list, stats: IndexSt
         if len(rows) >= BATCH:
             _write(connection, _INSERT_REF, rows)
     _write(connection, _INSERT_REF, rows)
+    if progress is not None and len(todo) >= MIN_FILES:
+        print(
+            f"resolved the names of {len(todo)} files into {stats.references} references"
+            f" in {time.perf_counter() - started:.1f} s",
+            file=progress,
+            flush=True,
+        )
 
 
 def _merge_by_name(declared: Iterable[tuple], used: Iterable[tuple]) -> Iterator[tuple[str, list, list]]:
@@ -419,7 +432,7 @@ def refresh(
 
     # Every reference to a declaration of an affected name goes, and every
     # reference from a changed or removed file; they are made again below.
-    targets = _declarations_named(connection, affected)
+    targets = _declarations_named(connection, affected, _file_facts(connection))
     connection.executemany(
         "DELETE FROM refs WHERE target_id = ?", [(decl[0],) for decls in targets.values() for decl in decls]
     )
@@ -470,47 +483,57 @@ def refresh(
     _resolve_again(connection, work, stats)
 
 
-def _declarations_named(connection: sqlite3.Connection, names: Iterable[tuple[str, str]]) -> dict:
+def _file_facts(connection: sqlite3.Connection) -> dict[int, tuple[str, str | None, bool]]:
+    """(path, language family or None for Python, production) of every file."""
+    return {
+        file_id: (path, None if language in (None, PYTHON) else family_of(language), not is_test_path(path))
+        for file_id, path, language in connection.execute("SELECT id, path, language FROM files")
+    }
+
+
+def _chunks(items: list, size: int = 2000) -> Iterator[list]:
+    for start in range(0, len(items), size):
+        yield items[start : start + size]
+
+
+def _declarations_named(connection: sqlite3.Connection, keys: Iterable[tuple[str, str]], facts: dict) -> dict:
     """The declarations of each (family, name), as the resolver takes them."""
-    result: dict[tuple[str, str], list[Candidate]] = {}
-    by_name: dict[str, set[str]] = {}
-    for family, name in names:
-        by_name.setdefault(name, set()).add(family)
-        result[(family, name)] = []
-    production: dict[str, bool] = {}
-    for name, families in by_name.items():
-        for decl_id, file_id, path, language, definition, start in connection.execute(
-            "SELECT d.id, d.file_id, f.path, f.language, d.definition, d.start_line"
-            " FROM declarations AS d JOIN files AS f ON f.id = d.file_id WHERE d.name = ?",
-            (name,),
+    result: dict[tuple[str, str], list[Candidate]] = {key: [] for key in keys}
+    names = sorted({name for _family, name in result})
+    for chunk in _chunks(names):
+        for name, decl_id, file_id, definition, start in connection.execute(
+            "SELECT name, id, file_id, definition, start_line FROM declarations"
+            " WHERE name IN (SELECT value FROM json_each(?))",
+            (json.dumps(chunk),),
         ):
-            if language is None or language == PYTHON:
-                continue
-            family = family_of(language)
-            if family in families:
-                if path not in production:
-                    production[path] = not is_test_path(path)
-                result[(family, name)].append((decl_id, file_id, path, bool(definition), production[path], start))
+            path, family, production = facts[file_id]
+            found = result.get((family, name))
+            if found is not None:
+                found.append((decl_id, file_id, path, bool(definition), production, start))
     return result
 
 
 def _resolve_again(connection: sqlite3.Connection, work: dict, stats: IndexStats) -> None:
-    decls_of = _declarations_named(connection, list(work))
+    facts = _file_facts(connection)
+    decls_of = _declarations_named(connection, list(work), facts)
+    # Every user of the names whose declarations changed.
+    users_of: dict[tuple[str, str], list[tuple[int, str, int]]] = {}
+    for chunk in _chunks(sorted({key[1] for key, users in work.items() if users is None})):
+        for name, file_id, count in connection.execute(
+            "SELECT name, file_id, count FROM uses WHERE name IN (SELECT value FROM json_each(?))",
+            (json.dumps(chunk),),
+        ):
+            path, family, _production = facts[file_id]
+            key = (family, name)
+            if key in work and work[key] is None:
+                users_of.setdefault(key, []).append((file_id, path, count))
     rows: list = []
-    for (family, name), users in work.items():
-        decls = decls_of[(family, name)]
+    for key, users in work.items():
+        decls = decls_of[key]
         if not decls:
             continue
         if users is None:
-            users = [
-                (file_id, path, count)
-                for file_id, path, language, count in connection.execute(
-                    "SELECT u.file_id, f.path, f.language, u.count FROM uses AS u"
-                    " JOIN files AS f ON f.id = u.file_id WHERE u.name = ?",
-                    (name,),
-                )
-                if language != PYTHON and family_of(language) == family
-            ]
+            users = users_of.get(key, [])
         for row in resolve_name(decls, sorted(users)):
             rows.append(row)
             _count(stats, row)

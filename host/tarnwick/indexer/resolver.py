@@ -45,7 +45,7 @@ from bisect import bisect_left
 from collections.abc import Iterator
 
 # Most declarations one use of an ambiguous name is linked to.
-FAN_OUT = 4
+FAN_OUT = 2
 
 # The language families whose declarations answer each other's names.
 FAMILIES = {"c": "c", "cpp": "c", "javascript": "js", "typescript": "js"}

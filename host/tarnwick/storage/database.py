@@ -19,7 +19,7 @@ user_version`` is then 2); reopening an existing index leaves its rows alone.
     ``exported`` INTEGER 0 or 1: whether the file exports the declaration;
     ``definition`` INTEGER 0 or 1: 0 when it only announces a declaration
     made elsewhere (a C prototype, an ``extern`` variable), else 1.
-    Indexed by file and by name.
+    Indexed by file, and by name with what resolving a name reads.
 
 ``refs``
     ``id`` INTEGER PRIMARY KEY;
@@ -91,7 +91,7 @@ CREATE TABLE IF NOT EXISTS declarations (
     definition INTEGER NOT NULL DEFAULT 1 CHECK (definition IN (0, 1))
 );
 CREATE INDEX IF NOT EXISTS declarations_by_file ON declarations(file_id);
-CREATE INDEX IF NOT EXISTS declarations_by_name ON declarations(name);
+CREATE INDEX IF NOT EXISTS declarations_by_name ON declarations(name, file_id, definition, start_line);
 CREATE TABLE IF NOT EXISTS refs (
     id             INTEGER PRIMARY KEY,
     source_file_id INTEGER NOT NULL REFERENCES files(id),
