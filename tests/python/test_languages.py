@@ -117,6 +117,7 @@ public class Shape extends Base implements Area {
   @Override public double area() { int q = w; return q * Math.abs(h); }
   class Inner { void f() {} }
   public enum Mode { ON, OFF }
+  Runnable task = new Runnable() { public void run() {} };
 }
 interface Area { double area(); int K = 1; }
 """
@@ -147,6 +148,7 @@ class P extends B { #priv = 1; x = 2; constructor(a) { super(a); } }
 function foo(a, b = 2) { let c = a; return dep(c, b); }
 const bar = function () { return foo(1).x; };
 var baz = 3;
+const api = { get() { return baz; } };
 module.exports = { foo, qux: baz };
 """
 
@@ -204,6 +206,7 @@ DECLARATIONS = {
         ("Mode", "com.example.geo.Shape.Mode", "enum", True, True),
         ("ON", "com.example.geo.Shape.Mode.ON", "constant", True, True),
         ("OFF", "com.example.geo.Shape.Mode.OFF", "constant", True, True),
+        ("task", "com.example.geo.Shape.task", "field", False, True),  # not the anonymous class's run
         ("Area", "com.example.geo.Area", "interface", False, True),
         ("area", "com.example.geo.Area.area", "method", False, True),
         ("K", "com.example.geo.Area.K", "constant", False, True)],
@@ -231,7 +234,7 @@ DECLARATIONS = {
         ("P", "lib/p.P", "class", False, True), ("#priv", "lib/p.P.#priv", "field", False, True),
         ("x", "lib/p.P.x", "field", False, True), ("constructor", "lib/p.P.constructor", "constructor", False, True),
         ("foo", "lib/p.foo", "function", True, True), ("bar", "lib/p.bar", "function", False, True),
-        ("baz", "lib/p.baz", "attribute", True, True)],
+        ("baz", "lib/p.baz", "attribute", True, True), ("api", "lib/p.api", "constant", False, True)],
 }
 
 
