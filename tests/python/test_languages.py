@@ -85,13 +85,14 @@ static void helper(int x) { std::vector<int> v; v.push_back(x); geo::make(); }
 """
 GO_SOURCE = b"""\
 package shapes
+import ("fmt"; u "net/url")
 const Max, min = 4, 1
 var Registry = map[string]Shape{}
 type Shape interface { Area() float64 }
-type Point struct { X, y int }
+type Point struct { X, y int; p int }
 type ID = int
 func (p *Point) Area() float64 { q := p.X; return float64(q) * helper(p.y) }
-func helper(v int) float64 { const k = 2; return float64(v * k) }
+func helper(v int) float64 { const k = 2; fmt.Println(u.Parse); return float64(v * k) }
 """
 RUST_SOURCE = b"""\
 pub mod shapes {
@@ -176,6 +177,7 @@ DECLARATIONS = {
         ("Shape", "geo/shapes.Shape", "interface", True, True),
         ("Area", "geo/shapes.Shape.Area", "method", True, True), ("Point", "geo/shapes.Point", "struct", True, True),
         ("X", "geo/shapes.Point.X", "field", True, True), ("y", "geo/shapes.Point.y", "field", False, True),
+        ("p", "geo/shapes.Point.p", "field", False, True),  # a field does not make the receiver `p` a use
         ("ID", "geo/shapes.ID", "type", True, True), ("Area", "geo/shapes.Point.Area", "method", True, True),
         ("helper", "geo/shapes.helper", "function", False, True)],
     ("go", "main.go", b"package main\nfunc main() {}\n"): [("main", "main.main", "function", False, True)],
@@ -253,7 +255,7 @@ REFERENCES = [
     ("cpp", CPP_SOURCE, {("helper", "call"): 1, ("area", "call"): 1, ("push_back", "call"): 1, ("make", "call"): 1,
                          ("Base", "type"): 1, ("w", "field"): 1, ("vector", "type"): 1}, {"n", "x", "v", "grow"}),
     ("go", GO_SOURCE, {("helper", "call"): 1, ("X", "field"): 1, ("y", "field"): 1, ("Shape", "type"): 1,
-                       ("float64", "call"): 2}, {"q", "v", "k", "p", "Max", "min"}),
+                       ("float64", "call"): 2, ("X", "name"): None}, {"q", "v", "k", "p", "Max", "min", "fmt", "u"}),
     ("rust", RUST_SOURCE, {("call", "call"): 1, ("area", "call"): 1, ("x", "field"): 2, ("Point", "type"): 1,
                            ("Wrapper", "type"): 1}, {"q", "p", "v", "helper", "COUNT"}),
     ("java", JAVA_SOURCE, {("helper", "call"): 1, ("abs", "call"): 1, ("w", "field"): 1, ("Base", "type"): 1,

@@ -28,6 +28,8 @@ def _modifiers(node: Any, source: bytes) -> set[str]:
 
 
 class JavaRules(Rules):
+    plain_members = True
+
     def prefix(self, path: str, source: bytes, root: Any) -> str:
         for child in root.named_children:
             if child.type == "package_declaration":
