@@ -31,7 +31,7 @@ _NOT_PROSE = re.compile(
 
 # Paragraphs of licence text, and the headers of generated files.
 _LICENCE = re.compile(
-    r"""\bcode\s+generated\b.*\bdo\s+not\s+edit\b | \blicen[cs]ed\s+(?:under|to)\b | \ball\s+rights\s+reserved\b
+    r"""\bdo\s+not\s+edit\b | \blicen[cs]ed\s+(?:under|to)\b | \ball\s+rights\s+reserved\b
       | \bpermission\s+is\s+hereby\s+granted\b | \bfree\s+software\b
       | \bwithout\s+(?:any\s+)?warrant(?:y|ies)\b | \bgnu\s+general\s+public\b
       | \bapache\s+license\b | \bthis\s+(?:file|program|source\s+code)\s+is\s+(?:distributed|released|licensed)\b""",
