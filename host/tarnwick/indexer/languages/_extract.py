@@ -64,9 +64,18 @@ class Rules:
     """What a language decides beyond its query.  The defaults suit a
     language whose declarations are all definitions, exported."""
 
+    # Whether the members of a type are named by their plain name inside it
+    # (Java's `count` for `this.count`), not only through a member access.
+    plain_members = False
+
     def start(self, path: str, source: bytes, root: Any) -> None:
         """Called before the file's declarations are decided (rules may keep
         what they learn of the file until the next one)."""
+
+    def bound_names(self, source: bytes, root: Any) -> Iterable[bytes]:
+        """Names the file binds to what no declaration is (Go's imported packages),
+        taken like the names of local variables."""
+        return ()
 
     def prefix(self, path: str, source: bytes, root: Any) -> str:
         """What the fqn of every declaration of the file starts with ("" for none)."""
@@ -197,7 +206,9 @@ def extract(language: Language, path: str, source: bytes) -> tuple[list[Decl], l
         if not site.scope:
             kept.append(site)
 
-    return _declarations(rules, path, source, root, kept), _references(source, captures, sites, kept)
+    return _declarations(rules, path, source, root, kept), _references(
+        source, captures, sites, kept, rules.plain_members, rules.bound_names(source, root)
+    )
 
 
 def _declarations(rules: Rules, path: str, source: bytes, root: Any, sites: list[Site]) -> list[Decl]:
@@ -229,14 +240,26 @@ def _declarations(rules: Rules, path: str, source: bytes, root: Any, sites: list
     return decls
 
 
-def _references(source: bytes, captures: dict[str, list[Any]], sites: list[Site], kept: list[Site]) -> list[Ref]:
+def _references(
+    source: bytes,
+    captures: dict[str, list[Any]],
+    sites: list[Site],
+    kept: list[Site],
+    plain_members: bool,
+    bound: Iterable[bytes],
+) -> list[Ref]:
     # The declaring identifiers are no references, nor are the names of
     # parameters and local variables where they are bound.
     seen = {site.name_node.start_byte for site in sites if site.name_node is not None and site.keep}
     local_nodes = captures.get("local", ())
     seen.update(node.start_byte for node in local_nodes)
     locals_ = {source[node.start_byte : node.end_byte] for node in local_nodes}
-    declared = {site.name.encode("utf-8") for site in kept}
+    locals_.update(bound)
+    declared = {
+        site.name.encode("utf-8")
+        for site in kept
+        if plain_members or not any(outer.kind in TYPE_KINDS for outer in site.chain)
+    }
     counts: dict[tuple[bytes, str], int] = {}
     for use in _USES:
         for node in captures.get("reference." + use, ()):
@@ -247,7 +270,8 @@ def _references(source: bytes, captures: dict[str, list[Any]], sites: list[Site]
             key = (source[start:end], use)
             counts[key] = counts.get(key, 0) + 1
     # A plain name that the file binds as a parameter or local variable is
-    # taken for that local, unless the file also declares the name itself.
+    # taken for that local, unless the file also declares the name where a
+    # plain name can reach it.
     drop = locals_ - declared
     return [
         (name.decode("utf-8", "replace"), use, count)

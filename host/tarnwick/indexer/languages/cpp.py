@@ -69,6 +69,8 @@ def _in_unnamed_namespace(node: Any) -> bool:
 
 
 class CppRules(CRules):
+    plain_members = True
+
     headers = _HEADERS
 
     def chain_names(self, site: Site) -> list[str]:

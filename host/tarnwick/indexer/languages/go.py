@@ -46,6 +46,23 @@ class GoRules(Rules):
                 return text(source, child.named_children[0])
         return ""
 
+    def bound_names(self, source: bytes, root: Any) -> list[bytes]:
+        """The names of the imported packages: `fmt`, `url` for "net/url", an alias."""
+        names = []
+        for declaration in root.named_children:
+            if declaration.type != "import_declaration":
+                continue
+            specs = declaration.named_children
+            if specs and specs[0].type == "import_spec_list":
+                specs = specs[0].named_children
+            for spec in specs:
+                alias, imported = spec.child_by_field_name("name"), spec.child_by_field_name("path")
+                if alias is not None:
+                    names.append(source[alias.start_byte : alias.end_byte])
+                elif imported is not None:
+                    names.append(source[imported.start_byte : imported.end_byte].strip(b'"`').rpartition(b"/")[2])
+        return names
+
     def decide(self, site: Site, path: str, source: bytes) -> bool:
         node = site.node
         if site.kind == "type" and node.type == "type_spec":

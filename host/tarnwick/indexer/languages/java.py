@@ -6,6 +6,7 @@
   fields and the fields of an interface "constant".
 - fqn: the package, then the enclosing classes, then the name:
   `com.example.geo.Shape.area`.
+  Members of anonymous classes are no declarations.
 - Exported: what is `public`, and the members of a public interface,
   annotation type or enum's constants; a member only when its class is
   exported too.
@@ -27,6 +28,8 @@ def _modifiers(node: Any, source: bytes) -> set[str]:
 
 
 class JavaRules(Rules):
+    plain_members = True
+
     def prefix(self, path: str, source: bytes, root: Any) -> str:
         for child in root.named_children:
             if child.type == "package_declaration":
@@ -43,6 +46,9 @@ class JavaRules(Rules):
 
     def decide(self, site: Site, path: str, source: bytes) -> bool:
         node = site.node
+        body = node.parent
+        if body is not None and body.parent is not None and body.parent.type == "object_creation_expression":
+            return False  # a member of an anonymous class
         modifiers = _modifiers(node, source)
         owner = site.chain[-1] if site.chain else None
         implicit = owner is not None and owner.kind == "interface"

@@ -7,7 +7,7 @@
   holding an arrow function too), `constructor` is "constructor", getters
   and setters "property", other fields "field".  Module-level `const`s are
   "constant", other module-level variables "attribute"; variables inside
-  functions are no declarations.
+  functions and the methods of object literals are no declarations.
 - fqn: the module's path without its suffix (`src/util/strings`; an
   `index` file is its folder), then namespaces and classes:
   `src/shapes.Point.area`.
@@ -132,7 +132,9 @@ class JavaScriptRules(Rules):
                 site.kind = "constant"
         elif kind == "function" and node.type == "function_signature":
             site.definition = False
-        elif kind in ("method", "field") and owner is not None:
+        elif kind in ("method", "field") and owner is None:
+            return False  # a method of an object literal, not of a class
+        elif kind in ("method", "field"):
             value = node.child_by_field_name("value")
             if kind == "field" and value is not None and value.type in _FUNCTIONS:
                 site.kind = "method"

@@ -7,11 +7,14 @@ import re
 from collections.abc import Iterable
 
 # Copyright and authorship lines: they and the rest of their paragraph
-# (names, addresses) are no prose.
+# (names, addresses) are no prose; nor are the parameter lines of a
+# function's documentation (`@dev: the device`).
 _ATTRIBUTION = re.compile(
     r"""^(?: .*\bcopyright\b | .*© | .*\(c\)\s*\d
-           | (?:authors?|maintainers?|contact|created|date|version|written\s+by)\b\s*:
-           | @(?:author|copyright|license|licence|version|date)\b )""",
+           | (?:authors?|maintainers?|contributors?|contact|created|date|version|written\s+by)\b\s*:
+           | maintained\s+(?:at|by)\b
+           | @(?:author|copyright|license|licence|version|date)\b
+           | @\w+\s*: )""",
     re.VERBOSE | re.IGNORECASE,
 )
 
@@ -21,15 +24,16 @@ _NOT_PROSE = re.compile(
     r"""^(?: SPDX-\S+: | @file\b | \\file\b
            | [\w./+-]+\.(?:c|h|cc|cpp|cxx|hh|hpp|hxx|go|rs|java|js|jsx|mjs|cjs|ts|tsx|mts|cts)\s*:?
            | go:\w | \+build\b | eslint | prettier | jshint | jscs: | tslint | @ts- | clang-format
-           | code\s+generated\b.*\bdo\s+not\s+edit\b
+           | (?:TODO|FIXME|XXX)\b
          )""",
     re.VERBOSE | re.IGNORECASE,
 )
 
-# Paragraphs of licence text.
+# Paragraphs of licence text, and the headers of generated files.
 _LICENCE = re.compile(
-    r"""\blicen[cs]ed\s+(?:under|to)\b | \ball\s+rights\s+reserved\b | \bpermission\s+is\s+hereby\s+granted\b
-      | \bfree\s+software\b | \bwithout\s+(?:any\s+)?warrant(?:y|ies)\b | \bgnu\s+general\s+public\b
+    r"""\bdo\s+not\s+edit\b | \blicen[cs]ed\s+(?:under|to)\b | \ball\s+rights\s+reserved\b
+      | \bpermission\s+is\s+hereby\s+granted\b | \bfree\s+software\b
+      | \bwithout\s+(?:any\s+)?warrant(?:y|ies)\b | \bgnu\s+general\s+public\b
       | \bapache\s+license\b | \bthis\s+(?:file|program|source\s+code)\s+is\s+(?:distributed|released|licensed)\b""",
     re.VERBOSE | re.IGNORECASE,
 )
@@ -40,6 +44,13 @@ _PREAMBLE = re.compile(
     r"""^(?: \# | package\s | import\s | use\s | extern\s+crate\s | (?:export\s+)?(?:\{|\}\s*from)
            | ['"]use\s+(?:strict|client|server)['"] )""",
     re.VERBOSE,
+)
+
+# The opening of a class-like declaration: its documentation, the file's
+# first, says what the file is for (Java, TypeScript).
+_CLASS = re.compile(
+    r"^(?:@\w+\s+)*(?:(?:public|protected|final|abstract|sealed|static|export|default|declare)\s+)*"
+    r"(?:class|interface|enum|record|@interface)\s"
 )
 
 # A doc-comment tag that opens a paragraph's text: `@brief`, `\brief`.
@@ -58,36 +69,50 @@ _HEAD_LINES = 400
 
 def _comments(lines: list[str]) -> list[list[str]]:
     """The text lines of the comments at the head of the file, one list per
-    comment block (a blank line or code ends a block of `//` lines)."""
-    blocks: list[list[str]] = [[]]
+    comment block (a blank line or code ends a block of `//` lines).  Once
+    some code (an include, the package clause) has been passed, a comment
+    that code follows at once is that code's own, not the file's."""
+    blocks: list[list[str]] = []
+    block: list[str] = []  # the `//` lines being read
+    touching = False  # whether the last block ended on the line before
+    after_code = False
     index, end = 0, min(len(lines), _HEAD_LINES)
     while index < end:
         line = lines[index].strip()
         index += 1
+        if line.startswith("//"):
+            block.append(line[2:].lstrip("/!"))
+            continue
+        if block:
+            blocks.append(block)
+            block, touching = [], True
         if line.startswith("/*"):
             body = line[2:].lstrip("*!")
-            block = []
+            comment = []
             while True:
                 close = body.find("*/")
                 if close >= 0:
-                    block.append(body[:close])
+                    comment.append(body[:close])
                     break
-                block.append(body)
+                comment.append(body)
                 if index >= len(lines):
                     break
                 body = lines[index].strip()
                 index += 1
                 if body.startswith("*") and not body.startswith("*/"):
                     body = body[1:]
-            blocks += [block, []]
-        elif line.startswith("//"):
-            blocks[-1].append(line[2:].lstrip("/!"))
-        elif not line or _PREAMBLE.match(line):
-            if blocks[-1]:
-                blocks.append([])
-        else:
+            blocks.append(comment)
+            touching = True
+            continue
+        if line and touching and after_code and not _CLASS.match(line):
+            blocks.pop()
+        touching = False
+        if line and not _PREAMBLE.match(line):
             break
-    return [block for block in blocks if block]
+        after_code = after_code or bool(line)
+    if block:
+        blocks.append(block)
+    return blocks
 
 
 def _paragraphs(block: list[str]) -> Iterable[list[str]]:
