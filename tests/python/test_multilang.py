@@ -1,12 +1,13 @@
 """The index of trees in languages whose imports it does not resolve: names resolved over the tree,
 kept current by in-place updates, the same with any number of workers, and grounded pages."""
 
+import io
 import os
 
 import pytest
 from test_indexer import write_tree
 
-from tarnwick.indexer import engine, resolver
+from tarnwick.indexer import engine, progress, resolver
 from tarnwick.indexer.index_file import TreeSettings, current_index
 from tarnwick.tools import ground as tool
 
@@ -181,3 +182,25 @@ def test_the_files_of_every_language_and_the_folders_skipped(tmp_path):
         "a.c": "c", "b.go": "go", "c.ts": "typescript", "d.py": "python", "e.rs": "rust", "f.java": "java",
         "g.mjs": "javascript", "h.hpp": "cpp", "sub/build/y.c": "c"}
     assert unnamed == [os.fsdecode(b"bad\xff.c")]
+
+
+class Terminal(io.StringIO):
+    def isatty(self):
+        return True
+
+
+@pytest.mark.parametrize("stream_type, shown", [
+    (io.StringIO, ["parsing: 1/200 files, ", "parsing: 200/200 files, "]),  # a line per update here (EVERY is 0)
+    (Terminal, ["parsing: 100%|", "200/200 [", "files/s]"]),  # a bar: done, rate, time left
+])
+def test_progress_is_a_bar_on_a_terminal_and_plain_lines_elsewhere(monkeypatch, stream_type, shown):
+    monkeypatch.setattr(progress, "EVERY", 0.0)
+    stream = stream_type()
+    bar = progress.Progress(stream, progress.MIN_FILES, "parsing")
+    for done in range(1, progress.MIN_FILES + 1):
+        bar.update(done)
+    bar.close()
+    assert all(piece in stream.getvalue() for piece in shown)
+    quiet = io.StringIO()
+    progress.Progress(quiet, progress.MIN_FILES - 1, "parsing").close()  # small runs say nothing
+    assert quiet.getvalue() == ""
