@@ -19,18 +19,21 @@ class Progress:
         self.bar = None
         self.started = self.last = time.perf_counter()
         self.done = 0
-        if self.stream is None:
-            return
         isatty = getattr(self.stream, "isatty", None)
-        if isatty is not None and isatty():
-            from tqdm import tqdm
-
-            self.bar = tqdm(total=total, desc=what, unit=" files", file=self.stream, dynamic_ncols=True, smoothing=0.05)
+        self.terminal = isatty is not None and isatty()
 
     def update(self, done: int) -> None:
         """`done` files of the total are done."""
         if self.stream is None:
             return
+        if self.terminal and self.bar is None:
+            # Made at the first update, once the worker processes are
+            # forked: the bar's own thread must not exist when they are.
+            from tqdm import tqdm
+
+            self.bar = tqdm(
+                total=self.total, desc=self.what, unit=" files", file=self.stream, dynamic_ncols=True, smoothing=0.05
+            )
         if self.bar is not None:
             self.bar.update(done - self.done)
             self.done = done
