@@ -8,7 +8,8 @@ import pytest
 from test_indexer import write_tree
 
 from tarnwick.indexer import engine, progress, resolver
-from tarnwick.indexer.index_file import TreeSettings, current_index
+from tarnwick.indexer.index_file import IndexingInterrupted, TreeSettings, current_index
+from tarnwick.storage.database import Database
 from tarnwick.tools import ground as tool
 
 # Each tree: a name declared in two production files (ambiguous), a unique name (also declared in a
@@ -204,3 +205,22 @@ def test_progress_is_a_bar_on_a_terminal_and_plain_lines_elsewhere(monkeypatch, 
     quiet = io.StringIO()
     progress.Progress(quiet, progress.MIN_FILES - 1, "parsing").close()  # small runs say nothing
     assert quiet.getvalue() == ""
+
+
+def test_an_interrupted_update_leaves_the_previous_index(tmp_path, monkeypatch):
+    tree = write_tree(tmp_path / "src", TREES["c"])
+    with index(tree) as db:
+        before = content(db)
+    write_tree(tree, {"app/extra.c": "int other(void) { return 1; }\n"})
+    os.remove(tree / "lib/other.c")
+
+    def interrupt(*args):
+        raise KeyboardInterrupt
+
+    monkeypatch.setattr(engine, "_resolve_again", interrupt)  # after every row of the old files was deleted
+    with pytest.raises(IndexingInterrupted, match="the previous index .* was kept"):
+        index(tree)
+    monkeypatch.undo()
+    with Database(tree.parent / "index.sqlite", readonly=True) as db:
+        assert content(db) == before
+    assert sorted(os.listdir(tree.parent)) == ["index.sqlite", "src"]

@@ -117,7 +117,11 @@ def _open_existing(path: Path) -> Database | None:
         if Path(f"{path}-journal").exists():
             # A run that was killed while bringing the index up to date left
             # SQLite's journal: a writer's first read rolls the index back.
-            Database(path).close()
+            connection = sqlite3.connect(path)
+            try:
+                connection.execute("SELECT COUNT(*) FROM sqlite_master").fetchall()
+            finally:
+                connection.close()
         db = Database(path, readonly=True)
         tables = {row[0] for row in db.connection.execute("SELECT name FROM sqlite_master WHERE type = 'table'")}
     except sqlite3.DatabaseError as error:
