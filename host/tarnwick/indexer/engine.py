@@ -71,7 +71,8 @@ def tree_files(root: Path, exclude=(), keep=(), unnamed: list[str] | None = None
     `unnamed`.  Folders are skipped as the Python indexer skips them; like
     it, the walk does not follow links to folders.
     """
-    suffixes = {suffix for language in languages.LANGUAGES.values() for suffix in language.suffixes} | {".py"}
+    by_suffix = {suffix: name for name, language in languages.LANGUAGES.items() for suffix in language.suffixes}
+    by_suffix[".py"] = PYTHON
     found: dict[str, tuple[str, int, int]] = {}
     pending = [(os.fspath(root), "")]
     while pending:
@@ -85,6 +86,8 @@ def tree_files(root: Path, exclude=(), keep=(), unnamed: list[str] | None = None
             continue  # a virtual environment
         for entry in entries:
             name = entry.name
+            dot = name.rfind(".")
+            language = by_suffix.get(name[dot:]) if dot > 0 else None
             try:
                 folder = entry.is_dir()
             except OSError:
@@ -93,19 +96,16 @@ def tree_files(root: Path, exclude=(), keep=(), unnamed: list[str] | None = None
                 if not entry.is_symlink() and not _skipped_folder(entry, top=not relative):
                     pending.append((entry.path, f"{relative}{name}/"))
                 continue
-            dot = name.rfind(".")
-            if dot <= 0 or name[dot:] not in suffixes:
-                continue
-            language = PYTHON if name.endswith(".py") else languages.language_of(name)
             if language is None:
                 continue
             path = relative + name
-            try:
-                path.encode()
-            except UnicodeEncodeError:  # undecodable bytes in a name, kept as surrogates
-                if unnamed is not None:
-                    unnamed.append(path)
-                continue
+            if not path.isascii():
+                try:
+                    path.encode()
+                except UnicodeEncodeError:  # undecodable bytes in a name, kept as surrogates
+                    if unnamed is not None:
+                        unnamed.append(path)
+                    continue
             if exclude and any(fnmatch.fnmatchcase(path, glob) for glob in exclude):
                 if not any(fnmatch.fnmatchcase(path, glob) for glob in keep):
                     continue
