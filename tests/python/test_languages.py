@@ -15,7 +15,7 @@ static int helper(int a);
 extern int shared;
 const int limit = 3;
 int counter;
-struct point { int x, *y; void (*draw)(int); union { int raw; }; };
+struct point { int x, *y; void (*draw)(int); union { int raw; }; } __packed;
 typedef struct { int w; } size_t2;
 typedef unsigned long ulong;
 enum color { RED, GREEN = 2 };
