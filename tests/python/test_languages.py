@@ -296,8 +296,8 @@ def test_language_of(path, language):
     ("web/util.spec.mts", True), ("src/test/java/a/FooTest.java", True), ("src/main/java/a/FooTest.java", True),
     ("src/main/java/a/Testing.java", False), ("crate/tests/cli.rs", True), ("src/parser/tests.rs", True),
     ("tools/testing/selftests/mm/gup.c", True), ("lib/list_test.c", True), ("mm/kasan/kasan-kunit.c", True),
-    ("base/strings_unittest.cc", True), ("src/testing/util.go", False), ("mm/latest.c", False),
-    ("src/attest.rs", False), ("lib/contest.c", False)])
+    ("base/strings_unittest.cc", True), ("src/parser_tests.cpp", True), ("src/testing/util.go", False),
+    ("mm/latest.c", False), ("src/attest.rs", False), ("lib/contest.c", False)])
 def test_test_conventions(path, expected):
     assert is_test_path(path) is expected
 
