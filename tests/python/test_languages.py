@@ -26,7 +26,7 @@ static int helper(int a)
 }
 int area(struct point *p) { p->draw(1); counter++; return p->x; }
 static int hits __read_mostly;
-DEFINE_MUTEX(lock);
+DEFINE_MUTEX(lock); int on __read_mostly;
 #ifdef FAST
 int pick(void) { return 1; }
 #else
@@ -48,6 +48,7 @@ LINES = {
         ("RED", "color.RED", "constant", 10, 10, False, True),
         ("GREEN", "color.GREEN", "constant", 10, 10, False, True),
         ("area", "area", "function", 16, 16, True, True), ("hits", "hits", "attribute", 17, 17, False, True),
+        ("on", "on", "attribute", 18, 18, True, True),
         ("pick", "pick", "function", 20, 20, True, True)],  # one declaration for both branches
     ("c", "include/shape.h", b"#ifndef SHAPE_H\n#define SHAPE_H\nstatic inline int twice(int v) { return 2 * v; }\n"
      b"int area(struct point *p);\nstruct point { int x; };\n#endif\n"): [

@@ -115,9 +115,9 @@ def _annotated_name(site: Site, source: bytes) -> bool:
             if inner is not None and inner.type == "type_identifier":
                 site.name_node, site.name = inner, text(source, inner)
         return True
-    if any(child.is_missing for child in node.children):
-        return False  # its end was made up: an annotation read as a declaration
     if name.startswith("__"):
+        if any(child.is_missing for child in node.children):
+            return False  # its end was made up: an annotation read as a declaration
         # `static int count __read_mostly;`: the name is left in an error node.
         for child in node.children:
             if child.type == "ERROR" and child.named_child_count:
