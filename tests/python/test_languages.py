@@ -15,7 +15,7 @@ static int helper(int a);
 extern int shared;
 const int limit = 3;
 int counter;
-struct point { int x, *y; void (*draw)(int); union { int raw; }; };
+struct point { int x, *y; void (*draw)(int); union { int raw; }; } __packed;
 typedef struct { int w; } size_t2;
 typedef unsigned long ulong;
 enum color { RED, GREEN = 2 };
@@ -26,7 +26,7 @@ static int helper(int a)
 }
 int area(struct point *p) { p->draw(1); counter++; return p->x; }
 static int hits __read_mostly;
-DEFINE_MUTEX(lock);
+DEFINE_MUTEX(lock); int on __read_mostly;
 #ifdef FAST
 int pick(void) { return 1; }
 #else
@@ -48,6 +48,7 @@ LINES = {
         ("RED", "color.RED", "constant", 10, 10, False, True),
         ("GREEN", "color.GREEN", "constant", 10, 10, False, True),
         ("area", "area", "function", 16, 16, True, True), ("hits", "hits", "attribute", 17, 17, False, True),
+        ("on", "on", "attribute", 18, 18, True, True),
         ("pick", "pick", "function", 20, 20, True, True)],  # one declaration for both branches
     ("c", "include/shape.h", b"#ifndef SHAPE_H\n#define SHAPE_H\nstatic inline int twice(int v) { return 2 * v; }\n"
      b"int area(struct point *p);\nstruct point { int x; };\n#endif\n"): [
@@ -296,8 +297,8 @@ def test_language_of(path, language):
     ("web/util.spec.mts", True), ("src/test/java/a/FooTest.java", True), ("src/main/java/a/FooTest.java", True),
     ("src/main/java/a/Testing.java", False), ("crate/tests/cli.rs", True), ("src/parser/tests.rs", True),
     ("tools/testing/selftests/mm/gup.c", True), ("lib/list_test.c", True), ("mm/kasan/kasan-kunit.c", True),
-    ("base/strings_unittest.cc", True), ("src/testing/util.go", False), ("mm/latest.c", False),
-    ("src/attest.rs", False), ("lib/contest.c", False)])
+    ("base/strings_unittest.cc", True), ("src/parser_tests.cpp", True), ("src/testing/util.go", False),
+    ("mm/latest.c", False), ("src/attest.rs", False), ("lib/contest.c", False)])
 def test_test_conventions(path, expected):
     assert is_test_path(path) is expected
 

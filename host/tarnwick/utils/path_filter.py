@@ -33,7 +33,7 @@ _TEST_FILE = re.compile(
     | .*(?:\.test|\.spec)\.(?:ts|tsx|mts|cts|js|jsx|mjs|cjs)   # Jest, Vitest, Mocha
     | .*(?:Test|Tests|TestCase)\.(?:java|kt)                 # JUnit, as Maven's Surefire finds them
     | tests\.rs              # Rust: a module's unit tests kept in a file of their own
-    | (?:test_.*|.*[_-]test|.*_unittest|.*[_-]kunit)\.(?:c|cc|cpp|cxx)   # C, C++: GoogleTest, KUnit, test programs
+    | (?:test_.*|.*[_-]tests?|.*_unittest|.*[_-]kunit)\.(?:c|cc|cpp|cxx)   # C, C++: GoogleTest, KUnit, test programs
     """,
     re.VERBOSE | re.DOTALL,
 )

@@ -56,8 +56,6 @@ class Site:
     keep: bool = True
     # Scopes written before a qualified name (C++ `geo::Shape::area`).
     qualifier: list[str] = field(default_factory=list)
-    start: int = 0
-    end: int = 0
 
 
 class Rules:
@@ -164,6 +162,7 @@ class Language:
 
 
 def extract(language: Language, path: str, source: bytes) -> tuple[list[Decl], list[Ref]]:
+    """The declarations and the used names of one file (see the package's documentation)."""
     import tree_sitter
 
     parser, query = language.compiled(path)

@@ -38,6 +38,12 @@ _FILE_SCOPE = frozenset(
         "template_declaration",
     }
 )
+# Words that a misread declaration may take for its name.
+_KEYWORDS = frozenset(
+    "auto break case char const continue default do double else enum extern float for goto if inline int long"
+    " register restrict return short signed sizeof static struct switch typedef typeof union unsigned void"
+    " volatile while".split()
+)
 # Declarations whose names are found in their declarators.
 _DECLARATORS = frozenset({"function_definition", "declaration", "field_declaration", "type_definition"})
 _NAMES = frozenset({"identifier", "field_identifier", "type_identifier", "destructor_name", "operator_name"})
@@ -91,7 +97,12 @@ def _annotated_name(site: Site, source: bytes) -> bool:
     know, made it misread; False for a declaration that is no more than a
     misread annotation (`void __init` before a function's name)."""
     node, name = site.node, site.name
+    if name in _KEYWORDS:
+        return False
     if not node.has_error:
+        kind = node.child_by_field_name("type")
+        if name.startswith("__") and kind is not None and kind.child_by_field_name("body") is not None:
+            return False  # `struct page { ... } __packed;`
         if name.startswith("__"):
             # `unsigned long jiffies __read_mostly;` reads as a variable
             # `__read_mostly` of type `unsigned long jiffies`.
@@ -104,9 +115,9 @@ def _annotated_name(site: Site, source: bytes) -> bool:
             if inner is not None and inner.type == "type_identifier":
                 site.name_node, site.name = inner, text(source, inner)
         return True
-    if any(child.is_missing for child in node.children):
-        return False  # its end was made up: an annotation read as a declaration
     if name.startswith("__"):
+        if any(child.is_missing for child in node.children):
+            return False  # its end was made up: an annotation read as a declaration
         # `static int count __read_mostly;`: the name is left in an error node.
         for child in node.children:
             if child.type == "ERROR" and child.named_child_count:
@@ -156,6 +167,8 @@ class CRules(Rules):
                 site.definition = "extern" not in classes
             site.exported = header or "static" not in classes
         elif kind == "function" and node.type == "function_definition":
+            if site.name in _KEYWORDS:
+                return False
             site.exported = header or "static" not in storage(node, source)
         elif kind == "field":
             if is_prototype(site.name_node):

@@ -5,6 +5,7 @@ from __future__ import annotations
 
 import re
 from collections.abc import Iterable
+from itertools import islice
 
 # Copyright and authorship lines: they and the rest of their paragraph
 # (names, addresses) are no prose; nor are the parameter lines of a
@@ -139,7 +140,7 @@ def comment_summary(lines: Iterable[str]) -> str:
     letter or digit, a sentence at ".", "!" or "?" before white space.
     Returns "" when there is no such comment.
     """
-    text = [line.rstrip("\r\n") for line in lines]
+    text = [line.rstrip("\r\n") for line in islice(lines, _HEAD_LINES)]
     if text:
         text[0] = text[0].removeprefix("\ufeff")
     for block in _comments(text):

@@ -168,10 +168,14 @@ def file_summary(lines: Iterable[str]) -> str:
         lines = lines.splitlines()
     # Files of the C family open with `/*` or `//` comments: licence tags,
     # copyright lines and file names come before their prose.
-    lines = [_as_text(line) for line in lines]
-    first = next((line.lstrip("\ufeff \t") for line in lines if line.strip("\ufeff \t")), "")
-    if first.startswith(("/*", "//")):
-        return comment_summary(lines)
+    if not isinstance(lines, (list, tuple)):
+        lines = list(lines)
+    for line in lines:
+        first = _as_text(line).lstrip("\ufeff").strip()
+        if first:
+            if first.startswith(("/*", "//")):
+                return comment_summary(_as_text(line) for line in lines)
+            break
     text = [_as_text(line) for line in lines]
     if not text:
         return ""

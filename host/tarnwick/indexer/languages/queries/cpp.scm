@@ -33,17 +33,14 @@
 (type_identifier) @reference.type
 (identifier) @reference.name
 
-; Parameters and local variables.
+; Parameters and variables (those at file scope are declarations too, and
+; stay uses). Declarators alone: patterns with more context cost more.
 (parameter_declaration declarator: (identifier) @local)
-(parameter_declaration declarator: (pointer_declarator declarator: (identifier) @local))
-(parameter_declaration declarator: (reference_declarator (identifier) @local))
 (optional_parameter_declaration declarator: (identifier) @local)
 (preproc_params (identifier) @local)
 (for_range_loop declarator: (identifier) @local)
-(for_range_loop declarator: (reference_declarator (identifier) @local))
-(compound_statement (declaration declarator: (identifier) @local))
-(compound_statement (declaration declarator: (init_declarator declarator: (identifier) @local)))
-(compound_statement (declaration declarator: (pointer_declarator declarator: (identifier) @local)))
-(compound_statement (declaration declarator: (init_declarator declarator: (pointer_declarator declarator: (identifier) @local))))
-(compound_statement (declaration declarator: (init_declarator declarator: (reference_declarator (identifier) @local))))
-(compound_statement (declaration declarator: (array_declarator declarator: (identifier) @local)))
+(declaration declarator: (identifier) @local)
+(init_declarator declarator: (identifier) @local)
+(pointer_declarator declarator: (identifier) @local)
+(reference_declarator (identifier) @local)
+(array_declarator declarator: (identifier) @local)

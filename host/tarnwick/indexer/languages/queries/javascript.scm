@@ -18,11 +18,11 @@
 (identifier) @reference.name
 (shorthand_property_identifier) @reference.name
 
-; Parameters and local variables.
+; Parameters and variables (those at module level are declarations too, and
+; stay uses).
 (formal_parameters (identifier) @local)
 (formal_parameters (assignment_pattern left: (identifier) @local))
 (arrow_function parameter: (identifier) @local)
-(statement_block (lexical_declaration (variable_declarator name: (identifier) @local)))
-(statement_block (variable_declaration (variable_declarator name: (identifier) @local)))
+(variable_declarator name: (identifier) @local)
 (for_in_statement left: (identifier) @local)
 (catch_clause parameter: (identifier) @local)

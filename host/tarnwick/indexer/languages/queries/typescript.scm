@@ -28,12 +28,12 @@
 (identifier) @reference.name
 (shorthand_property_identifier) @reference.name
 
-; Parameters and local variables.
+; Parameters and variables (those at module level are declarations too, and
+; stay uses).
 (required_parameter pattern: (identifier) @local)
 (optional_parameter pattern: (identifier) @local)
 (arrow_function parameter: (identifier) @local)
-(statement_block (lexical_declaration (variable_declarator name: (identifier) @local)))
-(statement_block (variable_declaration (variable_declarator name: (identifier) @local)))
+(variable_declarator name: (identifier) @local)
 (for_in_statement left: (identifier) @local)
 (catch_clause parameter: (identifier) @local)
 (type_parameter name: (type_identifier) @local)
