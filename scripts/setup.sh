@@ -7,7 +7,8 @@
 #   use_venv build|test    .venv/ with the tools of scripts/requirements-NAME.txt,
 #                          first on PATH from then on
 #   install_packages       builds the module's wheel into build/dist/ and installs
-#                          it and the host package (editable) into .venv/
+#                          it and the host package (editable, with its pinned
+#                          dependencies) into .venv/
 set -euo pipefail
 
 # The interpreter the environment is made from (3.11 or newer).
@@ -70,7 +71,8 @@ install_packages() {
   rm -rf build/dist
   pip_quiet wheel --no-build-isolation --no-deps -w build/dist . -Ccmake.define.SCOPE_WERROR=ON
   # The module from its wheel; the host package editable, so that the tool
-  # runs the stand-ins as they are checked out.
+  # runs the stand-ins as they are checked out, with the libraries it
+  # depends on at the versions host/pyproject.toml pins.
   pip_quiet install --no-deps --force-reinstall build/dist/tarnwick_wiki_scope-*.whl
-  pip_quiet install --no-build-isolation --no-deps -e ./host
+  pip_quiet install --no-build-isolation -e ./host
 }

@@ -11,8 +11,9 @@ SQLite's binary order on UTF-8, which is code point order.
 from __future__ import annotations
 
 import json
-from collections.abc import Iterable
-from dataclasses import dataclass
+from collections.abc import Callable, Iterable
+from dataclasses import dataclass, fields
+from typing import Any
 
 from tarnwick.storage.database import Database
 
@@ -67,6 +68,27 @@ class OutboundReference:
     refs: int
 
 
+def _maker(cls: type) -> Callable[..., Any]:
+    """A function that makes a ``cls`` from its fields in order, equal to
+    ``cls(*fields)``.  A frozen dataclass's ``__init__`` sets each field
+    through ``object.__setattr__``; this one calls the slots' own setters,
+    which makes the many records of a page in about half the time."""
+    names = [f.name for f in fields(cls)]
+    lines = [f"def make({', '.join(names)}):", "    record = new(cls)"]
+    lines += [f"    set_{name}(record, {name})" for name in names]
+    lines.append("    return record")
+    namespace: dict[str, Any] = {"new": object.__new__, "cls": cls}
+    namespace.update((f"set_{name}", getattr(cls, name).__set__) for name in names)
+    exec("\n".join(lines), namespace)
+    return namespace["make"]
+
+
+_make_file = _maker(ScopeFile)
+_make_symbol = _maker(ScopeSymbol)
+_make_inbound = _maker(InboundReference)
+_make_outbound = _maker(OutboundReference)
+
+
 def _json_list(values: Iterable[object], what: str) -> str:
     # A lone string is iterable too; passing one where a list is meant would
     # silently query its characters.
@@ -86,7 +108,7 @@ ORDER BY f.path
 def scope_files(db: Database, paths: Iterable[str]) -> tuple[ScopeFile, ...]:
     """The indexed files among ``paths``, ordered by path; unknown paths are left out."""
     rows = db.query(_SCOPE_FILES, (_json_list(paths, "paths"),))
-    return tuple(ScopeFile(*row) for row in rows)
+    return tuple(_make_file(*row) for row in rows)
 
 
 _SCOPE_SYMBOLS = """
@@ -100,24 +122,33 @@ ORDER BY f.path, d.start_line, d.id
 
 def _symbol(row: tuple) -> ScopeSymbol:
     id_, path, name, fqn, kind, start_line, end_line, exported = row
-    return ScopeSymbol(id_, path, name, fqn, kind, start_line, end_line, bool(exported))
+    return _make_symbol(id_, path, name, fqn, kind, start_line, end_line, bool(exported))
 
 
 def scope_symbols(db: Database, ids: Iterable[int]) -> tuple[ScopeSymbol, ...]:
     """The declarations of the files with these ids, by (path, start line, id)."""
     rows = db.query(_SCOPE_SYMBOLS, (_json_list(ids, "ids"),))
-    return tuple(_symbol(row) for row in rows)
+    make = _make_symbol
+    return tuple(make(i, p, n, q, k, s, e, bool(x)) for i, p, n, q, k, s, e, x in rows)
 
 
+# Grouped by ids first, so that SQLite sorts integers rather than strings; the
+# paths and names are joined to the groups afterwards.
 _INBOUND = """
-SELECT sf.path, d.id, tf.path, d.name, d.kind, r.resolution, SUM(r.count)
-FROM refs AS r
-JOIN declarations AS d ON d.id = r.target_id
+WITH grouped AS (
+    SELECT r.source_file_id AS source_id, r.target_id AS target_id, r.resolution AS resolution,
+           SUM(r.count) AS refs
+    FROM declarations AS d
+    JOIN refs AS r ON r.target_id = d.id
+    WHERE d.file_id IN (SELECT value FROM json_each(?))
+    GROUP BY r.source_file_id, r.target_id, r.resolution
+)
+SELECT sf.path, d.id, tf.path, d.name, d.kind, g.resolution, g.refs
+FROM grouped AS g
+JOIN files AS sf ON sf.id = g.source_id
+JOIN declarations AS d ON d.id = g.target_id
 JOIN files AS tf ON tf.id = d.file_id
-JOIN files AS sf ON sf.id = r.source_file_id
-WHERE d.file_id IN (SELECT value FROM json_each(?))
-GROUP BY sf.path, d.id, tf.path, d.name, d.kind, r.resolution
-ORDER BY sf.path, d.id, r.resolution
+ORDER BY sf.path, d.id, g.resolution
 """
 
 
@@ -129,21 +160,25 @@ def inbound_references(db: Database, ids: Iterable[int]) -> tuple[InboundReferen
     resolution.
     """
     rows = db.query(_INBOUND, (_json_list(ids, "ids"),))
-    return tuple(InboundReference(*row) for row in rows)
+    return tuple(_make_inbound(*row) for row in rows)
 
 
 _OUTBOUND = """
+WITH grouped AS (
+    SELECT r.source_file_id AS source_id, r.target_id AS target_id, r.resolution AS resolution,
+           SUM(r.count) AS refs
+    FROM refs AS r
+    WHERE r.source_file_id IN (SELECT value FROM json_each(?))
+    GROUP BY r.source_file_id, r.target_id, r.resolution
+)
 SELECT sf.path,
        d.id, tf.path, d.name, d.fqn, d.kind, d.start_line, d.end_line, d.exported,
-       r.resolution, SUM(r.count)
-FROM refs AS r
-JOIN files AS sf ON sf.id = r.source_file_id
-JOIN declarations AS d ON d.id = r.target_id
+       g.resolution, g.refs
+FROM grouped AS g
+JOIN files AS sf ON sf.id = g.source_id
+JOIN declarations AS d ON d.id = g.target_id
 JOIN files AS tf ON tf.id = d.file_id
-WHERE r.source_file_id IN (SELECT value FROM json_each(?))
-GROUP BY sf.path, d.id, tf.path, d.name, d.fqn, d.kind, d.start_line, d.end_line,
-         d.exported, r.resolution
-ORDER BY sf.path, d.id, r.resolution
+ORDER BY sf.path, d.id, g.resolution
 """
 
 
@@ -160,7 +195,7 @@ def outbound_references(db: Database, ids: Iterable[int]) -> tuple[OutboundRefer
         target = targets.get(row[1])
         if target is None:
             target = targets[row[1]] = _symbol(row[1:9])
-        result.append(OutboundReference(row[0], target, row[9], row[10]))
+        result.append(_make_outbound(row[0], target, row[9], row[10]))
     return tuple(result)
 
 

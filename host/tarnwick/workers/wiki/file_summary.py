@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import re
 from collections.abc import Iterable
+from itertools import repeat
 
 # A Python docstring opening: optional r/u prefix, then a triple quote.
 _DOCSTRING = re.compile(r"""^\s*[rRuU]?(\"\"\"|''')""")
@@ -47,6 +48,17 @@ def _as_text(line: object) -> str:
     else:
         text = str(line)
     return text.rstrip("\r\n")
+
+
+def _texts(lines: Iterable[object]) -> list[str]:
+    """The lines as text, as `_as_text` makes them.  Lines that are all str
+    (what a reader of the checkout returns) take one pass in C."""
+    if not isinstance(lines, (list, tuple)):
+        lines = list(lines)
+    try:
+        return list(map(str.rstrip, lines, repeat("\r\n", len(lines))))
+    except TypeError:  # some line is no str
+        return [_as_text(line) for line in lines]
 
 
 def _paragraphs(lines: Iterable[str]) -> list[list[str]]:
@@ -164,7 +176,7 @@ def file_summary(lines: Iterable[str]) -> str:
         return ""
     if isinstance(lines, str):
         lines = lines.splitlines()
-    text = [_as_text(line) for line in lines]
+    text = _texts(lines)
     if not text:
         return ""
     text[0] = text[0].removeprefix("\ufeff")
