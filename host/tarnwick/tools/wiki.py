@@ -243,7 +243,6 @@ class Worker:
 
     def __init__(self, index: Path, tree: Path, quota: tool.Quota) -> None:
         import scope
-
         from tarnwick.storage.database import Database
         from tarnwick.workers.wiki.checkout import checkout_reader
 
