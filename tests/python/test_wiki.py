@@ -7,12 +7,12 @@ import re
 import pytest
 from test_indexer import write_tree
 
-from tarnwick.tools import ground as tool
-from tarnwick.tools import wiki
+from tarnwick.tools import ground as tool, wiki
 
 TREE = {
     "shop/__init__.py": '"""The shop."""\nfrom .models import Cart\n',
-    "shop/models.py": '"""Cart and items."""\nLIMIT = 10\n\n\nclass Cart:\n    def add(self, line):\n        return LIMIT\n',
+    "shop/models.py": '"""Cart and items."""\nLIMIT = 10\n\n\nclass Cart:\n'
+                      '    def add(self, line):\n        return LIMIT\n',
     "shop/pay/card.py": "from shop.models import Cart\n\ndef charge():\n    return Cart().add(2)\n",
     "app/main.py": "from shop.models import Cart, LIMIT\nfrom shop.pay.card import charge\n\n"
                    "def run():\n    return Cart().add(LIMIT) + charge()\n",
@@ -57,7 +57,8 @@ def test_the_same_bytes_for_any_number_of_workers_and_an_index_page_whose_links_
     page = wikis[1]["pages/shop.md"].decode()
     assert page.startswith("# shop: grounding of 2 files in ") and "## Consumers" in page and "took" not in page
     # The uses between pages are those of the pages' consumers sections, the heaviest first.
-    assert "- `app/main.py` uses `LIMIT`, `Cart`, `add` (5 refs)\n- `shop/pay/card.py` uses `Cart`, `add` (3 refs)" in page
+    assert ("- `app/main.py` uses `LIMIT`, `Cart`, `add` (5 refs)\n"
+            "- `shop/pay/card.py` uses `Cart`, `add` (3 refs)") in page
     graph = index.split("```mermaid\n")[1]
     assert re.findall(r"p(\d) -->\|(\d+)\| p(\d)", graph) == [("1", "5", "2"), ("3", "3", "2"), ("1", "2", "3"),
                                                            ("0", "1", "1")]
@@ -117,8 +118,8 @@ def test_a_page_map_chooses_titles_and_files_and_an_existing_folder_must_be_a_wi
     (tree.parent / "notes").mkdir()
     (tree.parent / "notes" / "todo.txt").write_text("mine")
     status, said, err = run(capsys, tree, tree.parent / "notes")
-    assert (status, err) == (2, [f"ground wiki: error: argument --out: {tree.parent / 'notes'} is neither an empty folder "
-                                 "nor a wiki written before (see --help)"])
+    assert (status, err) == (2, [f"ground wiki: error: argument --out: {tree.parent / 'notes'} is neither an empty "
+                                 "folder nor a wiki written before (see --help)"])
 
 
 def test_pages_are_the_folders_that_hold_files_and_file_names_stay_apart():
