@@ -188,7 +188,7 @@ def _summary(seconds: float, queries: float, files: float, module: float, docume
 
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--old", required=True, metavar="COMMIT", help="the earlier commit to compare with")
+    parser.add_argument("--old", metavar="COMMIT", help="the earlier commit to compare with")
     parser.add_argument("--rounds", type=int, default=5, help="rounds; the best counts (default 5)")
     parser.add_argument("--drive", type=Path, help=argparse.SUPPRESS)
     parser.add_argument("--pages", type=Path, help=argparse.SUPPRESS)
@@ -197,6 +197,8 @@ def main() -> None:
     if args.drive:
         print(json.dumps(driver(args.drive, args.pages, args.jobs)))
         return
+    if args.old is None:
+        parser.error("the earlier commit (--old COMMIT) is required")
 
     WORK.mkdir(parents=True, exist_ok=True)
     sha, old = old_checkout(args.old)

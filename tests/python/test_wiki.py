@@ -127,3 +127,17 @@ def test_pages_are_the_folders_that_hold_files_and_file_names_stay_apart():
         ("(top level)", ["a.py"]), ("b", ["b/a.py", "b/x.py"]), ("b/c", ["b/c/y.py"])]
     assert wiki.file_names(["a/b", "a-b", "A_B", "a_b", "..", "(top level)"]) == [
         "a-b.md", "a-b-2.md", "A_B.md", "a_b-2.md", "page.md", "top-level.md"]
+
+
+def test_progress_is_a_line_now_and_then_when_stderr_is_no_terminal(monkeypatch):
+    import io
+
+    monkeypatch.setattr(wiki, "PROGRESS_EVERY", 0.0)
+    stream = io.StringIO()
+    progress = wiki.Progress(3, stream)
+    for _ in range(3):
+        progress.update()
+    progress.close()
+    lines = stream.getvalue().splitlines()
+    assert [line.split(",")[0] for line in lines] == ["ground: 1/3 pages", "ground: 2/3 pages"]
+    assert all(re.fullmatch(r"ground: \d/3 pages, [\d.]+ pages/s, \d+ s left", line) for line in lines)

@@ -348,7 +348,10 @@ class Progress:
             except ImportError:
                 pass
             else:
-                self.bar = tqdm(total=total, unit="page", desc="ground", file=self.stream, leave=False)
+                columns, rows = _size(self.stream)
+                self.bar = tqdm(
+                    total=total, unit="page", desc="ground", file=self.stream, leave=False, ncols=columns, nrows=rows
+                )
 
     def update(self) -> None:
         self.done += 1
@@ -369,6 +372,15 @@ class Progress:
     def close(self) -> None:
         if self.bar is not None:
             self.bar.close()
+
+
+def _size(stream) -> tuple[int, int]:
+    """The terminal's columns and rows; a pseudo-terminal nobody sized says 0 (and the bar would hide)."""
+    try:
+        size = os.get_terminal_size(stream.fileno())
+    except (OSError, ValueError, AttributeError):
+        return 80, 24
+    return size.columns or 80, size.lines or 24
 
 
 # -- the index page --------------------------------------------------------------
