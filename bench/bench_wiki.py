@@ -39,11 +39,8 @@ WORK = ROOT / "build" / "bench-wiki"
 
 def build(source: Path, build_dir: Path) -> Path:
     """The Release module of `source`, built into `build_dir`; returns the folder that holds it."""
-    subprocess.run(
-        ["cmake", "-S", source, "-B", build_dir, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release", "-DSCOPE_BUILD_TESTS=OFF"],
-        check=True,
-        stdout=subprocess.DEVNULL,
-    )
+    release = ["-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release", "-DSCOPE_BUILD_TESTS=OFF"]
+    subprocess.run(["cmake", "-S", source, "-B", build_dir, *release], check=True, stdout=subprocess.DEVNULL)
     subprocess.run(["cmake", "--build", build_dir, "-j2"], check=True, stdout=subprocess.DEVNULL)
     return build_dir / "python"
 
@@ -132,7 +129,7 @@ def _old_side(index: Path, args, pages: list, jobs: int) -> dict:
         timer = ground.Timer()
         with Database(index, readonly=True) as db:
             read_lines = timed(checkout_reader(args.tree), "files")
-            for title, paths in pages:
+            for _title, paths in pages:
                 documents.append(_old_page(scope, timer, db, read_lines, paths, args))
     finally:
         for name, function in originals.items():
