@@ -406,6 +406,10 @@ def _cell(text: str) -> str:
     return text.replace("\\", "\\\\").replace("|", "\\|").replace("\n", " ")
 
 
+def _link_text(text: str) -> str:
+    return re.sub(r"([\[\]\\`*<>])", r"\\\1", text).replace("|", "\\|").replace("\n", " ")
+
+
 def _label(text: str) -> str:
     return text.replace('"', "#quot;")
 
@@ -426,7 +430,7 @@ def index_page(tree: Path, pages: list[tuple[str, list[str]]], names: list[str],
     for (title, paths), name, page in zip(pages, names, grounded, strict=True):
         listed = ", ".join(f"`{_cell(path)}`" for path in paths)
         out.append(
-            f"| [{_cell(title)}](pages/{name}) | {listed} | {page.declarations} | {len(page.consumers)} "
+            f"| [{_link_text(title)}](pages/{name}) | {listed} | {page.declarations} | {len(page.consumers)} "
             f"| {page.unused} |"
         )
     uses = page_uses(pages, grounded)
