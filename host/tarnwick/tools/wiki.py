@@ -32,7 +32,6 @@ import sys
 import time
 import tomllib
 from collections.abc import Callable, Iterable, Iterator
-from contextlib import contextmanager
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -254,17 +253,18 @@ class Worker:
         self.timer = tool.Timer()
         self.read_lines = _timed(checkout_reader(tree), self.split, "files")
 
-    @contextmanager
-    def timing_siblings(self) -> Iterator[None]:
-        """The module calls the sibling functions through its own attributes: time them there."""
+    def time_siblings(self) -> Callable[[], None]:
+        """Time the sibling functions that the module calls through its own
+        attributes; returns the function that puts the originals back."""
         originals = {name: getattr(self.scope, name) for name in QUERY_FUNCTIONS + FILE_FUNCTIONS}
         for name, function in originals.items():
             setattr(self.scope, name, _timed(function, self.split, "queries" if name in QUERY_FUNCTIONS else "files"))
-        try:
-            yield
-        finally:
+
+        def restore() -> None:
             for name, function in originals.items():
                 setattr(self.scope, name, function)
+
+        return restore
 
     def ground(self, task: tuple[int, str, list[str]]) -> Result:
         number, title, paths = task
@@ -298,8 +298,7 @@ def _start_worker(index: Path, tree: Path, quota: tool.Quota) -> None:
     global _worker
     signal.signal(signal.SIGINT, signal.SIG_IGN)
     _worker = Worker(index, tree, quota)
-    _worker.siblings_timed = _worker.timing_siblings()  # kept: timed for the process's whole life
-    _worker.siblings_timed.__enter__()
+    _worker.time_siblings()  # for the process's whole life
 
 
 def _ground_in_worker(task: tuple[int, str, list[str]]) -> Result:
@@ -315,11 +314,12 @@ def ground_pages(
     tasks = sorted(tasks, key=lambda task: -len(task[2]))
     if jobs <= 1:
         worker = Worker(index, tree, quota)
+        restore = worker.time_siblings()
         try:
-            with worker.timing_siblings():
-                for task in tasks:
-                    yield worker.ground(task)
+            for task in tasks:
+                yield worker.ground(task)
         finally:
+            restore()
             worker.close()
         return
     # Forked workers start in milliseconds; they are forked before this
