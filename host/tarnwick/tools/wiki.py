@@ -70,7 +70,7 @@ EPILOG = [
 
 
 class PageMapError(Exception):
-    """A page map that cannot be used, said in one line."""
+    """A page map that cannot be used, said in one line; the command exits with status 2."""
 
 
 @dataclass
@@ -459,27 +459,16 @@ def index_page(tree: Path, pages: list[tuple[str, list[str]]], names: list[str],
 
 def write_wiki(args: argparse.Namespace) -> str:
     """Ground every page and move the complete wiki into place; returns the summary line."""
-    started = time.perf_counter()
-    page_map = None
-    if args.pages is not None:
-        try:
-            page_map = read_page_map(args.pages)
-        except PageMapError as error:
-            raise _BadPageMap(f"page map {printable(args.pages)}: {error}") from None
+    page_map = read_page_map(args.pages) if args.pages is not None else None
     with tool.open_index(args) as db:
         index = Path(db.path)
         indexed = [row[0] for row in db.query("SELECT path FROM files ORDER BY path")]
-    if page_map is None:
-        pages = folder_pages(indexed)
-    else:
-        try:
-            pages = mapped_pages(page_map, indexed)
-        except PageMapError as error:
-            raise _BadPageMap(f"page map {printable(args.pages)}: {error}") from None
+    pages = folder_pages(indexed) if page_map is None else mapped_pages(page_map, indexed)
     if not pages:
         raise tool.GroundError(f"the index of {printable(args.tree)} holds no files")
     names = file_names(title for title, _ in pages)
 
+    started = time.perf_counter()  # the index is up to date: from here on, the wiki's own time
     out = args.out.absolute()
     out.parent.mkdir(parents=True, exist_ok=True)
     partial = out.parent / f".{out.name}.partial-{os.getpid()}"
@@ -522,10 +511,6 @@ def write_wiki(args: argparse.Namespace) -> str:
     )
 
 
-class _BadPageMap(Exception):
-    """A bad page map, reported with exit status 2."""
-
-
 def _move_into_place(partial: Path, out: Path) -> None:
     """Put the complete wiki at `out`, the previous one (or an empty folder) out of the way first."""
     if out.exists():
@@ -544,8 +529,8 @@ def main(argv: list[str]) -> int:
         line = write_wiki(args)
     except SystemExit as done:  # --help, or a bad argument
         return done.code
-    except _BadPageMap as error:
-        tool._say(f"error: {error}")
+    except PageMapError as error:
+        tool._say(f"error: page map {printable(args.pages)}: {error}")
         return 2
     except tool.GroundError as error:
         tool._say(f"error: {error}")
