@@ -322,8 +322,11 @@ def ground_pages(
             restore()
             worker.close()
         return
-    # Forked workers start in milliseconds; they are forked before this
-    # process starts any thread (the pool's own, the progress bar's).
+    # Forked workers start in milliseconds, with the module already imported
+    # here; they are forked before this process starts any thread (the
+    # pool's own, the progress bar's).
+    import scope  # noqa: F401
+
     methods = multiprocessing.get_all_start_methods()
     context = multiprocessing.get_context("fork" if "fork" in methods else "spawn")
     with context.Pool(jobs, _start_worker, (index, tree, quota)) as pool:
