@@ -27,6 +27,7 @@ import argparse
 import hashlib
 import json
 import os
+import resource
 import statistics
 import subprocess
 import sys
@@ -57,15 +58,29 @@ def old_checkout(commit: str) -> tuple[str, Path]:
     return sha, folder
 
 
-def drive(host: Path, module: Path, index: Path, pages: Path | None, jobs: int) -> dict:
+def start(host: Path, module: Path, index: Path, pages: Path | None, jobs: int) -> subprocess.Popen:
     env = dict(os.environ, PYTHONPATH=f"{module}{os.pathsep}{host}")
     command = [sys.executable, __file__, "--drive", str(index), "--jobs", str(jobs)]
     if pages is not None:
         command += ["--pages", str(pages)]
-    result = subprocess.run(command, env=env, capture_output=True, text=True, cwd=WORK)
-    if result.returncode != 0:
-        sys.exit(f"bench_wiki: the driver failed ({host}):\n{result.stderr}")
-    return json.loads(result.stdout.splitlines()[-1])
+    return subprocess.Popen(command, env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, cwd=WORK)
+
+
+def finish(process: subprocess.Popen) -> dict:
+    out, err = process.communicate()
+    if process.returncode != 0:
+        sys.exit(f"bench_wiki: the driver failed:\n{err}")
+    return json.loads(out.splitlines()[-1])
+
+
+def drive(host: Path, module: Path, index: Path, pages: Path | None, jobs: int) -> dict:
+    return finish(start(host, module, index, pages, jobs))
+
+
+def drive_pair(host: Path, module: Path, index: Path, pages: Path) -> dict:
+    """Two serial runs at once, in processes of their own: how much of two cores the machine leaves us."""
+    first, second = (finish(process) for process in [start(host, module, index, pages, 1) for _ in range(2)])
+    return max(first, second, key=lambda run: run["seconds"])
 
 
 # -- the driver, run with one side's host/ and module on the path ------------------------------------------
@@ -91,12 +106,13 @@ def _new_side(index: Path, args, pages: list, jobs: int) -> dict:
     tasks = [(number, title, paths) for number, (title, paths) in enumerate(pages)]
     documents: list[str] = [""] * len(pages)
     split = wiki.Split()
-    start = time.perf_counter()
+    cpu = _cpu()
+    begin = time.perf_counter()
     for result in wiki.ground_pages(index, args.tree, ground.quota(args), tasks, jobs):
         documents[result.number] = result.page.document
         split.add(result.split)
-    seconds = time.perf_counter() - start
-    return _summary(seconds, split.queries, split.files, split.module, documents)
+    seconds = time.perf_counter() - begin
+    return _summary(seconds, _cpu() - cpu, split.queries, split.files, split.module, documents)
 
 
 def _old_side(index: Path, args, pages: list, jobs: int) -> dict:
@@ -124,7 +140,8 @@ def _old_side(index: Path, args, pages: list, jobs: int) -> dict:
     for name, function in originals.items():
         setattr(scope, name, timed(function, "queries" if name in queries else "files"))
     documents = []
-    start = time.perf_counter()
+    cpu = _cpu()
+    begin = time.perf_counter()
     try:
         timer = ground.Timer()
         with Database(index, readonly=True) as db:
@@ -134,9 +151,9 @@ def _old_side(index: Path, args, pages: list, jobs: int) -> dict:
     finally:
         for name, function in originals.items():
             setattr(scope, name, function)
-    seconds = time.perf_counter() - start
+    seconds = time.perf_counter() - begin
     module = sum(timer.spent.values()) - spent["queries"] - spent["files"]
-    return _summary(seconds, spent["queries"], spent["files"], module, documents)
+    return _summary(seconds, _cpu() - cpu, spent["queries"], spent["files"], module, documents)
 
 
 def _old_page(scope, timer, db, read_lines, paths, args) -> str:
@@ -173,11 +190,24 @@ def _old_page(scope, timer, db, read_lines, paths, args) -> str:
     return "\n".join(out)
 
 
-def _summary(seconds: float, queries: float, files: float, module: float, documents: list[str]) -> dict:
+def _cpu() -> float:
+    """CPU seconds of this process and of its children that have ended (the pool's workers)."""
+    children = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return time.process_time() + children.ru_utime + children.ru_stime
+
+
+def _summary(seconds: float, cpu: float, queries: float, files: float, module: float, documents: list[str]) -> dict:
     digest = hashlib.sha256()
     for document in documents:
         digest.update(document.partition("\n")[2].encode())
-    return {"seconds": seconds, "queries": queries, "files": files, "module": module, "digest": digest.hexdigest()}
+    return {
+        "seconds": seconds,
+        "cpu": cpu,
+        "queries": queries,
+        "files": files,
+        "module": module,
+        "digest": digest.hexdigest(),
+    }
 
 
 # -- the comparison ---------------------------------------------------------------------------------------
@@ -214,11 +244,13 @@ def main() -> None:
     pages_file = WORK / "pages.json"
     pages_file.write_text(json.dumps(pages))
     runs = {f"{sha}, serial": ("old", 1), "this tree, serial": ("new", 1), "this tree, 2 workers": ("new", 2)}
-    results: dict[str, list[dict]] = {label: [] for label in runs}
+    pair = "this tree, serial, two processes at once (the slower)"
+    results: dict[str, list[dict]] = {label: [] for label in [*runs, pair]}
     for round_number in range(args.rounds):
         for label, (side, jobs) in runs.items():
             host, module, index = sides[side]
             results[label].append(drive(host, module, index, pages_file, jobs))
+        results[pair].append(drive_pair(*sides["new"], pages_file))
         print(f"round {round_number + 1} of {args.rounds} done", file=sys.stderr, flush=True)
 
     digests = {result["digest"] for runs_of in results.values() for result in runs_of}
@@ -227,8 +259,11 @@ def main() -> None:
     print("each configuration in a fresh process, alternating (the machine is shared with other work).")
     print(f"Documents of both sides {'identical' if len(digests) == 1 else 'DIFFERENT'} (all but the heading).")
     print()
-    print("| configuration | pages/s (best) | spread over the rounds | seconds | queries | file reads | module calls |")
-    print("|---|---|---|---|---|---|---|")
+    print(
+        "| configuration | pages/s (best) | spread over the rounds | seconds | CPU seconds | queries | file reads "
+        "| module calls |"
+    )
+    print("|---|---|---|---|---|---|---|---|")
     best = {}
     for label, runs_of in results.items():
         rates = sorted(len(pages) / run["seconds"] for run in runs_of)
@@ -236,13 +271,17 @@ def main() -> None:
         best[label] = rates[-1]
         spread = f"{rates[0]:.1f} to {rates[-1]:.1f} (median {statistics.median(rates):.1f})"
         print(
-            f"| {label} | {rates[-1]:.1f} | {spread} | {top['seconds']:.3f} | {top['queries']:.3f} | "
-            f"{top['files']:.3f} | {top['module']:.3f} |"
+            f"| {label} | {rates[-1]:.1f} | {spread} | {top['seconds']:.3f} | {top['cpu']:.3f} | "
+            f"{top['queries']:.3f} | {top['files']:.3f} | {top['module']:.3f} |"
         )
-    old_rate, serial, workers = best.values()
+    old_rate, serial, workers, two_at_once = best.values()
     print()
     print(f"this tree serially / {sha} serially: {serial / old_rate:.2f}x")
     print(f"this tree, 2 workers / 1 worker: {workers / serial:.2f}x")
+    print(
+        f"two serial processes at once / one alone: {2 * two_at_once / serial:.2f}x the work done per second "
+        "(2.00x when two cores are free)"
+    )
 
 
 if __name__ == "__main__":
