@@ -50,6 +50,11 @@ DOC = '"""Loads the facts\n    of one page. Then, e.g. more.\n\nDetails follow.\
     (["import os", '"""Not a docstring."""'], ""),
     (["#include <stdio.h>", "/* after code */"], ""),
     (["", "   "], ""), ([], ""),
+    # Statements that begin or end far down a long file.
+    (["# note"] * 70 + ['"""Late docstring."""'] + ["x = 1"] * 100, "Late docstring."),
+    (['"""'] + ["word"] * 600 + ["end.", '"""'], " ".join(["word"] * 600 + ["end."])),
+    (['"""'] + ["Copyright (c) 2020 ACME."] + [""] * 100 + ["#"] * 100, ""),
+    ((line for line in ["# Made", "# lazily."] + ["x = 1"] * 100), "Made lazily."),
 ])
 def test_file_summary(lines, expected):
     assert file_summary(lines) == expected
