@@ -520,7 +520,10 @@ def _move_into_place(partial: Path, out: Path) -> None:
         previous = out.parent / f".{out.name}.previous-{os.getpid()}"
         out.rename(previous)
         partial.rename(out)
-        shutil.rmtree(previous)
+        if previous.is_symlink():  # a link to a folder of the user's: the link goes, the folder stays
+            previous.unlink()
+        else:
+            shutil.rmtree(previous)
     else:
         partial.rename(out)
 
