@@ -23,6 +23,7 @@ from __future__ import annotations
 
 import argparse
 import fnmatch
+import gc
 import multiprocessing
 import os
 import re
@@ -42,6 +43,10 @@ from tarnwick.tools import ground as tool
 TOP_TITLE = "(top level)"
 # Uses between pages drawn on the index page, the heaviest first.
 MAX_EDGES = 40
+# Files of the pages that a worker reads in one batch, at most; with several
+# workers, each gets about this many batches.
+BATCH_FILES = 1000
+BATCHES_PER_WORKER = 4
 # Seconds between two progress lines when stderr is no terminal.
 PROGRESS_EVERY = 3.0
 # The index page's first words, by which a folder is known as a wiki this command wrote.
@@ -266,11 +271,32 @@ class Worker:
 
         return restore
 
-    def ground(self, task: tuple[int, str, list[str]]) -> Result:
+    def ground(self, batch: list[tuple[int, str, list[str]]]) -> list[Result]:
+        """Ground a batch of pages from one bulk read of their files' rows.
+
+        The cyclic garbage collector waits until the batch is done: the
+        batch's records hold no cycles, and a collection every few hundred
+        of the many records made would walk all the others each time."""
+        from tarnwick.storage.grounding_queries import PrefetchedIndex
+
+        collecting = gc.isenabled()
+        gc.disable()
+        try:
+            start = time.perf_counter()
+            db = PrefetchedIndex(self.db, [paths for _, _, paths in batch])
+            read = time.perf_counter() - start
+            results = [self._ground_page(db, task) for task in batch]
+        finally:
+            if collecting:
+                gc.enable()
+        results[0].split.queries += read
+        return results
+
+    def _ground_page(self, db, task: tuple[int, str, list[str]]) -> Result:
         number, title, paths = task
         before = Split(self.split.queries, self.split.files, sum(self.timer.spent.values()))
         heading = f"{title}: grounding of {tool.plural(len(paths), 'file')} in `{printable(self.tree)}`"
-        page = tool.ground_page(self.db, self.read_lines, paths, heading, self.quota, self.timer)
+        page = tool.ground_page(db, self.read_lines, paths, heading, self.quota, self.timer)
         queries, files = self.split.queries - before.queries, self.split.files - before.files
         module = sum(self.timer.spent.values()) - before.module - queries - files
         return Result(number, page, Split(queries, files, module))
@@ -301,23 +327,43 @@ def _start_worker(index: Path, tree: Path, quota: tool.Quota) -> None:
     _worker.time_siblings()  # for the process's whole life
 
 
-def _ground_in_worker(task: tuple[int, str, list[str]]) -> Result:
+def _ground_in_worker(batch: list[tuple[int, str, list[str]]]) -> list[Result]:
     assert _worker is not None
-    return _worker.ground(task)
+    return _worker.ground(batch)
+
+
+def batches(tasks: list[tuple[int, str, list[str]]], jobs: int) -> list[list[tuple[int, str, list[str]]]]:
+    """The pages in batches that a worker reads in bulk, largest pages first.
+
+    A batch holds at most `BATCH_FILES` files (a larger page is a batch of
+    its own), which bounds a worker's memory on a large tree; with several
+    workers, batches are smaller still, so that each worker gets a few."""
+    tasks = sorted(tasks, key=lambda task: -len(task[2]))
+    total = sum(len(task[2]) for task in tasks)
+    limit = BATCH_FILES if jobs <= 1 else max(1, min(BATCH_FILES, total // (jobs * BATCHES_PER_WORKER)))
+    result: list[list[tuple[int, str, list[str]]]] = []
+    files = limit
+    for task in tasks:
+        if files + len(task[2]) > limit:
+            result.append([])
+            files = 0
+        result[-1].append(task)
+        files += len(task[2])
+    return result
 
 
 def ground_pages(
     index: Path, tree: Path, quota: tool.Quota, tasks: list[tuple[int, str, list[str]]], jobs: int
 ) -> Iterator[Result]:
     """Ground the pages, in this process with one job, else in `jobs` worker processes; the
-    results come as they are done.  The largest pages are handed out first."""
-    tasks = sorted(tasks, key=lambda task: -len(task[2]))
+    results come as they are done, a batch at a time.  The largest pages are handed out first."""
+    work = batches(tasks, jobs)
     if jobs <= 1:
         worker = Worker(index, tree, quota)
         restore = worker.time_siblings()
         try:
-            for task in tasks:
-                yield worker.ground(task)
+            for batch in work:
+                yield from worker.ground(batch)
         finally:
             restore()
             worker.close()
@@ -330,7 +376,8 @@ def ground_pages(
     methods = multiprocessing.get_all_start_methods()
     context = multiprocessing.get_context("fork" if "fork" in methods else "spawn")
     with context.Pool(jobs, _start_worker, (index, tree, quota)) as pool:
-        yield from pool.imap_unordered(_ground_in_worker, tasks)
+        for results in pool.imap_unordered(_ground_in_worker, work):
+            yield from results
 
 
 # -- progress ------------------------------------------------------------------
