@@ -28,7 +28,9 @@ def checkout_reader(root: str | os.PathLike[str]) -> Callable[[str], list[str] |
         try:
             with open(os.path.join(base, path), "rb") as file:
                 data = file.read()
-            text = python_source_text(data) if path.endswith(PYTHON_SUFFIXES) else data.decode("utf-8-sig")
+            text = python_source_text(data) if path.endswith(PYTHON_SUFFIXES) and _may_name_coding(data) else None
+            if text is None:
+                text = data.decode("utf-8-sig")
         except (OSError, UnicodeDecodeError, SyntaxError, ValueError):
             # ValueError covers paths the OS cannot even express (a NUL byte);
             # SyntaxError a coding line that names no known encoding.
@@ -36,3 +38,11 @@ def checkout_reader(root: str | os.PathLike[str]) -> Callable[[str], list[str] |
         return text.splitlines()
 
     return read_lines
+
+
+def _may_name_coding(data: bytes) -> bool:
+    """Whether a Python source's first two lines could hold a coding line; without one, its
+    text is its bytes as UTF-8, a byte order mark dropped, and the slower reading that looks
+    for the coding line is skipped."""
+    end = data.find(b"\n", data.find(b"\n") + 1)
+    return b"coding" in (data if end < 0 else data[:end])
