@@ -23,6 +23,7 @@ from __future__ import annotations
 
 import argparse
 import fnmatch
+import functools
 import gc
 import multiprocessing
 import os
@@ -258,11 +259,16 @@ class Worker:
         self.timer = tool.Timer()
         self.read_lines = _timed(checkout_reader(tree), self.split, "files")
 
-    def time_siblings(self) -> Callable[[], None]:
+    def patch_siblings(self) -> Callable[[], None]:
         """Time the sibling functions that the module calls through its own
-        attributes; returns the function that puts the originals back."""
-        originals = {name: getattr(self.scope, name) for name in QUERY_FUNCTIONS + FILE_FUNCTIONS}
+        attributes, and remember `is_test_path`'s answers (it is asked of the
+        same source files page after page); returns the function that puts
+        the originals back."""
+        originals = {name: getattr(self.scope, name) for name in (*QUERY_FUNCTIONS, *FILE_FUNCTIONS, "is_test_path")}
         for name, function in originals.items():
+            if name == "is_test_path":
+                setattr(self.scope, name, functools.cache(function))
+                continue
             setattr(self.scope, name, _timed(function, self.split, "queries" if name in QUERY_FUNCTIONS else "files"))
 
         def restore() -> None:
@@ -324,7 +330,7 @@ def _start_worker(index: Path, tree: Path, quota: tool.Quota) -> None:
     global _worker
     signal.signal(signal.SIGINT, signal.SIG_IGN)
     _worker = Worker(index, tree, quota)
-    _worker.time_siblings()  # for the process's whole life
+    _worker.patch_siblings()  # for the process's whole life
 
 
 def _ground_in_worker(batch: list[tuple[int, str, list[str]]]) -> list[Result]:
@@ -360,7 +366,7 @@ def ground_pages(
     work = batches(tasks, jobs)
     if jobs <= 1:
         worker = Worker(index, tree, quota)
-        restore = worker.time_siblings()
+        restore = worker.patch_siblings()
         try:
             for batch in work:
                 yield from worker.ground(batch)

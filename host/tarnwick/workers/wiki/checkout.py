@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import codecs
 import os
 from collections.abc import Callable
 
@@ -29,8 +30,8 @@ def checkout_reader(root: str | os.PathLike[str]) -> Callable[[str], list[str] |
             with open(os.path.join(base, path), "rb") as file:
                 data = file.read()
             text = python_source_text(data) if path.endswith(PYTHON_SUFFIXES) and _may_name_coding(data) else None
-            if text is None:
-                text = data.decode("utf-8-sig")
+            if text is None:  # UTF-8 without a byte order mark; the codec that drops one is written in Python
+                text = data[3:].decode() if data.startswith(codecs.BOM_UTF8) else data.decode()
         except (OSError, UnicodeDecodeError, SyntaxError, ValueError):
             # ValueError covers paths the OS cannot even express (a NUL byte);
             # SyntaxError a coding line that names no known encoding.
@@ -45,4 +46,4 @@ def _may_name_coding(data: bytes) -> bool:
     text is its bytes as UTF-8, a byte order mark dropped, and the slower reading that looks
     for the coding line is skipped."""
     end = data.find(b"\n", data.find(b"\n") + 1)
-    return b"coding" in (data if end < 0 else data[:end])
+    return data.find(b"coding", 0, len(data) if end < 0 else end) >= 0
