@@ -71,8 +71,8 @@ install_packages() {
   rm -rf build/dist
   pip_quiet wheel --no-build-isolation --no-deps -w build/dist . -Ccmake.define.SCOPE_WERROR=ON
   # The module from its wheel; the host package editable, so that the tool
-  # runs the stand-ins as they are checked out.
+  # runs the stand-ins as they are checked out, with the libraries it
+  # depends on at the versions host/pyproject.toml pins.
   pip_quiet install --no-deps --force-reinstall build/dist/tarnwick_wiki_scope-*.whl
-  # The host package's own dependencies (the pinned parsers) come with it.
   pip_quiet install --no-build-isolation -e ./host
 }

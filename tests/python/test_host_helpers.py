@@ -50,6 +50,11 @@ DOC = '"""Loads the facts\n    of one page. Then, e.g. more.\n\nDetails follow.\
     (["import os", '"""Not a docstring."""'], ""),
     (["#include <stdio.h>", "/* after code */"], ""),
     (["", "   "], ""), ([], ""),
+    # Statements that begin or end far down a long file.
+    (["# note"] * 70 + ['"""Late docstring."""'] + ["x = 1"] * 100, "Late docstring."),
+    (['"""'] + ["word"] * 600 + ["end.", '"""'], " ".join(["word"] * 600 + ["end."])),
+    (['"""'] + ["Copyright (c) 2020 ACME."] + [""] * 100 + ["#"] * 100, ""),
+    ((line for line in ["# Made", "# lazily."] + ["x = 1"] * 100), "Made lazily."),
 ])
 def test_file_summary(lines, expected):
     assert file_summary(lines) == expected
@@ -58,13 +63,15 @@ def test_file_summary(lines, expected):
 def test_checkout_reader(tmp_path):
     latin = "# coding: latin-1\n# Caf\u00e9\n".encode("latin-1")
     write_tree(tmp_path, {}, {"src/a.py": b"\xef\xbb\xbfone\r\ntwo\n\nfour", "latin.py": latin, "latin.txt": latin,
-                              "cookie.py": b"# coding: nosuch\n", "empty.txt": b"", "blob.bin": b"\xff\xfe\x00bad"})
+                              "cookie.py": b"# coding: nosuch\n", "empty.txt": b"", "blob.bin": b"\xff\xfe\x00bad",
+                              "second.py": b"#!/bin/python\n" + latin, "third.py": b"\n\n" + latin})
     (tmp_path.parent / "outside.txt").write_text("secret\n")
     read = checkout_reader(str(tmp_path))
     assert read("src/a.py") == ["one", "two", "", "four"]
     assert read("latin.py") == ["# coding: latin-1", "# Caf\u00e9"]  # coding lines count in Python sources only
+    assert read("second.py") == ["#!/bin/python", "# coding: latin-1", "# Caf\u00e9"]
     assert read("empty.txt") == []
-    for unreadable in ["missing.py", "src", "", "blob.bin", "latin.txt", "cookie.py", "../outside.txt",
+    for unreadable in ["third.py", "missing.py", "src", "", "blob.bin", "latin.txt", "cookie.py", "../outside.txt",
                        str(tmp_path / "src" / "a.py"), "nul\0byte"]:
         assert read(unreadable) is None, unreadable
     if os.geteuid() != 0:  # root reads files without permission

@@ -1,13 +1,16 @@
 """The host's index database, its grounding queries and the import-reach query."""
 
+import random
 import sqlite3
 
 import pytest
 
+import scope
 from tarnwick.storage.database import Database
 from tarnwick.storage.grounding_queries import (
     InboundReference,
     OutboundReference,
+    PrefetchedIndex,
     ScopeFile,
     ScopeSymbol,
     import_resolved_languages,
@@ -125,3 +128,36 @@ def test_a_file_index_survives_reopening_and_opens_read_only(tmp_path):
         assert [s.is_export for s in scope_symbols(db, [file_id])] == [True, False]
         with pytest.raises(sqlite3.OperationalError):
             db.add_file("src/y.go")
+
+
+TREE = ["a.py", "pkg/b.py", "pkg/c.py", "pkg/é.py", "pkg/z/d.py", "tests/test_b.py", "tests/test_c.py", "Z.md"]
+
+
+@pytest.mark.parametrize("seed", range(12))
+def test_a_batch_answers_every_page_as_the_index_does(seed):
+    """Random trees and batches of pages: overlapping, with paths twice, unknown or unindexed; a page read
+    from the batch gets the records, their order and the facts that the page's own queries give."""
+    rng = random.Random(seed)
+    with Database() as db:
+        tree = rng.sample(TREE, rng.randint(3, len(TREE)))
+        db.add_files([(path, rng.choice(["python", "go", None])) for path in tree])
+        db.add_resolved_languages(rng.sample(["python", "go"], rng.randint(0, 2)))
+        symbols = db.add_symbols([(rng.choice(tree), f"n{n}", f"m.n{n}", rng.choice(["function", "class", "field"]),
+                                   line, line + rng.randint(0, 3), rng.random() < 0.5)
+                                  for n, line in enumerate(rng.choices(range(1, 9), k=rng.randint(0, 30)))])
+        if symbols:
+            db.add_references([(rng.choice(tree), rng.choice(symbols), rng.choice(["import", "local", "unique"]),
+                                rng.randint(0, 3)) for _ in range(rng.randint(0, 80))])
+        pages = [rng.sample(tree + ["nowhere.py"], rng.randint(0, 4)) for _ in range(rng.randint(1, 5))]
+        pages.append(pages[0] + pages[0][:1])
+        batch = PrefetchedIndex(db, pages[: rng.randint(1, len(pages))])
+        for paths in pages:
+            files = scope_files(db, paths)
+            ids = [f.id for f in files]
+            assert scope_files(batch, paths) == files
+            for query in (scope_symbols, inbound_references, outbound_references):
+                assert query(batch, ids) == query(db, ids)
+            assert importing_tests(batch, files) == importing_tests(db, files)
+            assert import_resolved_languages(batch, ["go", "rust"]) == import_resolved_languages(db, ["go", "rust"])
+            read_lines = lambda path: ["x"]  # noqa: E731
+            assert scope.load_scope_facts(batch, paths, read_lines) == scope.load_scope_facts(db, paths, read_lines)

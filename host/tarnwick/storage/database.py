@@ -99,8 +99,10 @@ CREATE TABLE IF NOT EXISTS refs (
     resolution     TEXT NOT NULL,
     count          INTEGER NOT NULL DEFAULT 1 CHECK (count >= 0)
 );
-CREATE INDEX IF NOT EXISTS refs_by_target ON refs(target_id);
-CREATE INDEX IF NOT EXISTS refs_by_source ON refs(source_file_id);
+-- Both indexes cover the grounding queries' grouping (source, target,
+-- resolution, count), so that those never read the table's rows.
+CREATE INDEX IF NOT EXISTS refs_by_target ON refs(target_id, source_file_id, resolution, count);
+CREATE INDEX IF NOT EXISTS refs_by_source ON refs(source_file_id, target_id, resolution, count);
 CREATE TABLE IF NOT EXISTS resolved_languages (
     language TEXT PRIMARY KEY
 );

@@ -11,8 +11,12 @@ SQLite's binary order on UTF-8, which is code point order.
 from __future__ import annotations
 
 import json
-from collections.abc import Iterable
-from dataclasses import dataclass
+from collections import Counter, deque
+from collections.abc import Callable, Iterable, Sequence
+from dataclasses import dataclass, fields
+from itertools import chain, repeat
+from operator import attrgetter
+from typing import Any
 
 from tarnwick.storage.database import Database
 
@@ -67,6 +71,36 @@ class OutboundReference:
     refs: int
 
 
+def _records(cls: type, count: int, *columns: Iterable[Any]) -> list[Any]:
+    """``count`` records of ``cls`` from the columns of its fields in order, equal to
+    ``cls(*row)`` for each row.  The records are made bare, then each column is set through
+    its slot's setter: a pass in C per field rather than Python code per record, which makes
+    the many records of a page in a fraction of the time a frozen dataclass's ``__init__``
+    takes (it sets each field through ``object.__setattr__``)."""
+    records = list(map(object.__new__, repeat(cls, count)))
+    for f, column in zip(fields(cls), columns, strict=True):
+        deque(map(getattr(cls, f.name).__set__, records, column), maxlen=0)
+    return records
+
+
+def _columns(rows: list[tuple], width: int) -> list[tuple]:
+    """The rows' columns, ``width`` of them even when there are no rows."""
+    return list(zip(*rows, strict=True)) if rows else [()] * width
+
+
+def _files(rows: list[tuple]) -> list[ScopeFile]:
+    """Files from (id, path, language) rows."""
+    return _records(ScopeFile, len(rows), *_columns(rows, 3))
+
+
+def _symbols(rows: list[tuple], path_of: Callable[[Any], str] | None = None) -> list[ScopeSymbol]:
+    """Declarations from (id, path, name, fqn, kind, start line, end line, exported) rows;
+    with ``path_of``, the rows hold a file id where the path goes."""
+    id_, path, name, fqn, kind, start, end, exported = _columns(rows, 8)
+    paths = path if path_of is None else map(path_of, path)
+    return _records(ScopeSymbol, len(rows), id_, paths, name, fqn, kind, start, end, map(bool, exported))
+
+
 def _json_list(values: Iterable[object], what: str) -> str:
     # A lone string is iterable too; passing one where a list is meant would
     # silently query its characters.
@@ -85,8 +119,11 @@ ORDER BY f.path
 
 def scope_files(db: Database, paths: Iterable[str]) -> tuple[ScopeFile, ...]:
     """The indexed files among ``paths``, ordered by path; unknown paths are left out."""
+    page = _prefetched(db, "paths", paths)
+    if page is not None:
+        return page.files
     rows = db.query(_SCOPE_FILES, (_json_list(paths, "paths"),))
-    return tuple(ScopeFile(*row) for row in rows)
+    return tuple(_files(rows))
 
 
 _SCOPE_SYMBOLS = """
@@ -98,26 +135,32 @@ ORDER BY f.path, d.start_line, d.id
 """
 
 
-def _symbol(row: tuple) -> ScopeSymbol:
-    id_, path, name, fqn, kind, start_line, end_line, exported = row
-    return ScopeSymbol(id_, path, name, fqn, kind, start_line, end_line, bool(exported))
-
-
 def scope_symbols(db: Database, ids: Iterable[int]) -> tuple[ScopeSymbol, ...]:
     """The declarations of the files with these ids, by (path, start line, id)."""
+    page = _prefetched(db, "ids", ids)
+    if page is not None:
+        return page.symbols
     rows = db.query(_SCOPE_SYMBOLS, (_json_list(ids, "ids"),))
-    return tuple(_symbol(row) for row in rows)
+    return tuple(_symbols(rows))
 
 
+# Grouped by ids first, so that SQLite sorts integers rather than strings; the
+# paths and names are joined to the groups afterwards.
 _INBOUND = """
-SELECT sf.path, d.id, tf.path, d.name, d.kind, r.resolution, SUM(r.count)
-FROM refs AS r
-JOIN declarations AS d ON d.id = r.target_id
+WITH grouped AS (
+    SELECT r.source_file_id AS source_id, r.target_id AS target_id, r.resolution AS resolution,
+           SUM(r.count) AS refs
+    FROM declarations AS d
+    JOIN refs AS r ON r.target_id = d.id
+    WHERE d.file_id IN (SELECT value FROM json_each(?))
+    GROUP BY r.source_file_id, r.target_id, r.resolution
+)
+SELECT sf.path, d.id, tf.path, d.name, d.kind, g.resolution, g.refs
+FROM grouped AS g
+JOIN files AS sf ON sf.id = g.source_id
+JOIN declarations AS d ON d.id = g.target_id
 JOIN files AS tf ON tf.id = d.file_id
-JOIN files AS sf ON sf.id = r.source_file_id
-WHERE d.file_id IN (SELECT value FROM json_each(?))
-GROUP BY sf.path, d.id, tf.path, d.name, d.kind, r.resolution
-ORDER BY sf.path, d.id, r.resolution
+ORDER BY sf.path, d.id, g.resolution
 """
 
 
@@ -128,22 +171,29 @@ def inbound_references(db: Database, ids: Iterable[int]) -> tuple[InboundReferen
     summing the counts of its rows; ordered by source path, target id and
     resolution.
     """
+    page = _prefetched(db, "ids", ids)
+    if page is not None:
+        return page.inbound
     rows = db.query(_INBOUND, (_json_list(ids, "ids"),))
-    return tuple(InboundReference(*row) for row in rows)
+    return tuple(_records(InboundReference, len(rows), *_columns(rows, 7)))
 
 
 _OUTBOUND = """
+WITH grouped AS (
+    SELECT r.source_file_id AS source_id, r.target_id AS target_id, r.resolution AS resolution,
+           SUM(r.count) AS refs
+    FROM refs AS r
+    WHERE r.source_file_id IN (SELECT value FROM json_each(?))
+    GROUP BY r.source_file_id, r.target_id, r.resolution
+)
 SELECT sf.path,
        d.id, tf.path, d.name, d.fqn, d.kind, d.start_line, d.end_line, d.exported,
-       r.resolution, SUM(r.count)
-FROM refs AS r
-JOIN files AS sf ON sf.id = r.source_file_id
-JOIN declarations AS d ON d.id = r.target_id
+       g.resolution, g.refs
+FROM grouped AS g
+JOIN files AS sf ON sf.id = g.source_id
+JOIN declarations AS d ON d.id = g.target_id
 JOIN files AS tf ON tf.id = d.file_id
-WHERE r.source_file_id IN (SELECT value FROM json_each(?))
-GROUP BY sf.path, d.id, tf.path, d.name, d.fqn, d.kind, d.start_line, d.end_line,
-         d.exported, r.resolution
-ORDER BY sf.path, d.id, r.resolution
+ORDER BY sf.path, d.id, g.resolution
 """
 
 
@@ -153,15 +203,17 @@ def outbound_references(db: Database, ids: Iterable[int]) -> tuple[OutboundRefer
     Grouped and ordered like ``inbound_references``.  Records that reach the
     same declaration share one ``ScopeSymbol``.
     """
+    page = _prefetched(db, "ids", ids)
+    if page is not None:
+        return page.outbound
     rows = db.query(_OUTBOUND, (_json_list(ids, "ids"),))
-    targets: dict[int, ScopeSymbol] = {}
-    result = []
-    for row in rows:
-        target = targets.get(row[1])
-        if target is None:
-            target = targets[row[1]] = _symbol(row[1:9])
-        result.append(OutboundReference(row[0], target, row[9], row[10]))
-    return tuple(result)
+    columns = _columns(rows, 11)
+    unique = {row[1]: row[1:9] for row in rows}
+    targets = dict(zip(unique, _symbols(list(unique.values())), strict=True))
+    made = _records(
+        OutboundReference, len(rows), columns[0], map(targets.__getitem__, columns[1]), columns[9], columns[10]
+    )
+    return tuple(made)
 
 
 _RESOLVED_LANGUAGES = """
@@ -173,5 +225,181 @@ WHERE language IN (SELECT value FROM json_each(?))
 
 def import_resolved_languages(db: Database, languages: Iterable[str]) -> frozenset[str]:
     """Those of ``languages`` whose imports the index resolves."""
+    if isinstance(db, PrefetchedIndex) and not isinstance(languages, (str, bytes)):
+        return frozenset(language for language in languages if language in db.resolved_languages)
     rows = db.query(_RESOLVED_LANGUAGES, (_json_list(languages, "languages"),))
     return frozenset(row[0] for row in rows)
+
+
+# -- a batch of pages, read in bulk ----------------------------------------------------------------
+
+
+@dataclass(frozen=True, slots=True)
+class PrefetchedPage:
+    """The answers of the grounding queries for one page of a batch."""
+
+    files: tuple[ScopeFile, ...]
+    symbols: tuple[ScopeSymbol, ...]
+    inbound: tuple[InboundReference, ...]
+    outbound: tuple[OutboundReference, ...]
+
+
+def _prefetched(db: Any, by: str, values: Iterable[Any]) -> PrefetchedPage | None:
+    """The page of a `PrefetchedIndex` that ``values`` (its paths, or its files' ids) name, if any."""
+    if not isinstance(db, PrefetchedIndex) or isinstance(values, (str, bytes)):
+        return None
+    return db.pages.get((by, tuple(values)))
+
+
+_BATCH_FILES = """
+SELECT f.id, f.path, f.language
+FROM files AS f
+WHERE f.path IN (SELECT value FROM json_each(?))
+ORDER BY f.path
+"""
+
+_BATCH_SYMBOLS = """
+SELECT d.id, d.file_id, d.name, d.fqn, d.kind, d.start_line, d.end_line, d.exported
+FROM declarations AS d
+WHERE d.file_id IN (SELECT value FROM json_each(?))
+ORDER BY d.file_id, d.start_line, d.id
+"""
+
+_BATCH_TARGETS = """
+SELECT d.id, f.path, d.name, d.fqn, d.kind, d.start_line, d.end_line, d.exported
+FROM declarations AS d
+JOIN files AS f ON f.id = d.file_id
+WHERE d.id IN (SELECT value FROM json_each(?))
+"""
+
+# Grouped by ids first, as the page's query groups them, then put in the order
+# of the pages' records; the target's path, name and kind are the batch's own.
+_BATCH_INBOUND = """
+WITH grouped AS (
+    SELECT r.source_file_id AS source_id, r.target_id AS target_id, r.resolution AS resolution,
+           SUM(r.count) AS refs
+    FROM declarations AS d
+    JOIN refs AS r ON r.target_id = d.id
+    WHERE d.file_id IN (SELECT value FROM json_each(?))
+    GROUP BY r.source_file_id, r.target_id, r.resolution
+)
+SELECT sf.path, g.target_id, g.resolution, g.refs
+FROM grouped AS g
+JOIN files AS sf ON sf.id = g.source_id
+ORDER BY sf.path, g.target_id, g.resolution
+"""
+
+_BATCH_OUTBOUND = """
+SELECT r.source_file_id, r.target_id, r.resolution, SUM(r.count)
+FROM refs AS r
+WHERE r.source_file_id IN (SELECT value FROM json_each(?))
+GROUP BY r.source_file_id, r.target_id, r.resolution
+ORDER BY r.source_file_id, r.target_id, r.resolution
+"""
+
+_id = attrgetter("id")
+_by_path = attrgetter("path")
+_name = attrgetter("name")
+_kind = attrgetter("kind")
+
+
+def _runs(keys: Sequence[str], records: list) -> dict[str, list]:
+    """The records split into the runs of equal keys that ``keys`` (one per record, in runs) mark."""
+    runs: dict[str, list] = {}
+    begin = 0
+    for key, count in Counter(keys).items():  # keys in order of first sight, which is run order
+        runs[key] = records[begin : begin + count]
+        begin += count
+    return runs
+
+
+class PrefetchedIndex:
+    """An open index whose grounding queries for a batch of pages are answered from a few
+    bulk reads.
+
+    A wiki grounds every page, so a batch's files are read with one statement
+    per table instead of five per page, and every row becomes a record once.
+    The queries of this module answer a page of the batch (asked for by its
+    paths, or by the ids of its files, as `load_scope_facts` asks) from here,
+    with the same records in the same order as a query of the index would
+    give; anything else goes to the index through `query`.  A batch holds
+    all its pages' records at once, so the caller keeps batches small.
+    """
+
+    def __init__(self, db: Any, pages: Sequence[Sequence[str]]) -> None:
+        self.db = db
+        self.pages: dict[tuple[str, tuple], PrefetchedPage] = {}
+        wanted = list(dict.fromkeys(path for paths in pages for path in paths))
+        files = {file.path: file for file in _files(db.query(_BATCH_FILES, (json.dumps(wanted),)))}
+        page_files = [
+            tuple(sorted({files[p].id: files[p] for p in paths if p in files}.values(), key=_by_path))
+            for paths in pages
+        ]
+        path_of = {file.id: file.path for file in files.values()}
+        ids = json.dumps(list(path_of))
+
+        # Every file's declarations, in line order; the records are shared by
+        # the pages and by the references that reach them.
+        made = _symbols(db.query(_BATCH_SYMBOLS, (ids,)), path_of.__getitem__)
+        symbols: dict[int, ScopeSymbol] = dict(zip(map(_id, made), made, strict=True))
+        symbols_of = _runs(list(map(_by_path, made)), made)
+
+        # Inbound records come in the pages' order; each goes to the pages of its target's file.
+        inbound: list[list[InboundReference]] = [[] for _ in page_files]
+        pages_of: dict[str, list[list[InboundReference]]] = {path: [] for path in files}
+        for held, records in zip(page_files, inbound, strict=True):
+            for file in held:
+                pages_of[file.path].append(records)
+        source, target_id, resolution, refs = _columns(db.query(_BATCH_INBOUND, (ids,)), 4)
+        targets = list(map(symbols.__getitem__, target_id))
+        target_paths = list(map(_by_path, targets))
+        made = _records(
+            InboundReference,
+            len(source),
+            source,
+            target_id,
+            target_paths,
+            map(_name, targets),
+            map(_kind, targets),
+            resolution,
+            refs,
+        )
+        for into, record in zip(map(pages_of.__getitem__, target_paths), made, strict=True):
+            for records in into:
+                records.append(record)
+
+        # Outbound records by source file, in (target id, resolution) order; a
+        # page's are its files' in path order.
+        source_id, target_id, resolution, refs = _columns(db.query(_BATCH_OUTBOUND, (ids,)), 4)
+        missing = [target for target in dict.fromkeys(target_id) if target not in symbols]
+        if missing:
+            more = _symbols(db.query(_BATCH_TARGETS, (json.dumps(missing),)))
+            symbols.update(zip(map(_id, more), more, strict=True))
+        source_paths = list(map(path_of.__getitem__, source_id))
+        made = _records(
+            OutboundReference, len(source_paths), source_paths, map(symbols.__getitem__, target_id), resolution, refs
+        )
+        outbound_of = _runs(source_paths, made)
+
+        for paths, held, page_inbound in zip(pages, page_files, inbound, strict=True):
+            page = PrefetchedPage(
+                held,
+                tuple(chain.from_iterable(symbols_of.get(file.path, ()) for file in held)),
+                tuple(page_inbound),
+                tuple(chain.from_iterable(outbound_of.get(file.path, ()) for file in held)),
+            )
+            self.pages[("paths", tuple(paths))] = page
+            self.pages[("ids", tuple(file.id for file in held))] = page
+        self.resolved_languages = frozenset(row[0] for row in db.query("SELECT language FROM resolved_languages"))
+
+    def query(self, sql: str, params: Sequence[Any] = ()) -> list[tuple]:
+        return self.db.query(sql, params)
+
+    def import_sources(self, files: Sequence[ScopeFile]) -> list[tuple[str, str]] | None:
+        """(target path, source path) of the import references that reach ``files`` from other
+        files, distinct and ordered, when they are a page of the batch; else None."""
+        page = self.pages.get(("ids", tuple(file.id for file in files)))
+        if page is None:
+            return None
+        pairs = {(ref.target_path, ref.source_path) for ref in page.inbound if ref.resolution == "import"}
+        return sorted(pair for pair in pairs if pair[0] != pair[1])

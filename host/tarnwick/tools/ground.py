@@ -1,6 +1,7 @@
 """Ground one wiki page of a source tree and print it as Markdown.
 
-    python3 -m tarnwick.tools.ground [PAGE ...] [--tree DIR] [--index FILE]
+    python3 -m tarnwick.tools.ground [page] [PAGE ...] [--tree DIR] [--index FILE]
+    python3 -m tarnwick.tools.ground wiki [--tree DIR] --out DIR [--pages FILE] [--jobs N]
 
 The tree is indexed into a SQLite file, which every later run first brings
 up to date (files changed, added or removed since are indexed again; see
@@ -13,7 +14,9 @@ the module's calls took closes the document.
 
 PAGE arguments are paths or glob patterns ("email/*.py") relative to the
 tree. With no arguments the tool grounds a page of the `email` package of
-this interpreter's own standard library.
+this interpreter's own standard library.  The sub-command `wiki` grounds
+every page of the tree and writes the wiki as a folder of Markdown (see
+`tarnwick.tools.wiki`); `ground_page` is the one function both use.
 """
 
 from __future__ import annotations
@@ -25,6 +28,7 @@ import os
 import sys
 import textwrap
 import time
+from dataclasses import dataclass
 from pathlib import Path
 
 from tarnwick.indexer.index_file import IndexFileError, IndexingInterrupted, TreeSettings, current_index, printable
@@ -43,11 +47,22 @@ EPILOG = [
     f"{', '.join(DEFAULT_PAGE)} of the standard library.",
     f"The index of a tree is {{home}}/<tree name>-<hash of its path>-{PYTHON}.sqlite unless --index names "
     "another file. Each run first brings it up to date: files changed, added or removed since are indexed again.",
+    "'ground wiki --out DIR' grounds every page of the tree and writes the wiki into DIR (see 'ground wiki --help').",
 ]
 
 
 class GroundError(Exception):
     """A problem with the user's input or the index, reported as one line."""
+
+
+@dataclass(frozen=True)
+class Quota:
+    """How many declaration blocks a page gets and how they spread, and how many neighbours it lists."""
+
+    total: int = 24
+    floor: int = 2
+    max_share: float = 0.4
+    neighbours: int = 12
 
 
 class _Parser(argparse.ArgumentParser):
@@ -97,20 +112,17 @@ def _share(text: str) -> float:
     return value
 
 
-def _parser() -> _Parser:
-    epilog = "\n\n".join(
+def _epilog(paragraphs: list[str]) -> str:
+    return "\n\n".join(
         textwrap.fill(
             paragraph.format(home=printable(index_home())), 79, break_long_words=False, break_on_hyphens=False
         )
-        for paragraph in EPILOG
+        for paragraph in paragraphs
     )
-    parser = _Parser(
-        prog="ground",
-        description=__doc__.split("\n\n")[0],
-        epilog=epilog,
-        formatter_class=argparse.RawDescriptionHelpFormatter,
-    )
-    parser.add_argument("page", nargs="*", help="paths or glob patterns of the page's files, relative to the tree")
+
+
+def add_tree_options(parser: argparse.ArgumentParser) -> None:
+    """The options that choose the tree and its index, and the quota of each page."""
     parser.add_argument("--tree", type=Path, help="root of the source tree (default: the standard library)")
     parser.add_argument("--index", type=Path, help="index file (default: see below)")
     parser.add_argument("--reindex", action="store_true", help="index the whole tree again, reusing nothing")
@@ -128,6 +140,29 @@ def _parser() -> _Parser:
         "--max-share", type=_share, default=0.4, help="largest share of one file, from 0 to 1 (default 0.4)"
     )
     parser.add_argument("--neighbours", type=_count, default=12, help="neighbours to list (default 12)")
+
+
+def resolve_tree(parser: argparse.ArgumentParser, args: argparse.Namespace) -> None:
+    """Set `args.tree` to the resolved tree, the standard library by default."""
+    tree = (args.tree or default_tree()).resolve()
+    if not tree.is_dir():
+        parser.error(f"argument --tree: no such directory: {printable(args.tree)}")
+    args.tree = tree
+
+
+def quota(args: argparse.Namespace) -> Quota:
+    return Quota(args.total, args.floor, args.max_share, args.neighbours)
+
+
+def _parser() -> _Parser:
+    parser = _Parser(
+        prog="ground",
+        description=__doc__.split("\n\n")[0],
+        epilog=_epilog(EPILOG),
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+    )
+    parser.add_argument("page", nargs="*", help="paths or glob patterns of the page's files, relative to the tree")
+    add_tree_options(parser)
     return parser
 
 
@@ -135,15 +170,12 @@ def parse_args(argv: list[str]) -> argparse.Namespace:
     """The arguments, with `tree` resolved; a bad one exits with status 2."""
     parser = _parser()
     args = parser.parse_args(argv)
-    tree = (args.tree or default_tree()).resolve()
-    if not tree.is_dir():
-        parser.error(f"argument --tree: no such directory: {printable(args.tree)}")
+    resolve_tree(parser, args)
     for page in args.page:
         if os.path.isabs(page):
-            inside = os.path.relpath(page, tree)
+            inside = os.path.relpath(page, args.tree)
             hint = f"; write {inside!r}" if not inside.startswith("..") else ""
-            parser.error(f"page paths are relative to the tree {printable(tree)}: {page!r} is absolute{hint}")
-    args.tree = tree
+            parser.error(f"page paths are relative to the tree {printable(args.tree)}: {page!r} is absolute{hint}")
     return args
 
 
@@ -204,30 +236,49 @@ NAME_MATCHES_NOTE = (
 )
 
 
-def ground(args: argparse.Namespace) -> str:
+@dataclass
+class Page:
+    """One grounded page: its document and what the wiki's index page says of it."""
+
+    document: str
+    files: int
+    declarations: int
+    # Production files outside the page that use it, with the references
+    # counted as the consumers section counts them.
+    consumers: dict[str, int]
+    unused: int
+
+
+def ground_page(db, read_lines, paths: list[str], heading: str, quota: Quota, timer: Timer | None = None) -> Page:
+    """Ground the page of `paths` from the open index `db` and the checkout's `read_lines`.
+
+    The document holds the file cards, the consumers, the declaration
+    blocks, the seeds, the neighbours and the name matches, and nothing that
+    changes from run to run: the same index gives the same bytes.  The
+    module's calls go through `timer` when one is given.
+    """
     import scope
-    from tarnwick.workers.wiki.checkout import checkout_reader
 
-    with open_index(args) as db:
-        paths = page_paths(db, args.page or DEFAULT_PAGE)
-        timer = Timer()
-        facts = timer(scope.load_scope_facts, db, paths, checkout_reader(args.tree))
+    call = timer or (lambda function, *args: function(*args))
+    facts = call(scope.load_scope_facts, db, paths, read_lines)
     missing = [path for path in paths if path not in facts.paths]
-    fan_in = timer(scope.production_fan_in, facts)
-    cards = timer(scope.render_file_cards, facts, fan_in, "## Files", missing)
-    consumers = timer(scope.render_consumers, facts, fan_in, "## Consumers")
-    ranked = timer(scope.ranked_by_file, facts, fan_in)
-    blocks = timer(scope.select_with_quota, ranked, fan_in, args.total, args.floor, args.max_share)
-    seeds = timer(scope.file_seeds, facts, fan_in)
-    closest = timer(scope.neighbours, facts, args.neighbours)
-    name_matches = timer(scope.name_match_counts, facts)
+    fan_in = call(scope.production_fan_in, facts)
+    cards = call(scope.render_file_cards, facts, fan_in, "## Files", missing)
+    consumers = call(scope.render_consumers, facts, fan_in, "## Consumers")
+    ranked = call(scope.ranked_by_file, facts, fan_in)
+    blocks = call(scope.select_with_quota, ranked, fan_in, quota.total, quota.floor, quota.max_share)
+    seeds = call(scope.file_seeds, facts, fan_in)
+    closest = call(scope.neighbours, facts, quota.neighbours)
+    name_matches = call(scope.name_match_counts, facts)
+    users, used = _consumer_files(facts)
+    unused = call(scope._unused_outside, facts, used, fan_in)
 
-    out = [f"# Grounding of {plural(len(paths), 'file')} in `{printable(args.tree)}`", "", cards, consumers]
+    out = [f"# {heading}", "", cards, consumers]
     out += [
         "## Declaration blocks",
         "",
-        f"{len(blocks)} of {plural(len(facts.symbols), 'declaration')} (total {args.total}, floor {args.floor}, "
-        f"max share {args.max_share}), every file's best first:",
+        f"{len(blocks)} of {plural(len(facts.symbols), 'declaration')} (total {quota.total}, floor {quota.floor}, "
+        f"max share {quota.max_share}), every file's best first:",
         "",
     ]
     out += [f"- `{s.name}` ({s.kind}, `{s.path}:L{s.start_line}-{s.end_line}`)" for s in blocks]
@@ -239,15 +290,53 @@ def ground(args: argparse.Namespace) -> str:
     out += [f"- `{source}` -> `{target}`: {plural(count, 'ref')}" for (source, target), count in name_matches.items()]
     if not name_matches:
         out.append("None.")
+    out.append("")
+    return Page("\n".join(out), len(facts.files), len(facts.symbols), users, len(unused))
+
+
+def _consumer_files(facts) -> tuple[dict[str, int], set[int]]:
+    """The production files outside the page that use it, with their counted
+    references, and the ids of the page's declarations they use: the
+    consumers section's count."""
+    import scope
+
+    users: dict[str, int] = {}
+    used: set[int] = set()
+    inside, tests, resolved = facts.paths, facts.test_sources, facts.import_resolved
+    for ref in facts.inbound:
+        source = ref.source_path
+        if source in inside or source in tests:
+            continue
+        if scope.is_use(ref.resolution, ref.target_kind, resolved(ref.target_path)):
+            users[source] = users.get(source, 0) + ref.refs
+            used.add(ref.target_id)
+    return users, used
+
+
+def ground(args: argparse.Namespace) -> str:
+    """The one-page document, closed by the time the module's calls took."""
+    from tarnwick.workers.wiki.checkout import checkout_reader
+
+    timer = Timer()
+    with open_index(args) as db:
+        paths = page_paths(db, args.page or DEFAULT_PAGE)
+        heading = f"Grounding of {plural(len(paths), 'file')} in `{printable(args.tree)}`"
+        page = ground_page(db, checkout_reader(args.tree), paths, heading, quota(args), timer)
     total = sum(timer.spent.values())
     detail = ", ".join(f"{name} {seconds * 1e3:.1f} ms" for name, seconds in timer.spent.items())
-    out += ["", "---", f"Module calls took {total * 1e3:.1f} ms: {detail}.", ""]
-    return "\n".join(out)
+    return f"{page.document}\n---\nModule calls took {total * 1e3:.1f} ms: {detail}.\n"
 
 
 def main(argv: list[str] | None = None) -> int:
+    argv = sys.argv[1:] if argv is None else argv
+    if argv[:1] == ["wiki"]:
+        from tarnwick.tools import wiki
+
+        return wiki.main(argv[1:])
+    if argv[:1] == ["page"]:
+        argv = argv[1:]
     try:
-        args = parse_args(sys.argv[1:] if argv is None else argv)
+        args = parse_args(argv)
         sys.stdout.write(ground(args))
     except SystemExit as done:  # --help, or a bad argument
         return done.code

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import re
 from collections.abc import Iterable
+from itertools import repeat
 
 from tarnwick.workers.wiki.comment_summary import comment_summary
 
@@ -51,6 +52,33 @@ def _as_text(line: object) -> str:
     return text.rstrip("\r\n")
 
 
+# Lines read before the rest of a file is looked at.
+_FIRST_LINES = 64
+
+
+class _Prefix(list):
+    """The first lines of a longer file."""
+
+
+class _BeyondPrefix(Exception):
+    """The summary depends on lines after the prefix."""
+
+
+def _at_end(lines: list[str]) -> None:
+    """Called where a scan runs out of lines: only the file's real end is one."""
+    if isinstance(lines, _Prefix):
+        raise _BeyondPrefix
+
+
+def _texts(lines: list | tuple) -> list[str]:
+    """The lines as text, as `_as_text` makes them.  Lines that are all str
+    (what a reader of the checkout returns) take one pass in C."""
+    try:
+        return list(map(str.rstrip, lines, repeat("\r\n", len(lines))))
+    except TypeError:  # some line is no str
+        return [_as_text(line) for line in lines]
+
+
 def _paragraphs(lines: Iterable[str]) -> list[list[str]]:
     """The runs of lines that hold a letter or a digit."""
     found: list[list[str]] = [[]]
@@ -78,6 +106,8 @@ def _docstring(lines: list[str], start: int, quote: str, body: str) -> list[str]
             text.append(line[: line.index(quote)])
             break
         text.append(line)
+    else:
+        _at_end(lines)
     # An unterminated docstring runs to the end of the file.
     return text
 
@@ -96,6 +126,7 @@ def _block_comment(lines: list[str], start: int) -> tuple[list[str], int]:
             text.append(line[:end])
             return text, index + 1
         text.append(line)
+    _at_end(lines)
     return text, len(lines)
 
 
@@ -130,6 +161,8 @@ def _header_comments(lines: list[str], start: int) -> list[list[str]]:
         elif blocks[-1]:
             blocks.append([])
         index += 1
+    else:
+        _at_end(lines)
     return [block for block in blocks if block]
 
 
@@ -166,17 +199,28 @@ def file_summary(lines: Iterable[str]) -> str:
         return ""
     if isinstance(lines, str):
         lines = lines.splitlines()
+    elif not isinstance(lines, (list, tuple)):
+        lines = list(lines)
     # Files of the C family open with `/*` or `//` comments: licence tags,
     # copyright lines and file names come before their prose.
-    if not isinstance(lines, (list, tuple)):
-        lines = list(lines)
     for line in lines:
         first = _as_text(line).lstrip("\ufeff").strip()
         if first:
             if first.startswith(("/*", "//")):
                 return comment_summary(_as_text(line) for line in lines)
             break
-    text = [_as_text(line) for line in lines]
+    # The statement of purpose opens the file: look at its first lines, and
+    # at more only when the answer could lie beyond them.
+    size = _FIRST_LINES
+    while size < len(lines):
+        try:
+            return _summary(_Prefix(_texts(lines[:size])))
+        except _BeyondPrefix:
+            size *= 8
+    return _summary(_texts(lines))
+
+
+def _summary(text: list[str]) -> str:
     if not text:
         return ""
     text[0] = text[0].removeprefix("\ufeff")
@@ -192,6 +236,8 @@ def file_summary(lines: Iterable[str]) -> str:
             summary = _prose(_docstring(text, index, opening.group(1), text[index][opening.end() :]))
             if summary:
                 return summary
+    else:
+        _at_end(text)
 
     for block in _header_comments(text, start):
         summary = _prose(block)

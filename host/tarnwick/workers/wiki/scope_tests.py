@@ -16,7 +16,7 @@ from typing import Any
 
 from tarnwick.models.edge import EVIDENCE_RESOLUTIONS
 from tarnwick.storage.database import Database
-from tarnwick.storage.grounding_queries import NAME_MATCH_KINDS, ScopeFile
+from tarnwick.storage.grounding_queries import NAME_MATCH_KINDS, PrefetchedIndex, ScopeFile
 from tarnwick.utils.path_filter import is_test_path
 
 _IMPORTING_SOURCES = """
@@ -42,7 +42,9 @@ def importing_tests(db: Database, files: Iterable[ScopeFile]) -> dict[str, froze
     itself.
     """
     files = list(files)
-    rows = db.query(_IMPORTING_SOURCES, (json.dumps([f.id for f in files]), "import"))
+    rows = db.import_sources(files) if isinstance(db, PrefetchedIndex) else None
+    if rows is None:
+        rows = db.query(_IMPORTING_SOURCES, (json.dumps([f.id for f in files]), "import"))
     is_test: dict[str, bool] = {}
     found: dict[str, set[str]] = {}
     for target_path, source_path in rows:

@@ -1,0 +1,288 @@
+"""The wiki of the standard library, grounded by this tree and by an earlier commit, side by side.
+
+    python3 bench/bench_wiki.py --old 600c772 [--rounds 5]
+
+The earlier commit's files are taken with `git archive` into
+build/bench-old-<commit>/, and its module is built there in Release, as this
+tree's is into build/rel/ (CMake and Ninja, two jobs).  Each side indexes the
+standard library with its own host package (the tool's default exclusions)
+into build/bench-wiki/, then grounds the same pages: one per folder that
+holds indexed files.
+
+Every round runs, each in a fresh process with that side's host/ and module
+on PYTHONPATH: the earlier commit serially (it has no wiki command: a small
+driver calls its `load_scope_facts` and the same pipeline page by page), this
+tree serially, and this tree with two worker processes (`ground wiki`'s
+own pool, its start included).  Each process grounds every page once to warm
+up and once timed; no files are written.  The best of the rounds counts, and
+the spread is printed beside it.  The time split sums, over the workers, the
+index's queries, reading and summarising files, and the module's own calls.
+The documents of both sides are compared (all but their first line, the
+heading, which differs).
+"""
+
+from __future__ import annotations
+
+import argparse
+import hashlib
+import json
+import os
+import resource
+import statistics
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[1]
+WORK = ROOT / "build" / "bench-wiki"
+
+
+def build(source: Path, build_dir: Path) -> Path:
+    """The Release module of `source`, built into `build_dir`; returns the folder that holds it."""
+    release = ["-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release", "-DSCOPE_BUILD_TESTS=OFF"]
+    subprocess.run(["cmake", "-S", source, "-B", build_dir, *release], check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--build", build_dir, "-j2"], check=True, stdout=subprocess.DEVNULL)
+    return build_dir / "python"
+
+
+def old_checkout(commit: str) -> tuple[str, Path]:
+    sha = subprocess.run(
+        ["git", "-C", ROOT, "rev-parse", "--short", f"{commit}^{{commit}}"], check=True, capture_output=True, text=True
+    ).stdout.strip()
+    folder = ROOT / "build" / f"bench-old-{sha}"
+    if not (folder / "CMakeLists.txt").exists():
+        folder.mkdir(parents=True, exist_ok=True)
+        archive = subprocess.run(["git", "-C", ROOT, "archive", sha], check=True, capture_output=True).stdout
+        subprocess.run(["tar", "-x", "-C", folder], input=archive, check=True)
+    return sha, folder
+
+
+def start(host: Path, module: Path, index: Path, pages: Path | None, jobs: int) -> subprocess.Popen:
+    env = dict(os.environ, PYTHONPATH=f"{module}{os.pathsep}{host}")
+    command = [sys.executable, __file__, "--drive", str(index), "--jobs", str(jobs)]
+    if pages is not None:
+        command += ["--pages", str(pages)]
+    return subprocess.Popen(command, env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, cwd=WORK)
+
+
+def finish(process: subprocess.Popen) -> dict:
+    out, err = process.communicate()
+    if process.returncode != 0:
+        sys.exit(f"bench_wiki: the driver failed:\n{err}")
+    return json.loads(out.splitlines()[-1])
+
+
+def drive(host: Path, module: Path, index: Path, pages: Path | None, jobs: int) -> dict:
+    return finish(start(host, module, index, pages, jobs))
+
+
+def drive_pair(host: Path, module: Path, index: Path, pages: Path) -> dict:
+    """Two serial runs at once, in processes of their own: how much of two cores the machine leaves us."""
+    first, second = (finish(process) for process in [start(host, module, index, pages, 1) for _ in range(2)])
+    return max(first, second, key=lambda run: run["seconds"])
+
+
+# -- the driver, run with one side's host/ and module on the path ------------------------------------------
+
+
+def driver(index: Path, pages_file: Path | None, jobs: int) -> dict:
+    from tarnwick.tools import ground
+
+    args = ground.parse_args(["--index", str(index)])
+    with ground.open_index(args) as db:  # built on the first call, checked afterwards
+        indexed = [row[0] for row in db.query("SELECT path FROM files ORDER BY path")]
+    if pages_file is None:
+        return {"indexed": indexed}
+    pages = json.loads(pages_file.read_text())
+    run = _new_side if hasattr(ground, "ground_page") else _old_side
+    run(index, args, pages, jobs)  # warm-up
+    return run(index, args, pages, jobs)
+
+
+def _new_side(index: Path, args, pages: list, jobs: int) -> dict:
+    from tarnwick.tools import ground, wiki
+
+    tasks = [(number, title, paths) for number, (title, paths) in enumerate(pages)]
+    documents: list[str] = [""] * len(pages)
+    split = wiki.Split()
+    cpu = _cpu()
+    begin = time.perf_counter()
+    for result in wiki.ground_pages(index, args.tree, ground.quota(args), tasks, jobs):
+        documents[result.number] = result.page.document
+        split.add(result.split)
+    seconds = time.perf_counter() - begin
+    return _summary(seconds, _cpu() - cpu, split.queries, split.files, split.module, documents)
+
+
+def _old_side(index: Path, args, pages: list, jobs: int) -> dict:
+    """The earlier commit's pipeline of one page, page after page, as its one-page command ran it."""
+    import scope
+    from tarnwick.storage.database import Database
+    from tarnwick.tools import ground
+    from tarnwick.workers.wiki.checkout import checkout_reader
+
+    spent = {"queries": 0.0, "files": 0.0}
+
+    def timed(function, bucket):
+        def call(*arguments):
+            begin = time.perf_counter()
+            try:
+                return function(*arguments)
+            finally:
+                spent[bucket] += time.perf_counter() - begin
+
+        return call
+
+    queries = ("scope_files", "inbound_references", "import_resolved_languages", "scope_symbols")
+    queries += ("outbound_references", "importing_tests")
+    originals = {name: getattr(scope, name) for name in (*queries, "file_summary")}
+    for name, function in originals.items():
+        setattr(scope, name, timed(function, "queries" if name in queries else "files"))
+    documents = []
+    cpu = _cpu()
+    begin = time.perf_counter()
+    try:
+        timer = ground.Timer()
+        with Database(index, readonly=True) as db:
+            read_lines = timed(checkout_reader(args.tree), "files")
+            for _title, paths in pages:
+                documents.append(_old_page(scope, timer, db, read_lines, paths, args))
+    finally:
+        for name, function in originals.items():
+            setattr(scope, name, function)
+    seconds = time.perf_counter() - begin
+    module = sum(timer.spent.values()) - spent["queries"] - spent["files"]
+    return _summary(seconds, _cpu() - cpu, spent["queries"], spent["files"], module, documents)
+
+
+def _old_page(scope, timer, db, read_lines, paths, args) -> str:
+    from tarnwick.tools.ground import NAME_MATCHES_NOTE, NEIGHBOURS_NOTE, plural
+
+    facts = timer(scope.load_scope_facts, db, paths, read_lines)
+    missing = [path for path in paths if path not in facts.paths]
+    fan_in = timer(scope.production_fan_in, facts)
+    cards = timer(scope.render_file_cards, facts, fan_in, "## Files", missing)
+    consumers = timer(scope.render_consumers, facts, fan_in, "## Consumers")
+    ranked = timer(scope.ranked_by_file, facts, fan_in)
+    blocks = timer(scope.select_with_quota, ranked, fan_in, args.total, args.floor, args.max_share)
+    seeds = timer(scope.file_seeds, facts, fan_in)
+    closest = timer(scope.neighbours, facts, args.neighbours)
+    name_matches = timer(scope.name_match_counts, facts)
+    out = ["# page", "", cards, consumers]
+    out += [
+        "## Declaration blocks",
+        "",
+        f"{len(blocks)} of {plural(len(facts.symbols), 'declaration')} (total {args.total}, floor {args.floor}, "
+        f"max share {args.max_share}), every file's best first:",
+        "",
+    ]
+    out += [f"- `{s.name}` ({s.kind}, `{s.path}:L{s.start_line}-{s.end_line}`)" for s in blocks]
+    out += ["", "## Seeds", ""]
+    out += [f"- `{path}`: lines {start}-{end}" for path, (start, end) in seeds.items()]
+    out += ["", "## Neighbours", "", NEIGHBOURS_NOTE, ""]
+    out += [f"- `{s.fqn}` (`{s.path}`, {s.kind}): {plural(count, 'ref')}" for s, count in closest] or ["None."]
+    out += ["", "## Name matches", "", NAME_MATCHES_NOTE, ""]
+    out += [f"- `{source}` -> `{target}`: {plural(count, 'ref')}" for (source, target), count in name_matches.items()]
+    if not name_matches:
+        out.append("None.")
+    out.append("")
+    return "\n".join(out)
+
+
+def _cpu() -> float:
+    """CPU seconds of this process and of its children that have ended (the pool's workers)."""
+    children = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return time.process_time() + children.ru_utime + children.ru_stime
+
+
+def _summary(seconds: float, cpu: float, queries: float, files: float, module: float, documents: list[str]) -> dict:
+    digest = hashlib.sha256()
+    for document in documents:
+        digest.update(document.partition("\n")[2].encode())
+    return {
+        "seconds": seconds,
+        "cpu": cpu,
+        "queries": queries,
+        "files": files,
+        "module": module,
+        "digest": digest.hexdigest(),
+    }
+
+
+# -- the comparison ---------------------------------------------------------------------------------------
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("--old", metavar="COMMIT", help="the earlier commit to compare with")
+    parser.add_argument("--rounds", type=int, default=5, help="rounds; the best counts (default 5)")
+    parser.add_argument("--drive", type=Path, help=argparse.SUPPRESS)
+    parser.add_argument("--pages", type=Path, help=argparse.SUPPRESS)
+    parser.add_argument("--jobs", type=int, default=1, help=argparse.SUPPRESS)
+    args = parser.parse_args()
+    if args.drive:
+        print(json.dumps(driver(args.drive, args.pages, args.jobs)))
+        return
+    if args.old is None:
+        parser.error("the earlier commit (--old COMMIT) is required")
+
+    WORK.mkdir(parents=True, exist_ok=True)
+    sha, old = old_checkout(args.old)
+    print(f"building the module of {sha} and of this tree (Release) ...", file=sys.stderr, flush=True)
+    sides = {
+        "old": (old / "host", build(old, old / "build" / "rel"), WORK / f"stdlib-{sha}.sqlite"),
+        "new": (ROOT / "host", build(ROOT, ROOT / "build" / "rel"), WORK / "stdlib-new.sqlite"),
+    }
+    indexed = {name: drive(host, module, index, None, 1)["indexed"] for name, (host, module, index) in sides.items()}
+    if indexed["old"] != indexed["new"]:
+        sys.exit("bench_wiki: the two sides indexed different files")
+    sys.path[:0] = [str(ROOT / "host")]
+    from tarnwick.tools.wiki import folder_pages
+
+    pages = folder_pages(indexed["new"])
+    pages_file = WORK / "pages.json"
+    pages_file.write_text(json.dumps(pages))
+    runs = {f"{sha}, serial": ("old", 1), "this tree, serial": ("new", 1), "this tree, 2 workers": ("new", 2)}
+    pair = "this tree, serial, two processes at once (the slower)"
+    results: dict[str, list[dict]] = {label: [] for label in [*runs, pair]}
+    for round_number in range(args.rounds):
+        for label, (side, jobs) in runs.items():
+            host, module, index = sides[side]
+            results[label].append(drive(host, module, index, pages_file, jobs))
+        results[pair].append(drive_pair(*sides["new"], pages_file))
+        print(f"round {round_number + 1} of {args.rounds} done", file=sys.stderr, flush=True)
+
+    digests = {result["digest"] for runs_of in results.values() for result in runs_of}
+    files = len(indexed["new"])
+    print(f"The wiki of the standard library: {len(pages)} pages, {files} files; best of {args.rounds} rounds,")
+    print("each configuration in a fresh process, alternating (the machine is shared with other work).")
+    print(f"Documents of both sides {'identical' if len(digests) == 1 else 'DIFFERENT'} (all but the heading).")
+    print()
+    print(
+        "| configuration | pages/s (best) | spread over the rounds | seconds | CPU seconds | queries | file reads "
+        "| module calls |"
+    )
+    print("|---|---|---|---|---|---|---|---|")
+    best = {}
+    for label, runs_of in results.items():
+        rates = sorted(len(pages) / run["seconds"] for run in runs_of)
+        top = min(runs_of, key=lambda run: run["seconds"])
+        best[label] = rates[-1]
+        spread = f"{rates[0]:.1f} to {rates[-1]:.1f} (median {statistics.median(rates):.1f})"
+        print(
+            f"| {label} | {rates[-1]:.1f} | {spread} | {top['seconds']:.3f} | {top['cpu']:.3f} | "
+            f"{top['queries']:.3f} | {top['files']:.3f} | {top['module']:.3f} |"
+        )
+    old_rate, serial, workers, two_at_once = best.values()
+    print()
+    print(f"this tree serially / {sha} serially: {serial / old_rate:.2f}x")
+    print(f"this tree, 2 workers / 1 worker: {workers / serial:.2f}x")
+    print(
+        f"two serial processes at once / one alone: {2 * two_at_once / serial:.2f}x the work done per second "
+        "(2.00x when two cores are free)"
+    )
+
+
+if __name__ == "__main__":
+    main()

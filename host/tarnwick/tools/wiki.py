@@ -1,0 +1,611 @@
+"""Ground every page of a source tree and write the wiki as a folder of Markdown.
+
+    ground wiki [--tree DIR] --out DIR [--pages FILE] [--jobs N]
+
+The index of the tree is brought up to date as for one page.  The pages are
+the folders that directly hold indexed files (each page is the files of its
+folder, not those of its subfolders), or the pages of a TOML page map: a
+title, then the paths or glob patterns of its files.
+
+    "Email parsing" = ["email/parser.py", "email/feedparser.py"]
+    Storage = ["storage/*.py"]
+
+Pages are grounded in worker processes, each of which opens the index
+read-only once; every page goes through `ground_page`, the function that
+the one-page command prints.  The folder gets `index.md`, which lists every
+page and draws the strongest uses between pages, and one document per page
+under `pages/`.  Nothing in them changes from run to run: the same index
+gives the same bytes, whatever the number of workers.  The wiki is written
+beside the output folder and moved into place only when complete.
+"""
+
+from __future__ import annotations
+
+import argparse
+import fnmatch
+import functools
+import gc
+import multiprocessing
+import os
+import re
+import shutil
+import signal
+import sys
+import time
+import tomllib
+from collections.abc import Callable, Iterable, Iterator
+from dataclasses import dataclass, field
+from pathlib import Path
+
+from tarnwick.indexer.index_file import IndexingInterrupted, printable
+from tarnwick.tools import ground as tool
+
+# The title of the page of the files at the top of the tree.
+TOP_TITLE = "(top level)"
+# Uses between pages drawn on the index page, the heaviest first.
+MAX_EDGES = 40
+# Files of the pages that a worker reads in one batch, at most; with several
+# workers, each gets about this many batches.
+BATCH_FILES = 1000
+BATCHES_PER_WORKER = 4
+# Seconds between two progress lines when stderr is no terminal.
+PROGRESS_EVERY = 3.0
+# The index page's first words, by which a folder is known as a wiki this command wrote.
+INDEX_TITLE = "# Wiki of "
+
+# The module's sibling functions that query the index, and those that read or
+# summarise files: the time spent in them is told apart from the module's own.
+QUERY_FUNCTIONS = (
+    "scope_files",
+    "inbound_references",
+    "import_resolved_languages",
+    "scope_symbols",
+    "outbound_references",
+    "importing_tests",
+)
+FILE_FUNCTIONS = ("file_summary",)
+
+EPILOG = [
+    "Without --pages, every folder that directly holds indexed files is one page. A page map is a TOML file "
+    'of titles, each with a list of paths or glob patterns relative to the tree: Storage = ["storage/*.py"].',
+    "The wiki is DIR/index.md and one document per page under DIR/pages/. It is written beside DIR and "
+    "moved into place only when complete; an existing DIR must be empty or hold a wiki written before.",
+    "The index of a tree is {home}/<tree name>-<hash of its path>-" + tool.PYTHON + ".sqlite unless --index "
+    "names another file. Each run first brings it up to date.",
+]
+
+
+class PageMapError(Exception):
+    """A page map that cannot be used, said in one line; the command exits with status 2."""
+
+
+@dataclass
+class Split:
+    """Seconds spent in the index's queries, in reading files and in the module's own calls."""
+
+    queries: float = 0.0
+    files: float = 0.0
+    module: float = 0.0
+
+    def add(self, other: Split) -> None:
+        self.queries += other.queries
+        self.files += other.files
+        self.module += other.module
+
+
+@dataclass
+class Result:
+    """What a worker sends back for one page."""
+
+    number: int
+    page: tool.Page
+    split: Split = field(default_factory=Split)
+
+
+def default_jobs() -> int:
+    try:
+        return len(os.sched_getaffinity(0))
+    except AttributeError:  # not on every platform
+        return os.cpu_count() or 1
+
+
+def _jobs(text: str) -> int:
+    try:
+        value = int(text)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"not a whole number: {text!r}") from None
+    if value < 1:
+        raise argparse.ArgumentTypeError(f"must be 1 or more, not {text}")
+    return value
+
+
+def parse_args(argv: list[str]) -> argparse.Namespace:
+    parser = tool._Parser(
+        prog="ground wiki",
+        description=__doc__.split("\n\n")[0],
+        epilog=tool._epilog(EPILOG),
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+    )
+    parser.add_argument("--out", type=Path, required=True, metavar="DIR", help="folder of the wiki")
+    parser.add_argument("--pages", type=Path, metavar="FILE", help="TOML page map (default: one page per folder)")
+    parser.add_argument(
+        "--jobs", type=_jobs, default=default_jobs(), metavar="N", help="worker processes (default: one per core)"
+    )
+    tool.add_tree_options(parser)
+    args = parser.parse_args(argv)
+    tool.resolve_tree(parser, args)
+    out = args.out
+    if out.exists() and not (out.is_dir() and (not any(out.iterdir()) or _is_wiki(out))):
+        parser.error(f"argument --out: {printable(out)} is neither an empty folder nor a wiki written before")
+    return args
+
+
+def _is_wiki(folder: Path) -> bool:
+    try:
+        with open(folder / "index.md", "rb") as index:
+            return index.read(len(INDEX_TITLE)) == INDEX_TITLE.encode()
+    except OSError:
+        return False
+
+
+# -- pages ---------------------------------------------------------------------
+
+
+def read_page_map(path: Path) -> dict[str, list[str]]:
+    """The titles and patterns of a page map; `PageMapError` says what is wrong with it."""
+    try:
+        text = path.read_bytes().decode("utf-8")
+    except OSError as error:
+        raise PageMapError(f"cannot read it: {error.strerror or error}") from None
+    except UnicodeDecodeError:
+        raise PageMapError("it is no TOML: not UTF-8 text") from None
+    try:
+        data = tomllib.loads(text)
+    except tomllib.TOMLDecodeError as error:
+        twice = _title_used_twice(text)
+        if twice is not None:
+            raise PageMapError(f"the title {twice!r} is used twice") from None
+        raise PageMapError(f"it is no TOML: {' '.join(str(error).split())}") from None
+    if not data:
+        raise PageMapError("it holds no pages")
+    pages = {}
+    for title, patterns in data.items():
+        if isinstance(patterns, str):
+            patterns = [patterns]
+        if not isinstance(patterns, list) or not patterns or not all(isinstance(p, str) for p in patterns):
+            raise PageMapError(f"the page {title!r} is no list of paths or glob patterns")
+        if not title.strip():
+            raise PageMapError("a page has an empty title")
+        pages[title] = patterns
+    return pages
+
+
+_KEY_LINE = re.compile(r"^\s*([^#\[\s=][^=]*?)\s*=")
+
+
+def _title_used_twice(text: str) -> str | None:
+    """The first top-level title that the page map gives twice, if any."""
+    seen = set()
+    for line in text.splitlines():
+        if line.lstrip().startswith("["):
+            break  # a table: no more top-level titles
+        match = _KEY_LINE.match(line)
+        if not match:
+            continue
+        try:
+            key = tomllib.loads(f"{match[1]} = 0")
+        except tomllib.TOMLDecodeError:
+            continue  # not a key: a line inside a value
+        title = next(iter(key))
+        if title in seen:
+            return title
+        seen.add(title)
+    return None
+
+
+def folder_pages(indexed: list[str]) -> list[tuple[str, list[str]]]:
+    """One page per folder that directly holds indexed files, by folder."""
+    folders: dict[str, list[str]] = {}
+    for path in indexed:
+        folders.setdefault(path.rpartition("/")[0], []).append(path)
+    return [(folder or TOP_TITLE, sorted(paths)) for folder, paths in sorted(folders.items())]
+
+
+def mapped_pages(page_map: dict[str, list[str]], indexed: list[str]) -> list[tuple[str, list[str]]]:
+    """The pages of a page map, each with the indexed files its patterns match, in the map's order."""
+    pages = []
+    for title, patterns in page_map.items():
+        chosen: list[str] = []
+        for pattern in patterns:
+            matches = [path for path in indexed if fnmatch.fnmatchcase(path, pattern)]
+            if not matches:
+                raise PageMapError(f"the pattern {pattern!r} of the page {title!r} matches no indexed file")
+            chosen.extend(path for path in matches if path not in chosen)
+        pages.append((title, chosen))
+    return pages
+
+
+def file_names(titles: Iterable[str]) -> list[str]:
+    """A file name for each page's document: its title made safe, unique regardless of case."""
+    taken: set[str] = set()
+    names = []
+    for title in titles:
+        base = re.sub(r"[^A-Za-z0-9._-]+", "-", title).strip(".-") or "page"
+        name, number = base, 1
+        while name.lower() in taken:
+            number += 1
+            name = f"{base}-{number}"
+        taken.add(name.lower())
+        names.append(f"{name}.md")
+    return names
+
+
+# -- grounding -----------------------------------------------------------------
+
+
+class Worker:
+    """Grounds pages from one read-only handle on the index; one per worker process."""
+
+    def __init__(self, index: Path, tree: Path, quota: tool.Quota) -> None:
+        import scope
+        from tarnwick.storage.database import Database
+        from tarnwick.workers.wiki.checkout import checkout_reader
+
+        self.scope = scope
+        self.db = Database(index, readonly=True)
+        self.tree = tree
+        self.quota = quota
+        self.split = Split()
+        self.timer = tool.Timer()
+        self.read_lines = _timed(checkout_reader(tree), self.split, "files")
+
+    def patch_siblings(self) -> Callable[[], None]:
+        """Time the sibling functions that the module calls through its own
+        attributes, and remember `is_test_path`'s answers (it is asked of the
+        same source files page after page); returns the function that puts
+        the originals back."""
+        originals = {name: getattr(self.scope, name) for name in (*QUERY_FUNCTIONS, *FILE_FUNCTIONS, "is_test_path")}
+        for name, function in originals.items():
+            if name == "is_test_path":
+                setattr(self.scope, name, functools.cache(function))
+                continue
+            setattr(self.scope, name, _timed(function, self.split, "queries" if name in QUERY_FUNCTIONS else "files"))
+
+        def restore() -> None:
+            for name, function in originals.items():
+                setattr(self.scope, name, function)
+
+        return restore
+
+    def ground(self, batch: list[tuple[int, str, list[str]]]) -> list[Result]:
+        """Ground a batch of pages from one bulk read of their files' rows.
+
+        The cyclic garbage collector waits until the batch is done: the
+        batch's records hold no cycles, and a collection every few hundred
+        of the many records made would walk all the others each time."""
+        from tarnwick.storage.grounding_queries import PrefetchedIndex
+
+        collecting = gc.isenabled()
+        gc.disable()
+        try:
+            start = time.perf_counter()
+            db = PrefetchedIndex(self.db, [paths for _, _, paths in batch])
+            read = time.perf_counter() - start
+            results = [self._ground_page(db, task) for task in batch]
+        finally:
+            if collecting:
+                gc.enable()
+        results[0].split.queries += read
+        return results
+
+    def _ground_page(self, db, task: tuple[int, str, list[str]]) -> Result:
+        number, title, paths = task
+        before = Split(self.split.queries, self.split.files, sum(self.timer.spent.values()))
+        heading = f"{title}: grounding of {tool.plural(len(paths), 'file')} in `{printable(self.tree)}`"
+        page = tool.ground_page(db, self.read_lines, paths, heading, self.quota, self.timer)
+        queries, files = self.split.queries - before.queries, self.split.files - before.files
+        module = sum(self.timer.spent.values()) - before.module - queries - files
+        return Result(number, page, Split(queries, files, module))
+
+    def close(self) -> None:
+        self.db.close()
+
+
+def _timed(function: Callable, split: Split, bucket: str) -> Callable:
+    def timed(*args):
+        start = time.perf_counter()
+        try:
+            return function(*args)
+        finally:
+            setattr(split, bucket, getattr(split, bucket) + time.perf_counter() - start)
+
+    return timed
+
+
+_worker: Worker | None = None
+
+
+def _start_worker(index: Path, tree: Path, quota: tool.Quota) -> None:
+    """A worker process's start: Ctrl-C is the parent's to handle."""
+    global _worker
+    signal.signal(signal.SIGINT, signal.SIG_IGN)
+    _worker = Worker(index, tree, quota)
+    _worker.patch_siblings()  # for the process's whole life
+
+
+def _ground_in_worker(batch: list[tuple[int, str, list[str]]]) -> list[Result]:
+    assert _worker is not None
+    return _worker.ground(batch)
+
+
+def batches(tasks: list[tuple[int, str, list[str]]], jobs: int) -> list[list[tuple[int, str, list[str]]]]:
+    """The pages in batches that a worker reads in bulk, largest pages first.
+
+    A batch holds at most `BATCH_FILES` files (a larger page is a batch of
+    its own), which bounds a worker's memory on a large tree; with several
+    workers, batches are smaller still, so that each worker gets a few."""
+    tasks = sorted(tasks, key=lambda task: -len(task[2]))
+    total = sum(len(task[2]) for task in tasks)
+    limit = BATCH_FILES if jobs <= 1 else max(1, min(BATCH_FILES, total // (jobs * BATCHES_PER_WORKER)))
+    result: list[list[tuple[int, str, list[str]]]] = []
+    files = limit
+    for task in tasks:
+        if files + len(task[2]) > limit:
+            result.append([])
+            files = 0
+        result[-1].append(task)
+        files += len(task[2])
+    return result
+
+
+def ground_pages(
+    index: Path, tree: Path, quota: tool.Quota, tasks: list[tuple[int, str, list[str]]], jobs: int
+) -> Iterator[Result]:
+    """Ground the pages, in this process with one job, else in `jobs` worker processes; the
+    results come as they are done, a batch at a time.  The largest pages are handed out first."""
+    work = batches(tasks, jobs)
+    if jobs <= 1:
+        worker = Worker(index, tree, quota)
+        restore = worker.patch_siblings()
+        try:
+            for batch in work:
+                yield from worker.ground(batch)
+        finally:
+            restore()
+            worker.close()
+        return
+    # Forked workers start in milliseconds, with the module already imported
+    # here; they are forked before this process starts any thread (the
+    # pool's own, the progress bar's).
+    import scope  # noqa: F401
+
+    methods = multiprocessing.get_all_start_methods()
+    context = multiprocessing.get_context("fork" if "fork" in methods else "spawn")
+    with context.Pool(jobs, _start_worker, (index, tree, quota)) as pool:
+        for results in pool.imap_unordered(_ground_in_worker, work):
+            yield from results
+
+
+# -- progress ------------------------------------------------------------------
+
+
+class Progress:
+    """A progress bar on a terminal; elsewhere a line every few seconds."""
+
+    def __init__(self, total: int, stream=None) -> None:
+        self.stream = stream or sys.stderr
+        self.total = total
+        self.done = 0
+        self.start = self.last = time.monotonic()
+        self.bar = None
+        if self.stream.isatty():
+            try:
+                from tqdm import tqdm
+            except ImportError:
+                pass
+            else:
+                columns, rows = _size(self.stream)
+                self.bar = tqdm(
+                    total=total, unit="page", desc="ground", file=self.stream, leave=False, ncols=columns, nrows=rows
+                )
+
+    def update(self) -> None:
+        self.done += 1
+        if self.bar is not None:
+            self.bar.update()
+            return
+        now = time.monotonic()
+        if now - self.last >= PROGRESS_EVERY and self.done < self.total:
+            self.last = now
+            rate = self.done / (now - self.start)
+            left = (self.total - self.done) / rate
+            print(
+                f"ground: {self.done}/{self.total} pages, {rate:.1f} pages/s, {left:.0f} s left",
+                file=self.stream,
+                flush=True,
+            )
+
+    def close(self) -> None:
+        if self.bar is not None:
+            self.bar.close()
+
+
+def _size(stream) -> tuple[int, int]:
+    """The terminal's columns and rows; a pseudo-terminal nobody sized says 0 (and the bar would hide)."""
+    try:
+        size = os.get_terminal_size(stream.fileno())
+    except (OSError, ValueError, AttributeError):
+        return 80, 24
+    return size.columns or 80, size.lines or 24
+
+
+# -- the index page --------------------------------------------------------------
+
+
+def page_uses(pages: list[tuple[str, list[str]]], grounded: list[tool.Page]) -> dict[tuple[int, int], int]:
+    """(user page, used page) -> references: a page uses another when one of its files is a
+    consumer of the other, with the references the consumers section counts."""
+    pages_of: dict[str, list[int]] = {}
+    for number, (_, paths) in enumerate(pages):
+        for path in paths:
+            pages_of.setdefault(path, []).append(number)
+    uses: dict[tuple[int, int], int] = {}
+    for used, page in enumerate(grounded):
+        for path, refs in page.consumers.items():
+            for user in pages_of.get(path, ()):
+                if user != used:
+                    uses[user, used] = uses.get((user, used), 0) + refs
+    return uses
+
+
+def _cell(text: str) -> str:
+    return text.replace("\\", "\\\\").replace("|", "\\|").replace("\n", " ")
+
+
+def _link_text(text: str) -> str:
+    return re.sub(r"([\[\]\\`*<>])", r"\\\1", text).replace("|", "\\|").replace("\n", " ")
+
+
+def _label(text: str) -> str:
+    return text.replace('"', "#quot;")
+
+
+def index_page(tree: Path, pages: list[tuple[str, list[str]]], names: list[str], grounded: list[tool.Page]) -> str:
+    files = {path for _, paths in pages for path in paths}
+    out = [
+        f"{INDEX_TITLE}`{printable(tree)}`",
+        "",
+        f"{tool.plural(len(pages), 'page')}, {tool.plural(len(files), 'file')}. "
+        "Each page links to its grounding: file cards, consumers, declaration blocks, seeds, neighbours "
+        "and name matches. Consumer files are the production files outside the page that use its code, "
+        "counted from evidence; unused are its public declarations that no production file outside uses.",
+        "",
+        "| Page | Files | Declarations | Consumer files | Unused public declarations |",
+        "|---|---|---|---|---|",
+    ]
+    for (title, paths), name, page in zip(pages, names, grounded, strict=True):
+        listed = ", ".join(f"`{_cell(path)}`" for path in paths)
+        out.append(
+            f"| [{_link_text(title)}](pages/{name}) | {listed} | {page.declarations} | {len(page.consumers)} "
+            f"| {page.unused} |"
+        )
+    uses = page_uses(pages, grounded)
+    strongest = sorted(uses.items(), key=lambda item: (-item[1], item[0]))[:MAX_EDGES]
+    out += ["", "## Uses between pages", ""]
+    if not strongest:
+        out += ["No page uses another.", ""]
+        return "\n".join(out)
+    shown = "every one" if len(strongest) == len(uses) else f"the {len(strongest)} heaviest of {len(uses)}"
+    out += [
+        "A page uses another when one of its files uses the other's code, counted from evidence as the "
+        f"consumers section counts; {shown}, labelled with their references.",
+        "",
+        "```mermaid",
+        "graph LR",
+    ]
+    nodes = sorted({number for edge, _ in strongest for number in edge})
+    out += [f'  p{number}["{_label(pages[number][0])}"]' for number in nodes]
+    out += [f"  p{user} -->|{refs}| p{used}" for (user, used), refs in strongest]
+    out += ["```", ""]
+    return "\n".join(out)
+
+
+# -- writing ---------------------------------------------------------------------
+
+
+def write_wiki(args: argparse.Namespace) -> str:
+    """Ground every page and move the complete wiki into place; returns the summary line."""
+    page_map = read_page_map(args.pages) if args.pages is not None else None
+    with tool.open_index(args) as db:
+        index = Path(db.path)
+        indexed = [row[0] for row in db.query("SELECT path FROM files ORDER BY path")]
+    pages = folder_pages(indexed) if page_map is None else mapped_pages(page_map, indexed)
+    if not pages:
+        raise tool.GroundError(f"the index of {printable(args.tree)} holds no files")
+    names = file_names(title for title, _ in pages)
+
+    started = time.perf_counter()  # the index is up to date: from here on, the wiki's own time
+    out = args.out.absolute()
+    out.parent.mkdir(parents=True, exist_ok=True)
+    partial = out.parent / f".{out.name}.partial-{os.getpid()}"
+    shutil.rmtree(partial, ignore_errors=True)
+    (partial / "pages").mkdir(parents=True)
+    try:
+        grounded: list[tool.Page | None] = [None] * len(pages)
+        split = Split()
+        tasks = [(number, title, paths) for number, (title, paths) in enumerate(pages)]
+        jobs = min(args.jobs, len(pages))
+        results = ground_pages(index, args.tree, tool.quota(args), tasks, jobs)
+        progress = None
+        try:
+            for result in results:
+                if progress is None:
+                    progress = Progress(len(pages))
+                grounded[result.number] = result.page
+                split.add(result.split)
+                (partial / "pages" / names[result.number]).write_text(result.page.document, encoding="utf-8")
+                result.page.document = ""  # written: keep only the counts
+                progress.update()
+        finally:
+            if progress is not None:
+                progress.close()
+            results.close()  # stops the workers, even when interrupted
+        pages_done = [page for page in grounded if page is not None]
+        (partial / "index.md").write_text(index_page(args.tree, pages, names, pages_done), encoding="utf-8")
+        _move_into_place(partial, out)
+    except BaseException:
+        shutil.rmtree(partial, ignore_errors=True)
+        raise
+    seconds = time.perf_counter() - started
+    files = len({path for _, paths in pages for path in paths})
+    summed = " summed over the workers" if jobs > 1 else ""
+    return (
+        f"Wrote the wiki of {tool.plural(len(pages), 'page')} ({tool.plural(files, 'file')}) to "
+        f"{printable(out / 'index.md')} in {seconds:.2f} s, {len(pages) / seconds:.1f} pages/s; "
+        f"index queries {split.queries:.2f} s, reading files {split.files:.2f} s, "
+        f"module calls {split.module:.2f} s{summed}."
+    )
+
+
+def _move_into_place(partial: Path, out: Path) -> None:
+    """Put the complete wiki at `out`, the previous one (or an empty folder) out of the way first."""
+    if out.exists():
+        previous = out.parent / f".{out.name}.previous-{os.getpid()}"
+        out.rename(previous)
+        partial.rename(out)
+        if previous.is_symlink():  # a link to a folder of the user's: the link goes, the folder stays
+            previous.unlink()
+        else:
+            shutil.rmtree(previous)
+    else:
+        partial.rename(out)
+
+
+def main(argv: list[str]) -> int:
+    args = None
+    try:
+        args = parse_args(argv)
+        line = write_wiki(args)
+    except SystemExit as done:  # --help, or a bad argument
+        return done.code
+    except PageMapError as error:
+        tool._say(f"error: page map {printable(args.pages)}: {error}")
+        return 2
+    except tool.GroundError as error:
+        tool._say(f"error: {error}")
+        return 1
+    except ImportError as error:
+        tool._say(f"error: cannot import {error.name}: is the module built and host/ on the path?")
+        return 1
+    except IndexingInterrupted as error:
+        tool._say(str(error))
+        return 130
+    except KeyboardInterrupt:
+        if args is None:
+            tool._say("interrupted")
+            return 130
+        kept = f"the previous wiki {printable(args.out)} was kept" if _is_wiki(args.out) else "no wiki was written"
+        tool._say(f"interrupted; {kept}")
+        return 130
+    print(line, flush=True)
+    return 0

@@ -1,0 +1,144 @@
+"""`ground wiki` on a small tree: deterministic output for any number of workers, the index page, safe
+replacement of a previous wiki, and bad page maps."""
+
+import os
+import re
+
+import pytest
+from test_indexer import write_tree
+
+from tarnwick.tools import ground as tool, wiki
+
+TREE = {
+    "shop/__init__.py": '"""The shop."""\nfrom .models import Cart\n',
+    "shop/models.py": '"""Cart and items."""\nLIMIT = 10\n\n\nclass Cart:\n'
+                      '    def add(self, line):\n        return LIMIT\n',
+    "shop/pay/card.py": "from shop.models import Cart\n\ndef charge():\n    return Cart().add(2)\n",
+    "app/main.py": "from shop.models import Cart, LIMIT\nfrom shop.pay.card import charge\n\n"
+                   "def run():\n    return Cart().add(LIMIT) + charge()\n",
+    "tests/test_cart.py": "from shop.models import Cart\n\ndef test_cart():\n    Cart().add(1)\n",
+    "setup.py": '"""Install "shop"."""\nimport app.main\n\napp.main.run()\n',
+}
+FOLDERS = ["(top level)", "app", "shop", "shop/pay", "tests"]
+
+
+@pytest.fixture
+def tree(tmp_path):
+    return write_tree(tmp_path / "src", TREE)
+
+
+def run(capsys, tree, out, *args):
+    status = tool.main(["wiki", "--tree", str(tree), "--index", str(tree.parent / "index.sqlite"), "--out", str(out),
+                        *args])
+    captured = capsys.readouterr()
+    return status, captured.out, [line for line in captured.err.splitlines() if not line.startswith("ground: index")]
+
+
+def snapshot(folder):
+    return {path.relative_to(folder).as_posix(): path.read_bytes() for path in sorted(folder.rglob("*"))
+            if path.is_file()}
+
+
+def test_the_same_bytes_for_any_number_of_workers_and_an_index_page_whose_links_resolve(tree, capsys):
+    wikis = {}
+    for jobs in (1, 2):
+        out = tree.parent / f"wiki{jobs}"
+        status, said, err = run(capsys, tree, out, "--jobs", str(jobs))
+        assert (status, err) == (0, [])
+        assert re.fullmatch(rf"Wrote the wiki of 5 pages \(6 files\) to {out}/index.md in .* pages/s; index queries "
+                            r".* s, reading files .* s, module calls .* s( summed over the workers)?\.\n", said)
+        wikis[jobs] = snapshot(out)
+    assert wikis[1] == wikis[2]
+    index = wikis[1]["index.md"].decode()
+    rows = re.findall(r"^\| \[(.*?)\]\((.*?)\) \| (.*?) \| (\d+) \| (\d+) \| (\d+) \|$", index, re.M)
+    assert [row[0] for row in rows] == FOLDERS
+    assert sorted(link for _, link, *_ in rows) == sorted(name for name in wikis[1] if name != "index.md")
+    assert rows[2] == ("shop", "pages/shop.md", "`shop/__init__.py`, `shop/models.py`", "3", "2", "0")
+    page = wikis[1]["pages/shop.md"].decode()
+    assert page.startswith("# shop: grounding of 2 files in ") and "## Consumers" in page and "took" not in page
+    # The uses between pages are those of the pages' consumers sections, the heaviest first.
+    assert ("- `app/main.py` uses `LIMIT`, `Cart`, `add` (5 refs)\n"
+            "- `shop/pay/card.py` uses `Cart`, `add` (3 refs)") in page
+    graph = index.split("```mermaid\n")[1]
+    assert re.findall(r"p(\d) -->\|(\d+)\| p(\d)", graph) == [("1", "5", "2"), ("3", "3", "2"), ("1", "2", "3"),
+                                                           ("0", "1", "1")]
+    assert 'p0["(top level)"]' in graph
+
+
+def interrupt_at_second_page(monkeypatch):
+    ground_page, calls = tool.ground_page, []
+
+    def interrupted(*args):
+        calls.append(1)
+        if len(calls) == 2:
+            raise KeyboardInterrupt
+        return ground_page(*args)
+
+    monkeypatch.setattr(tool, "ground_page", interrupted)
+
+
+@pytest.mark.parametrize("before", [False, True])
+def test_an_interrupted_run_leaves_the_previous_wiki_or_none(tree, capsys, monkeypatch, before):
+    out = tree.parent / "wiki"
+    if before:
+        assert run(capsys, tree, out)[0] == 0
+    previous = snapshot(out) if before else None
+    interrupt_at_second_page(monkeypatch)
+    status, said, err = run(capsys, tree, out, "--jobs", "1")
+    kept = f"the previous wiki {out} was kept" if before else "no wiki was written"
+    assert (status, said, err) == (130, "", [f"ground: interrupted; {kept}"])
+    assert (snapshot(out) if out.exists() else None) == previous
+    assert sorted(os.listdir(tree.parent)) == ["index.sqlite", "src"] + ["wiki"] * before
+
+
+@pytest.mark.parametrize("text, message", [
+    (None, "cannot read it: No such file or directory"),
+    ("shop = [shop/*.py]\n", "it is no TOML: Invalid value (at line 1"),
+    ('shop = ["shop/*.py"]\napp = ["nowhere/*.py"]\n', "the pattern 'nowhere/*.py' of the page 'app' matches no "
+                                                       "indexed file"),
+    ('"Shop" = ["shop/*.py"]\napp = ["app/main.py"]\nShop = ["shop/models.py"]\n', "the title 'Shop' is used twice"),
+    ('shop = 3\n', "the page 'shop' is no list of paths or glob patterns"),
+])
+def test_a_bad_page_map_is_one_line_and_status_2_and_nothing_is_written(tree, capsys, text, message):
+    pages = tree.parent / "pages.toml"
+    if text is not None:
+        pages.write_text(text)
+    status, said, err = run(capsys, tree, tree.parent / "wiki", "--pages", str(pages))
+    assert (status, said, len(err)) == (2, "", 1) and err[0].startswith(f"ground: error: page map {pages}: {message}")
+    assert not any("wiki" in name for name in os.listdir(tree.parent))
+
+
+def test_a_page_map_chooses_titles_and_files_and_an_existing_folder_must_be_a_wiki(tree, capsys):
+    pages = tree.parent / "pages.toml"
+    pages.write_text('"Shop [all of it]" = ["shop/*"]\n"shop all of it" = "app/main.py"\n')
+    out = tree.parent / "wiki"
+    assert run(capsys, tree, out, "--pages", str(pages))[0] == 0
+    assert sorted(snapshot(out)) == ["index.md", "pages/Shop-all-of-it.md", "pages/shop-all-of-it-2.md"]
+    assert "# Shop [all of it]: grounding of 3 files" in (out / "pages/Shop-all-of-it.md").read_text()
+    assert "| [Shop \\[all of it\\]](pages/Shop-all-of-it.md) | `shop/__init__.py`, " in (out / "index.md").read_text()
+    (tree.parent / "notes").mkdir()
+    (tree.parent / "notes" / "todo.txt").write_text("mine")
+    status, said, err = run(capsys, tree, tree.parent / "notes")
+    assert (status, err) == (2, [f"ground wiki: error: argument --out: {tree.parent / 'notes'} is neither an empty "
+                                 "folder nor a wiki written before (see --help)"])
+
+
+def test_pages_are_the_folders_that_hold_files_and_file_names_stay_apart():
+    assert wiki.folder_pages(["b/x.py", "a.py", "b/c/y.py", "b/a.py"]) == [
+        ("(top level)", ["a.py"]), ("b", ["b/a.py", "b/x.py"]), ("b/c", ["b/c/y.py"])]
+    assert wiki.file_names(["a/b", "a-b", "A_B", "a_b", "..", "(top level)"]) == [
+        "a-b.md", "a-b-2.md", "A_B.md", "a_b-2.md", "page.md", "top-level.md"]
+
+
+def test_progress_is_a_line_now_and_then_when_stderr_is_no_terminal(monkeypatch):
+    import io
+
+    monkeypatch.setattr(wiki, "PROGRESS_EVERY", 0.0)
+    stream = io.StringIO()
+    progress = wiki.Progress(3, stream)
+    for _ in range(3):
+        progress.update()
+    progress.close()
+    lines = stream.getvalue().splitlines()
+    assert [line.split(",")[0] for line in lines] == ["ground: 1/3 pages", "ground: 2/3 pages"]
+    assert all(re.fullmatch(r"ground: \d/3 pages, [\d.]+ pages/s, \d+ s left", line) for line in lines)
