@@ -111,7 +111,6 @@ class Table {
   void commit(unsigned field, std::size_t rows, StrColumn column);
   std::size_t bytes() const;
 
-
  private:
   bool readable(unsigned field) const { return (loaded_ & bit(field)) != 0 && permitted(*this, field); }
   void mark(unsigned field, std::size_t rows);

@@ -204,7 +204,8 @@ std::shared_ptr<const FanInSlots> fan_in_slots(const ModuleState& state, NativeF
 void remember_fan_in(const ModuleState& state, NativeFacts& native, PyObject* outside, PyObject* inside,
                      PyObject* entry, std::shared_ptr<const FanInSlots> slots) {
   const FanInKey key = key_of(state, outside, inside, entry);
-  if (key.keeps()) keep(native, FanInCache{key.outside, key.inside, PyRef::borrow(entry), std::move(slots), nullptr, {}});
+  if (key.keeps())
+    keep(native, FanInCache{key.outside, key.inside, PyRef::borrow(entry), std::move(slots), nullptr, {}});
 }
 
 std::shared_ptr<const Ranking> ranking_for(NativeFacts& native, const Vocab& vocab,

@@ -7,9 +7,10 @@ import random
 import sys
 import time
 import weakref
-from concurrent.futures import ThreadPoolExecutor
 from collections import OrderedDict, defaultdict
+from concurrent.futures import ThreadPoolExecutor
 from fractions import Fraction
+from functools import partial
 from types import MappingProxyType
 
 import pytest
@@ -257,7 +258,8 @@ def test_data_derived_under_sets_rebound_meanwhile_is_never_filed_under_the_call
     monkeypatch.setattr(scope, "tests_reaching", lambda f: (frozenset(), {}))
     for name, args in [("file_users", ()), ("production_fan_in", ()), ("ranked_by_file", (NO_USES,)),
                        ("render_consumers", (NO_USES, "#")), ("render_file_cards", (NO_USES, "#"))]:
-        assert norm(getattr(scope, name)(facts, *args)) == norm(getattr(scope, name)(make_facts(*VOCABULARY_PAGE), *args))
+        fresh = make_facts(*VOCABULARY_PAGE)
+        assert norm(getattr(scope, name)(facts, *args)) == norm(getattr(scope, name)(fresh, *args)), name
 
 
 def test_a_cycle_through_the_objects_the_view_holds_is_collected():
@@ -298,12 +300,13 @@ def test_threads_sharing_fresh_facts_and_a_fan_in_give_the_single_threaded_resul
         fields = random_page(random.Random(seed), 24, "sleepy")
         fan_in = scope.production_fan_in(scope.ScopeFacts(**fields))
         expected = {name: norm(call(scope.ScopeFacts(**fields), fan_in)) for name, call in calls.items()}
-        shared, names, results = scope.ScopeFacts(**fields), list(calls), []
+        with ThreadPoolExecutor(4) as pool:  # eight runs, each calling every function, from its own place on
+            runs = pool.map(partial(run_from, calls, scope.ScopeFacts(**fields), fan_in), range(0, 80, 10))
+            assert list(runs) == [expected] * 8
 
-        def run(offset):
-            order = names[offset:] + names[:offset]
-            results.append({name: norm(calls[name](shared, fan_in)) for name in order})
 
-        with ThreadPoolExecutor(4) as pool:
-            list(pool.map(run, [k * len(names) // 8 for k in range(8)]))
-        assert results == [expected] * 8
+def run_from(calls, facts, fan_in, percent):
+    """Every call once, starting `percent` of the way through and wrapping around; the results by name."""
+    names = list(calls)
+    start = percent * len(names) // 100
+    return {name: norm(calls[name](facts, fan_in)) for name in names[start:] + names[:start]}
