@@ -310,3 +310,20 @@ def run_from(calls, facts, fan_in, percent):
     names = list(calls)
     start = percent * len(names) // 100
     return {name: norm(calls[name](facts, fan_in)) for name in names[start:] + names[:start]}
+
+
+@pytest.mark.parametrize("change", [
+    lambda fan_in: fan_in.outside.update({2: 9}), lambda fan_in: fan_in.outside.pop(1),
+    lambda fan_in: fan_in.inside.update({3: 50}), lambda fan_in: fan_in.outside.clear(),
+    lambda fan_in: fan_in.outside.update(fan_in.outside | {2: 8}),
+])
+def test_a_kept_fan_in_changed_between_calls_is_read_again(change):
+    fields = (["a.py"], [sym(1, "a.py", "one"), sym(2, "a.py", "two", export=False), sym(3, "a.py", "3", export=False)],
+              [inref("b.py", sym(1, "a.py", "one"), refs=3), inref("a.py", sym(2, "a.py", "two"))])
+    facts = make_facts(*fields)
+    fan_in = scope.production_fan_in(facts)
+    scope.ranked_by_file(facts, fan_in), scope.render_consumers(facts, fan_in, "#")
+    change(fan_in)
+    for call in (lambda f: scope.ranked_by_file(f, fan_in), lambda f: scope.render_consumers(f, fan_in, "#"),
+                 lambda f: scope.file_seeds(f, fan_in), lambda f: scope._unused_outside(f, (), fan_in)):
+        assert norm(call(facts)) == norm(call(make_facts(*fields)))
