@@ -23,8 +23,13 @@ Small pages (--small OLD_DIR): a page of 5 files and about 100 references,
 per-call time of every function, this module against the one whose build
 folder (holding scope*.so) is OLD_DIR, each in its own processes.
 
+Against an older build (--against OLD_DIR): (a) and (b) of the large page
+for each record style, this module and the one in OLD_DIR, each in its own
+processes, alternating.
+
     PYTHONPATH=build/rel/python:host:bench python3 bench/bench_pipeline.py
     PYTHONPATH=build/rel/python:host:bench python3 bench/bench_pipeline.py --small /work/wt-old/build/rel/python
+    PYTHONPATH=build/rel/python:host:bench python3 bench/bench_pipeline.py --against /work/wt-old/build/rel/python
 """
 
 from __future__ import annotations
@@ -328,14 +333,35 @@ def small_worker(repeat):
     print(json.dumps({"module": scope.__file__, "page": page.describe(), "per_call": timings}))
 
 
-def small(old_dir, repeat, rounds):
+def large_worker(repeat):
+    """(a) and (b) of the module alone on the large page, per style, as JSON."""
+    timings = {}
+    for style in STYLES:
+        page = make_page(style, LARGE)
+        prepare_reaching(page)
+        converted = scope.ScopeFacts(**page.fields)
+        fan_in = pipeline(scope, page, converted)["production_fan_in"]
+        best = best_interleaved(
+            {
+                f"(a) fresh facts, {style}": lambda page=page: pipeline(scope, page, scope.ScopeFacts(**page.fields)),
+                f"(b) converted facts, {style}": lambda page=page, c=converted, f=fan_in: pipeline(scope, page, c, f),
+            },
+            repeat,
+        )
+        timings.update(best)
+    print(json.dumps({"module": scope.__file__, "page": page.describe(), "per_call": timings}))
+
+
+def against(worker, old_dir, repeat, rounds):
+    """{(name, "new" | "old"): best seconds} of `worker` run in processes of
+    this module's and of OLD_DIR's build, alternating; and the page."""
     builds = {"new": str(Path(scope.__file__).parent), "old": str(Path(old_dir).resolve())}
     best, page = {}, None
     for _ in range(rounds):  # alternating, so that both see the same moments of the machine
         for label, build in builds.items():
             env = dict(os.environ, PYTHONPATH=os.pathsep.join([build, str(HERE.parent / "host"), str(HERE)]))
             out = subprocess.run(
-                [sys.executable, __file__, "--small-worker", "--repeat", str(repeat)],
+                [sys.executable, __file__, worker, "--repeat", str(repeat)],
                 env=env,
                 check=True,
                 capture_output=True,
@@ -346,26 +372,49 @@ def small(old_dir, repeat, rounds):
             page = result["page"]
             for name, seconds in result["per_call"].items():
                 best[name, label] = min(best.get((name, label), float("inf")), seconds)
-    print(f"small page: {page}; per call, best of {rounds} processes x {repeat} loops each")
-    print("tests_reaching: one prepared function returning a precomputed result\n")
+    return best, page
+
+
+def print_against(best):
     print("| function | new | old | new/old |\n|---|---|---|---|")
     for name in dict.fromkeys(name for name, _ in best):
         new, old = best[name, "new"], best[name, "old"]
-        print(f"| {name} | {new * 1e6:.2f} us | {old * 1e6:.2f} us | {new / old:.2f} |")
+        unit, scale = ("ms", 1e3) if old > 1e-2 else ("us", 1e6)
+        print(f"| {name} | {new * scale:.2f} {unit} | {old * scale:.2f} {unit} | {new / old:.2f} |")
+
+
+def large_against(old_dir, repeat, rounds):
+    best, page = against("--large-worker", old_dir, repeat, rounds)
+    print(f"large page: {page}; best of {rounds} processes x {repeat} runs each")
+    print("tests_reaching: one prepared function returning a precomputed result\n")
+    print_against(best)
+
+
+def small(old_dir, repeat, rounds):
+    best, page = against("--small-worker", old_dir, repeat, rounds)
+    print(f"small page: {page}; per call, best of {rounds} processes x {repeat} loops each")
+    print("tests_reaching: one prepared function returning a precomputed result\n")
+    print_against(best)
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--repeat", type=int, default=5, help="runs per measure; the best counts (default 5)")
     parser.add_argument("--small", metavar="OLD_DIR", help="the small-pages check against the module in OLD_DIR")
-    parser.add_argument("--rounds", type=int, default=3, help="--small: processes per module (default 3)")
+    parser.add_argument("--against", metavar="OLD_DIR", help="the large page against the module in OLD_DIR")
+    parser.add_argument("--rounds", type=int, default=3, help="--small, --against: processes per module (default 3)")
     parser.add_argument("--rss", nargs=2, metavar=("STYLE", "SIDE"), help=argparse.SUPPRESS)
     parser.add_argument("--small-worker", action="store_true", help=argparse.SUPPRESS)
+    parser.add_argument("--large-worker", action="store_true", help=argparse.SUPPRESS)
     args = parser.parse_args()
     if args.rss:
         rss_worker(*args.rss)
     elif args.small_worker:
         small_worker(args.repeat)
+    elif args.large_worker:
+        large_worker(args.repeat)
+    elif args.against:
+        large_against(args.against, args.repeat, args.rounds)
     elif args.small:
         small(args.small, args.repeat, args.rounds)
     else:

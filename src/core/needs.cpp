@@ -139,18 +139,27 @@ void derive(FactsView& view, const Vocab& vocab, const Needs& needs) {
   d.ready |= needs.complete().derived;
 }
 
-Allowed::Allowed(const FactsView& view, const Needs& needs) : view_(view) {
-  const Table* tables[] = {&view.files, &view.symbols, &view.inbound, &view.outbound};
-  const Mask masks[] = {needs.files, needs.symbols, needs.inbound, needs.outbound};
-  for (int i = 0; i < 4; ++i) {
-    previous_[i] = tables[i]->allowed();
-    tables[i]->allow(masks[i]);
-  }
+namespace {
+// The innermost permission of this thread's running calls.
+thread_local const Allowed* innermost = nullptr;
+}  // namespace
+
+Allowed::Allowed(const FactsView& view, const Needs& needs)
+    : tables_{&view.files, &view.symbols, &view.inbound, &view.outbound},
+      masks_{needs.files, needs.symbols, needs.inbound, needs.outbound},
+      outer_(innermost) {
+  innermost = this;
 }
 
-Allowed::~Allowed() {
-  const Table* tables[] = {&view_.files, &view_.symbols, &view_.inbound, &view_.outbound};
-  for (int i = 0; i < 4; ++i) tables[i]->allow(previous_[i]);
+Allowed::~Allowed() { innermost = outer_; }
+
+bool permitted(const Table& table, unsigned field) {
+  // The innermost call of this thread that declared anything of this view
+  // decides; a table no running call declared (conversion) is readable.
+  for (const Allowed* allowed = innermost; allowed != nullptr; allowed = allowed->outer_)
+    for (int i = 0; i < 4; ++i)
+      if (allowed->tables_[i] == &table) return (allowed->masks_[i] & bit(field)) != 0;
+  return true;
 }
 
 }  // namespace scope

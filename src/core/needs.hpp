@@ -55,9 +55,11 @@ struct Needs {
 // be loaded.
 void derive(FactsView& view, const Vocab& vocab, const Needs& needs);
 
-// While it lives, checked builds let the algorithms read only the columns of
-// `needs`; the previous permission comes back when it ends (calls nest when
-// host code re-enters the module).
+// While it lives, checked builds let the algorithms of this thread read
+// only the columns of `needs` of this view. Permissions belong to the thread
+// that declared them: calls on one thread nest (host code re-entering the
+// module declares its own, and the outer one comes back when it ends), and
+// calls on other threads, sharing the same view, never see them.
 class Allowed {
  public:
   Allowed(const FactsView& view, const Needs& needs);
@@ -66,8 +68,10 @@ class Allowed {
   Allowed& operator=(const Allowed&) = delete;
 
  private:
-  const FactsView& view_;
-  Mask previous_[4];
+  friend bool permitted(const Table& table, unsigned field);
+  const Table* tables_[4];
+  Mask masks_[4];
+  const Allowed* outer_;
 };
 
 }  // namespace scope

@@ -28,6 +28,11 @@ namespace scope {
 
 [[noreturn]] void check_failed(const char* condition, const char* file, int line);
 
+class Table;
+// Whether the running call of this thread declared `field` of `table`
+// (needs.hpp: Allowed). Calls on other threads never change the answer.
+bool permitted(const Table& table, unsigned field);
+
 // A column of cells that takes the narrow type while every value fits in
 // it and the wide one from the first value that does not.
 template <class Narrow, class Wide>
@@ -73,7 +78,9 @@ using IntColumn = Column<std::int16_t, std::int64_t>;
 using StrColumn = Column<std::uint16_t, std::uint32_t>;
 
 // One record type as columns, by field number. A column is readable once
-// committed, and (in checked builds) while the running algorithm declared it.
+// committed, and (in checked builds) when the running call of this thread
+// declared it. A committed column never changes: any number of calls may
+// read it while others commit more columns.
 class Table {
  public:
   explicit Table(const Schema& schema) : schema_(&schema), ints_(schema.count), strs_(schema.count) {}
@@ -104,18 +111,13 @@ class Table {
   void commit(unsigned field, std::size_t rows, StrColumn column);
   std::size_t bytes() const;
 
-  // Checked builds: the fields the running algorithm may read.
-  void allow(Mask fields) const { allowed_ = fields; }
-  Mask allowed() const { return allowed_; }
-
  private:
-  bool readable(unsigned field) const { return (loaded_ & allowed_ & bit(field)) != 0; }
+  bool readable(unsigned field) const { return (loaded_ & bit(field)) != 0 && permitted(*this, field); }
   void mark(unsigned field, std::size_t rows);
 
   const Schema* schema_;
   std::size_t rows_ = 0;
   Mask loaded_ = 0;
-  mutable Mask allowed_ = ~Mask{0};
   std::vector<IntColumn> ints_;  // integer and truth cells
   std::vector<StrColumn> strs_;  // text and id cells
 };

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "args.hpp"
+#include "compat.hpp"
 
 namespace scope::py {
 
@@ -118,7 +119,7 @@ bool contains(PyObject* container, PyObject* item, Where where) {
 }
 
 bool type_has(PyObject* object, PyObject* name) {
-  return _PyType_Lookup(Py_TYPE(object), name) != nullptr;  // borrowed; runs no host code
+  return lookup_in_type(Py_TYPE(object), name) != nullptr;  // borrowed; runs no host code
 }
 
 PyRef snapshot(PyObject* object, Where where, const char* expected) {

@@ -1,7 +1,5 @@
 #include "convert.hpp"
 
-#include <structmember.h>
-
 #include <algorithm>
 #include <bit>
 #include <string>
@@ -27,7 +25,7 @@ class AttributeReader {
   // A new reference, or null with the exception that attribute access raises.
   PyObject* read(PyObject* record) {
     PyTypeObject* type = Py_TYPE(record);
-    if (type != type_ || type->tp_version_tag != version_) learn(type);
+    if (type != type_ || type_version(type) != version_) learn(type);
     if (way_ != Way::protocol) {
       PyObject* found = *reinterpret_cast<PyObject**>(reinterpret_cast<char*>(record) + offset_);
       if (way_ == Way::slot && found != nullptr) return Py_NewRef(found);
@@ -46,19 +44,12 @@ class AttributeReader {
   void learn(PyTypeObject* type) {
     type_ = type;
     way_ = Way::protocol;
-    PyObject* descriptor = _PyType_Lookup(type, name_);  // borrowed; also sets the version tag
-    version_ = type->tp_version_tag;
-    if (type->tp_getattro != PyObject_GenericGetAttr || !PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG)) return;
+    PyObject* descriptor = lookup_in_type(type, name_);  // borrowed; also sets the version tag
+    version_ = type_version(type);
+    if (type->tp_getattro != PyObject_GenericGetAttr || version_ == 0) return;
     if (descriptor != nullptr && Py_IS_TYPE(descriptor, &PyMemberDescr_Type)) {
-      auto* member_descriptor = reinterpret_cast<PyMemberDescrObject*>(descriptor);
-      // A descriptor taken from another class (`path = Other.__dict__["id"]`)
-      // describes the layout of that class only.
-      if (!PyType_IsSubtype(type, PyDescr_TYPE(member_descriptor))) return;
-      const PyMemberDef* member = member_descriptor->d_member;
-      if ((member->type == T_OBJECT_EX || member->type == T_OBJECT) && (member->flags & PY_AUDIT_READ) == 0) {
-        way_ = Way::slot;
-        offset_ = member->offset;
-      }
+      offset_ = slot_offset(descriptor, type);
+      if (offset_ >= 0) way_ = Way::slot;
       return;
     }
     if (descriptor != nullptr && Py_TYPE(descriptor)->tp_descr_set != nullptr) return;  // a data descriptor

@@ -37,7 +37,7 @@ PyRef text_list(const std::vector<std::string>& texts) {
 // A dict of the counts at `order` of a by-slot array, keyed by symbol id.
 PyRef counts_dict(const std::vector<std::uint32_t>& order, const std::vector<std::int64_t>& counts,
                   NativeFacts& native) {
-  PyRef dict = check(_PyDict_NewPresized(static_cast<Py_ssize_t>(order.size())));
+  PyRef dict = new_dict(static_cast<Py_ssize_t>(order.size()));
   for (std::uint32_t slot : order)
     check(PyDict_SetItem(dict.get(), native.id_object(slot).get(), new_int(counts[slot]).get()));
   return dict;
@@ -125,15 +125,15 @@ PyRef production_fan_in_body(Call& c) {
   auto slots = std::make_shared<FanInSlots>(std::move(counts.uses));
   slots->entry.assign(p.view.ids.size(), 0);
   PyRef entry = check(PyFrozenSet_New(nullptr));
+  p.settle();
   for (std::uint32_t row : entry_points(p.view, p.vocab, counts, is_test_path_of(c, p.native))) {
     const std::uint32_t slot = p.view.symbols.slot(sym_f::id, row);
     check(PySet_Add(entry.get(), p.native.id_object(slot).get()));
     slots->entry[slot] = 1;
   }
-  PyRef fan_in =
-      check(PyObject_CallFunctionObjArgs(c.state.fan_in_type, outside.get(), inside.get(), entry.get(), nullptr));
-  remember_fan_in(c.state, p.native, fan_in.get(), std::move(slots));
-  return fan_in;
+  // Kept before the dicts are handed out: the host can change them from then on.
+  remember_fan_in(c.state, p.native, outside.get(), inside.get(), entry.get(), std::move(slots));
+  return check(PyObject_CallFunctionObjArgs(c.state.fan_in_type, outside.get(), inside.get(), entry.get(), nullptr));
 }
 
 // ---------------------------------------------------------------------------
@@ -184,7 +184,9 @@ PyRef rank_key_body(Call& c) {
 
 PyRef ranked_by_file_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kRankedNeeds);
-  auto ranking = ranking_for(p.native, p.vocab, fan_in_slots(c.state, p.native, c.arg(1), true));
+  auto fan_in = fan_in_slots(c.state, p.native, c.arg(1), true);
+  p.settle();
+  auto ranking = ranking_for(p.native, p.vocab, fan_in);
   PyObject* symbols = p.facts()->fields[kSymbols];  // borrowed: the facts' own records
   PyRef result = check(PyDict_New());
   const Groups& files = p.view.derived.symbols_by_path;
@@ -196,7 +198,9 @@ PyRef ranked_by_file_body(Call& c) {
 
 PyRef file_seeds_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kSeedNeeds);
-  auto ranking = ranking_for(p.native, p.vocab, fan_in_slots(c.state, p.native, c.arg(1), true));
+  auto fan_in = fan_in_slots(c.state, p.native, c.arg(1), true);
+  p.settle();
+  auto ranking = ranking_for(p.native, p.vocab, fan_in);
   PyRef result = check(PyDict_New());
   for (const Seed& seed : file_seeds(p.view, *ranking)) {
     PyRef range = check(Py_BuildValue("(LL)", static_cast<long long>(seed.start), static_cast<long long>(seed.end)));
@@ -214,6 +218,7 @@ std::vector<RankKey> quota_keys(Call& c, PyObject* records) {
   if (FactsObject* facts = facts_holding(c.state, records, rows)) {
     Prepared p(c.module, c.state, facts, kRankKeyNeeds);
     auto fan_in = fan_in_slots(c.state, p.native, c.arg(1), true);
+    p.settle();
     keys.reserve(rows.size());
     for (std::uint32_t row : rows) keys.push_back(rank_key(key_input(p.view, p.vocab, *fan_in, row)));
     return keys;
@@ -300,12 +305,12 @@ PyRef named_body(Call& c) {
 PyRef file_users_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kFileUsersNeeds);
   auto users = users_for(p.native, p.vocab);
-  PyRef result = check(_PyDict_NewPresized(static_cast<Py_ssize_t>(users->target.size())));
+  PyRef result = new_dict(static_cast<Py_ssize_t>(users->target.size()));
   for (std::size_t entry = 0; entry < users->target.size(); ++entry) {
     // Counter is a dict subclass: filled as a dict, in order, from a dict
     // made at its final size, which an empty dict takes over whole.
     const auto of = users->of(entry);
-    PyRef counts = check(_PyDict_NewPresized(static_cast<Py_ssize_t>(of.size())));
+    PyRef counts = new_dict(static_cast<Py_ssize_t>(of.size()));
     for (const auto& [user, count] : of)
       check(PyDict_SetItem(counts.get(), p.native.strings[user].get(), new_int(count).get()));
     PyRef counter = new_counter(c.state);
@@ -377,6 +382,7 @@ PyRef render_file_cards_body(Call& c) {
   const std::vector<NameList> tests = tests_by_file(c, p);
   // Only a row asks the fan-in: a page without files never reads it.
   auto fan_in = p.view.files.rows() ? fan_in_slots(c.state, p.native, c.arg(1), false) : std::make_shared<FanInSlots>();
+  p.settle();
   auto users = users_for(p.native, p.vocab);
   return str_from_utf8(render_file_cards(p.view, *users, *fan_in, heading, missing, tests));
 }
@@ -389,6 +395,7 @@ PyRef render_consumers_body(Call& c) {
   if (!PyUnicode_Check(c.arg(2))) wrong_type(Where{"heading"}, "str", c.arg(2));
   Prepared p(c.module, c.state, facts, kConsumersNeeds);
   auto fan_in = fan_in_slots(c.state, p.native, c.arg(1), true);
+  p.settle();
   return str_from_utf8(render_consumers(p.view, p.vocab, *fan_in, text_arg(c.arg(2), "heading")));
 }
 
@@ -396,6 +403,7 @@ PyRef unused_outside_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kUnusedNeeds);
   const std::vector<bool> used = slots_in(p.native, c.arg(1), Where{"used"});
   auto fan_in = fan_in_slots(c.state, p.native, c.arg(2), true);
+  p.settle();
   return records_at(p.facts()->fields[kSymbols], unused_outside(p.view, p.vocab, used, *fan_in));
 }
 
@@ -416,7 +424,7 @@ PyRef neighbours_body(Call& c) {
 PyRef name_match_counts_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kNameMatchNeeds);
   const std::vector<PathPairCount> pairs = name_match_counts(p.view);
-  PyRef result = check(_PyDict_NewPresized(static_cast<Py_ssize_t>(pairs.size())));
+  PyRef result = new_dict(static_cast<Py_ssize_t>(pairs.size()));
   for (const PathPairCount& pair : pairs) {
     PyRef key = check(PyTuple_Pack(2, str_of(p.native, pair.source).get(), str_of(p.native, pair.target).get()));
     // A pair of str cannot be part of a cycle: the collector would untrack

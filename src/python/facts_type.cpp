@@ -89,9 +89,14 @@ int facts_traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(Py_TYPE(self));
   FactsObject* facts = facts_of(self);
   for (PyObject* slot : facts->fields) Py_VISIT(slot);
-  if (facts->native != nullptr) {
-    for (const PyRef& target : facts->native->targets) Py_VISIT(target.get());
-    for (const FanInCache& cached : facts->native->fan_ins) Py_VISIT(cached.entry.get());
+  // Every object the view holds that can refer back to these facts: str
+  // subclasses, target records, entry sets (its ids are plain ints, which
+  // refer to nothing). tp_clear drops the view whole.
+  if (NativeFacts* native = facts->native) {
+    for (const PyRef& text : native->strings)
+      if (!PyUnicode_CheckExact(text.get())) Py_VISIT(text.get());  // a plain str refers to nothing
+    for (const PyRef& target : native->targets) Py_VISIT(target.get());
+    for (const FanInCache& cached : native->fan_ins) Py_VISIT(cached.entry.get());
   }
   return 0;
 }

@@ -71,7 +71,11 @@ PyObject* fan_in_api(PyObject* self, PyTypeObject* defining_class, PyObject* con
     auto has_outside_uses = [&] {
       PyRef count = get_value(field(0, "outside").get(), id);
       if (!count) return false;
-      if (PyLong_CheckExact(count.get())) return _PyLong_Sign(count.get()) > 0;
+      if (PyLong_CheckExact(count.get())) {  // an int answers without host code
+        int overflow = 0;
+        const long long value = PyLong_AsLongLongAndOverflow(count.get(), &overflow);
+        return overflow > 0 || (overflow == 0 && value > 0);
+      }
       PyRef zero = new_int(0);
       return check(PyObject_RichCompareBool(count.get(), zero.get(), Py_GT)) != 0;
     };
@@ -142,6 +146,7 @@ void populate(PyObject* module, ModuleState& state) {
 int exec_module(PyObject* module) {
   ModuleState& state = state_of_module(module);
   state.facts_with_records = new std::vector<FactsObject*>();
+  state.dict_stamps.open();
   PyObject* done = entry("scope", [&]() -> PyRef {
     populate(module, state);
     return PyRef::borrow(Py_None);
@@ -174,6 +179,7 @@ void free_module(void* module) {
   clear_module(static_cast<PyObject*>(module));
   ModuleState& state = state_of_module(static_cast<PyObject*>(module));
   delete std::exchange(state.facts_with_records, nullptr);
+  state.dict_stamps.close();
 }
 
 PyModuleDef_Slot module_slots[] = {

@@ -29,15 +29,17 @@ enum FactsField : int {
 };
 extern const char* const kFactsFieldNames[kFactsFieldCount];
 
-// A fan-in whose `outside` and `inside` are dicts (and `entry`, when read, a
-// frozenset), as it was when its native form was made: the form is reused
-// while the same containers are unchanged. A dict is known by its version
-// tag, which CPython draws from one counter for every new or changed dict,
-// so no other dict and no later state of this one has it; the cache holds
-// no reference to the dicts and keeps no page's counts alive. The frozenset
-// cannot change, and is held.
+// The native form of a fan-in, kept for later calls while its containers
+// stay as they were: `outside` and `inside` dicts known by their stamps
+// (compat.hpp: DictStamps), taken before they were read, and `entry` a
+// frozenset, which cannot change and is held. Only a fan-in whose keys,
+// members and counts are ints is kept: reading it ran no host code, so its
+// form depends on nothing but those contents. The cache holds no reference
+// to the dicts and keeps no page's counts alive. Slots numbered after the
+// form was made belong to reference targets that no declaration shares, and
+// only declarations are looked up in a fan-in.
 struct FanInCache {
-  std::uint64_t outside_tag = 0, inside_tag = 0;
+  std::uint64_t outside_stamp = 0, inside_stamp = 0;
   PyRef entry;  // null when it was not read
   std::shared_ptr<const FanInSlots> slots;
   std::shared_ptr<const Ranking> ranking;  // made with ranking_vocab

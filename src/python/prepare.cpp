@@ -23,14 +23,34 @@ void ask_each_slot(const NativeFacts& native, std::vector<bool>& marked, Matches
   }
 }
 
-// The counts of a FanIn's `outside` or `inside` by slot.
+// The counts of a FanIn's `outside` or `inside` by slot. `plain` stays true
+// while no host code ran: every key and count an int of a dict.
 std::vector<std::int64_t> counts_by_slot(const NativeFacts& native, PyObject* mapping, const char* what,
-                                         const char* value_what) {
+                                         const char* value_what, bool& plain) {
   const DenseIndex& ids = native.view.ids;
   std::vector<std::int64_t> counts(ids.size(), 0);
+  std::int64_t id = 0;
+  if (PyDict_CheckExact(mapping)) {
+    // The common case read in place: int keys and counts run no host code,
+    // so the dict cannot change while it is read.
+    PyObject *key, *value;  // borrowed
+    Py_ssize_t position = 0;
+    bool all_ints = true;
+    while (all_ints && PyDict_Next(mapping, &position, &key, &value)) {
+      const IdMatch match = id_of(key, id);
+      int overflow = 0;
+      const long long count = PyLong_CheckExact(value) ? PyLong_AsLongLongAndOverflow(value, &overflow) : 0;
+      all_ints = match != IdMatch::ask && PyLong_CheckExact(value) && overflow == 0;
+      if (!all_ints || match != IdMatch::id) continue;
+      const std::uint32_t slot = ids.find(static_cast<std::uint64_t>(id));
+      if (slot < counts.size()) counts[slot] = count;
+    }
+    if (all_ints) return counts;
+    counts.assign(ids.size(), 0);
+  }
+  plain = false;
   std::vector<bool> found(ids.size(), false);
   bool ask = false;
-  std::int64_t id = 0;
   for (const auto& [key, value] : mapping_items(mapping, Where{"fan_in", what})) {
     const std::int64_t count = as_int64(value.get(), Where{"fan_in", value_what});
     const IdMatch match = id_of(key.get(), id);
@@ -51,10 +71,22 @@ std::vector<std::int64_t> counts_by_slot(const NativeFacts& native, PyObject* ma
   return counts;
 }
 
-std::uint64_t version_of(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag; }
+// The key a fan-in's native form is kept under, taken before its containers
+// are read; none (zero stamps) when they are not dicts and a frozenset.
+struct FanInKey {
+  std::uint64_t outside = 0, inside = 0;
+  bool keeps() const { return outside != 0 && inside != 0; }
+};
 
-bool cacheable(PyObject* outside, PyObject* inside, PyObject* entry) {
-  return PyDict_Check(outside) && PyDict_Check(inside) && (entry == nullptr || PyFrozenSet_CheckExact(entry));
+FanInKey key_of(const ModuleState& state, PyObject* outside, PyObject* inside, PyObject* entry) {
+  if (!PyDict_CheckExact(outside) || !PyDict_CheckExact(inside) || (entry != nullptr && !PyFrozenSet_CheckExact(entry)))
+    return {};
+  return {state.dict_stamps.stamp(outside), state.dict_stamps.stamp(inside)};
+}
+
+void keep(NativeFacts& native, FanInCache cached) {
+  native.fan_ins.insert(native.fan_ins.begin(), std::move(cached));
+  if (native.fan_ins.size() > kFanInsKept) native.fan_ins.pop_back();
 }
 
 }  // namespace
@@ -88,8 +120,9 @@ Prepared::Prepared(PyObject* module, const ModuleState& state, FactsObject* fact
     : native(native_of(facts)),
       view(native.view),
       facts_(facts),
+      needs_(needs.complete()),
       hold_(PyRef::borrow(reinterpret_cast<PyObject*>(facts))) {
-  const Needs all = needs.complete();
+  const Needs& all = needs_;
   {
     Allowed loading(view, everything());
     const Mask masks[kTableCount] = {all.files, all.symbols, all.inbound, all.outbound};
@@ -110,7 +143,7 @@ void prepare_records(PyObject* module, const ModuleState& state, NativeFacts& sc
   vocab = vocab_for(module, state, scratch);
 }
 
-std::vector<bool> slots_in(NativeFacts& native, PyObject* container, Where where) {
+std::vector<bool> slots_in(NativeFacts& native, PyObject* container, Where where, bool* plain) {
   if (Py_TYPE(container)->tp_iter == nullptr && !PySequence_Check(container))
     wrong_type(where, "a collection of symbol ids", container);
   const DenseIndex& ids = native.view.ids;
@@ -127,6 +160,7 @@ std::vector<bool> slots_in(NativeFacts& native, PyObject* container, Where where
   }
   if (PyErr_Occurred()) throw PyError{};
   if (others.empty()) return marked;
+  if (plain != nullptr) *plain = false;
   // A set or a dict is asked as `in` asks it; any other collection was
   // iterated once already, so its members are compared as `in` compares.
   const bool keyed = PyAnySet_Check(container) || PyDict_Check(container);
@@ -144,10 +178,10 @@ std::shared_ptr<const FanInSlots> fan_in_slots(const ModuleState& state, NativeF
   PyRef outside = check(PyObject_GetAttr(fan_in, state.names[kOutside]));
   PyRef inside = check(PyObject_GetAttr(fan_in, state.names[kInside]));
   PyRef entry = with_entry ? check(PyObject_GetAttr(fan_in, state.names[kEntry])) : PyRef();
-  const bool keep = cacheable(outside.get(), inside.get(), entry.get());
-  if (keep) {
+  const FanInKey key = key_of(state, outside.get(), inside.get(), entry.get());
+  if (key.keeps()) {
     for (auto cached = native.fan_ins.begin(); cached != native.fan_ins.end(); ++cached) {
-      if (version_of(outside.get()) != cached->outside_tag || version_of(inside.get()) != cached->inside_tag) continue;
+      if (cached->outside_stamp != key.outside || cached->inside_stamp != key.inside) continue;
       if (with_entry && cached->entry.get() != entry.get()) continue;
       // The most recently used first: a FanIn the host keeps using stays
       // while fresh ones come and go.
@@ -155,29 +189,23 @@ std::shared_ptr<const FanInSlots> fan_in_slots(const ModuleState& state, NativeF
       return native.fan_ins.front().slots;
     }
   }
+  bool plain = true;
   auto slots = std::make_shared<FanInSlots>();
-  slots->outside = counts_by_slot(native, outside.get(), "outside", "outside value");
-  slots->inside = counts_by_slot(native, inside.get(), "inside", "inside value");
+  slots->outside = counts_by_slot(native, outside.get(), "outside", "outside value", plain);
+  slots->inside = counts_by_slot(native, inside.get(), "inside", "inside value", plain);
   if (with_entry) {
-    std::vector<bool> in_entry = slots_in(native, entry.get(), Where{"fan_in", "entry"});
+    std::vector<bool> in_entry = slots_in(native, entry.get(), Where{"fan_in", "entry"}, &plain);
     slots->entry.assign(in_entry.begin(), in_entry.end());
   }
-  if (keep) {
-    FanInCache cached{version_of(outside.get()), version_of(inside.get()), entry, slots, nullptr, {}};
-    native.fan_ins.insert(native.fan_ins.begin(), std::move(cached));
-    if (native.fan_ins.size() > kFanInsKept) native.fan_ins.pop_back();
-  }
+  if (key.keeps() && plain) keep(native, FanInCache{key.outside, key.inside, entry, slots, nullptr, {}});
   return slots;
 }
 
-void remember_fan_in(const ModuleState& state, NativeFacts& native, PyObject* fan_in,
-                     std::shared_ptr<const FanInSlots> slots) {
-  PyRef outside = check(PyObject_GetAttr(fan_in, state.names[kOutside]));
-  PyRef inside = check(PyObject_GetAttr(fan_in, state.names[kInside]));
-  PyRef entry = check(PyObject_GetAttr(fan_in, state.names[kEntry]));
-  FanInCache cached{version_of(outside.get()), version_of(inside.get()), entry, std::move(slots), nullptr, {}};
-  native.fan_ins.insert(native.fan_ins.begin(), std::move(cached));
-  if (native.fan_ins.size() > kFanInsKept) native.fan_ins.pop_back();
+void remember_fan_in(const ModuleState& state, NativeFacts& native, PyObject* outside, PyObject* inside,
+                     PyObject* entry, std::shared_ptr<const FanInSlots> slots) {
+  const FanInKey key = key_of(state, outside, inside, entry);
+  if (key.keeps())
+    keep(native, FanInCache{key.outside, key.inside, PyRef::borrow(entry), std::move(slots), nullptr, {}});
 }
 
 std::shared_ptr<const Ranking> ranking_for(NativeFacts& native, const Vocab& vocab,

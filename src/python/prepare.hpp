@@ -1,7 +1,8 @@
 // One place that makes ready what an algorithm reads: the columns, path
 // bits and maps of its Needs, the vocabulary of the module's sets, the
 // derived data, and the native form of the fan-in it is given. What was
-// made for one call is kept on the ScopeFacts and reused by the next.
+// made for one call is kept on the ScopeFacts and reused by the next, keyed
+// by everything it was made from (docs/DEVELOPING.md, "Caches").
 #pragma once
 
 #include <memory>
@@ -20,12 +21,18 @@ class Prepared {
  public:
   Prepared(PyObject* module, const ModuleState& state, FactsObject* facts, const Needs& needs);
   FactsObject* facts() const { return facts_; }
+  // Makes the derived data this call's again. Host code that ran since the
+  // preparation (on this thread or, while it released the interpreter lock,
+  // on another) may have derived it under another vocabulary: call this
+  // after any host code and before the algorithm reads derived data.
+  void settle() { derive(view, vocab, needs_); }
   NativeFacts& native;
   FactsView& view;
   Vocab vocab;
 
  private:
   FactsObject* facts_;
+  Needs needs_;
   PyRef hold_;  // the facts outlives the call, whatever host code does meanwhile
   std::optional<Allowed> allowed_;
 };
@@ -42,13 +49,16 @@ void prepare_records(PyObject* module, const ModuleState& state, NativeFacts& sc
 // frozenset) is converted once and reused while they stay unchanged.
 std::shared_ptr<const FanInSlots> fan_in_slots(const ModuleState& state, NativeFacts& native, PyObject* fan_in,
                                                bool with_entry);
-// Keeps `slots`, made by production_fan_in for `fan_in`, as its native form.
-void remember_fan_in(const ModuleState& state, NativeFacts& native, PyObject* fan_in,
-                     std::shared_ptr<const FanInSlots> slots);
+// Keeps `slots`, made by production_fan_in from the same counts as the dicts
+// `outside` and `inside` (not yet handed out), as the native form of the
+// FanIn of those and `entry`.
+void remember_fan_in(const ModuleState& state, NativeFacts& native, PyObject* outside, PyObject* inside,
+                     PyObject* entry, std::shared_ptr<const FanInSlots> slots);
 
 // Which slots of `native`'s declarations are members of a host container
-// of ids (`x in container`).
-std::vector<bool> slots_in(NativeFacts& native, PyObject* container, Where where);
+// of ids (`x in container`). `*plain`, when given, is set false when some
+// member is no int, so that Python had to compare it.
+std::vector<bool> slots_in(NativeFacts& native, PyObject* container, Where where, bool* plain = nullptr);
 
 // The ranking under a fan-in, reused while the fan-in and the vocabulary are.
 std::shared_ptr<const Ranking> ranking_for(NativeFacts& native, const Vocab& vocab,

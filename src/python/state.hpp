@@ -7,6 +7,7 @@
 
 #include "../core/schema.hpp"
 #include "args.hpp"
+#include "compat.hpp"
 
 namespace scope::py {
 
@@ -40,6 +41,7 @@ struct ModuleState {
   // own records (as ranked_by_file hands them out) is keyed from the view.
   // Borrowed: a facts removes itself when it is cleared.
   std::vector<FactsObject*>* facts_with_records;
+  DictStamps dict_stamps;  // tells whether a fan-in's dicts changed since they were read
 };
 
 ModuleState& state_of_module(PyObject* module);

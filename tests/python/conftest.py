@@ -2,6 +2,7 @@
 
 import os
 import sys
+import time
 from dataclasses import fields, make_dataclass
 from pathlib import Path
 from types import SimpleNamespace
@@ -53,6 +54,14 @@ class Counting:
         return fields[name]
 
 
+class Sleepy(Counting):
+    """A record whose every attribute read lets other threads run."""
+
+    def __getattr__(self, name):
+        time.sleep(0)  # releases the interpreter lock
+        return super().__getattr__(name)
+
+
 # Random pages: few distinct values, so that ties, repeats and collisions are common.
 PAGE = ["lib/a.py", "lib/b.go", "src/lib/a.py", "a|b/c.py", "tests/test_x.py", "d\ud800/é.py", "x", ""]
 OUTSIDE = ["app/m.py", "web/m.go", "svc/app/m.py", "tests/t.py", "lib/test_y.py", "e\U0001f600.go"]
@@ -62,7 +71,8 @@ RESOLUTIONS = ["import", "local", "unique", "ambiguous", "legacy", "Import"]
 FROZEN = {cls: make_dataclass(cls.__name__, [f.name for f in fields(cls)], frozen=True)
           for cls in (ScopeFile, ScopeSymbol, InboundReference, OutboundReference)}
 STYLES = {"host": lambda cls, **f: cls(**f), "namespace": lambda cls, **f: SimpleNamespace(**f),
-          "frozen": lambda cls, **f: FROZEN[cls](**f), "counting": lambda cls, **f: Counting(**f)}
+          "frozen": lambda cls, **f: FROZEN[cls](**f), "counting": lambda cls, **f: Counting(**f),
+          "sleepy": lambda cls, **f: Sleepy(**f)}
 
 
 def random_page(rng, size, style="host", step=1):

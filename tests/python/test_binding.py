@@ -3,15 +3,21 @@ their own, host errors met on the way, odd containers and numbers, many symbol i
 
 import contextlib
 import gc
+import random
+import sys
+import time
+import weakref
 from collections import OrderedDict, defaultdict
+from concurrent.futures import ThreadPoolExecutor
 from fractions import Fraction
+from functools import partial
 from types import MappingProxyType
 
 import pytest
 
 import pyscope
 import scope
-from conftest import Counting, inref, make_facts, same, sym
+from conftest import Counting, inref, make_facts, norm, random_page, same, sym
 from tarnwick.storage.database import Database
 from tarnwick.storage.grounding_queries import ScopeSymbol
 
@@ -192,3 +198,132 @@ def test_facts_are_equal_by_value_compared_for_equality_only_and_immutable():
         type(facts).__setattr__(facts, 5, 1)
     with pytest.raises(AttributeError, match="immutable"):
         facts.files = ()
+
+
+# What the facts keep between calls never changes an answer: each call gives what it gives on fresh facts with the
+# same fields, the same module attributes and the same fan-in contents, whatever host code did in between.
+
+def test_a_fan_in_changed_while_it_is_read_is_read_again():
+    outside = {}
+
+    class Key:  # equal to id 1; the first comparison adds an entry to the dict being read
+        fired = False
+        __hash__ = (1).__hash__
+
+        def __eq__(self, other):
+            if other == 1 and not Key.fired:
+                Key.fired = True
+                outside[2] = 7
+            return other == 1
+
+    outside[Key()] = 1
+    fields = (["a.py"], [sym(2, "a.py", "two"), sym(1, "a.py", "one")])
+    facts, fan_in = make_facts(*fields), scope.FanIn(outside, {}, frozenset())
+    scope.ranked_by_file(facts, fan_in)
+    expected = [s.id for s in scope.ranked_by_file(make_facts(*fields), fan_in)["a.py"]]
+    assert expected == [2, 1] and [s.id for s in scope.ranked_by_file(facts, fan_in)["a.py"]] == expected
+    outside[2] = 0  # a change the host makes between calls
+    assert [s.id for s in scope.ranked_by_file(facts, fan_in)["a.py"]] == [1, 2]
+
+
+RUN = sym(1, "lib/a.py", "run", end=3)
+VOCABULARY_PAGE = (["lib/a.py"], [RUN], [inref("app/x.py", RUN)], (), None, (), {"lib/a.py": 3}, {"lib/a.py": ""})
+
+
+@pytest.mark.parametrize("call, window", [
+    (lambda facts, fan_in: scope.render_file_cards(facts, fan_in, "#"), "tests_reaching"),
+    (lambda facts, fan_in: scope.render_consumers(facts, fan_in, "#"), "fan_in"),
+    (lambda facts, fan_in: scope.ranked_by_file(facts, fan_in), "fan_in"),
+    (lambda facts, fan_in: scope._unused_outside(facts, (), fan_in), "fan_in"),
+])
+def test_data_derived_under_sets_rebound_meanwhile_is_never_filed_under_the_call_s_own(call, window, monkeypatch):
+    def rebind_and_call(facts):  # host code that asks the module under other sets, then puts them back
+        evidence, callable_kinds = scope.EVIDENCE_RESOLUTIONS, scope._CALLABLE_KINDS
+        scope.EVIDENCE_RESOLUTIONS, scope._CALLABLE_KINDS = frozenset(), frozenset()
+        scope.file_users(facts), scope.production_fan_in(facts), scope.ranked_by_file(facts, NO_USES)
+        scope.EVIDENCE_RESOLUTIONS, scope._CALLABLE_KINDS = evidence, callable_kinds
+
+    facts = make_facts(*VOCABULARY_PAGE)
+
+    class Key:  # a fan-in key compared with the page's id runs the host code
+        __hash__ = (1).__hash__
+
+        def __eq__(self, other):
+            rebind_and_call(facts)
+            return False
+
+    fan_in = scope.FanIn({Key(): 5}) if window == "fan_in" else NO_USES
+    monkeypatch.setattr(scope, "tests_reaching", lambda f: (window == "tests_reaching" and rebind_and_call(f), {}))
+    assert norm(call(facts, fan_in)) == norm(call(make_facts(*VOCABULARY_PAGE), fan_in))
+    monkeypatch.setattr(scope, "tests_reaching", lambda f: (frozenset(), {}))
+    for name, args in [("file_users", ()), ("production_fan_in", ()), ("ranked_by_file", (NO_USES,)),
+                       ("render_consumers", (NO_USES, "#")), ("render_file_cards", (NO_USES, "#"))]:
+        fresh = make_facts(*VOCABULARY_PAGE)
+        assert norm(getattr(scope, name)(facts, *args)) == norm(getattr(scope, name)(fresh, *args)), name
+
+
+def test_a_cycle_through_the_objects_the_view_holds_is_collected():
+    class Path(str):
+        pass
+
+    path = Path("lib/a.py")
+    facts = make_facts([path], [sym(1, path, "f", end=2)], [inref(Path("app/x.py"), sym(1, path, "f"))])
+    path.back = facts
+    scope.ranked_by_file(facts, NO_USES), scope.render_consumers(facts, scope.production_fan_in(facts), "#")
+    alive = weakref.ref(path)
+    del path, facts
+    gc.collect()
+    assert alive() is None
+
+
+def test_threads_sharing_fresh_facts_and_a_fan_in_give_the_single_threaded_results(monkeypatch):
+    """Records run Python code (and let other threads run) on every attribute read, and so does the path filter:
+    conversions and calls of several threads interleave on one ScopeFacts."""
+    calls = {
+        "production_fan_in": lambda f, fan_in: scope.production_fan_in(f),
+        "file_users": lambda f, fan_in: scope.file_users(f),
+        "render_file_cards": lambda f, fan_in: scope.render_file_cards(f, fan_in, "#"),
+        "select_with_quota": lambda f, fan_in: scope.select_with_quota(scope.ranked_by_file(f, fan_in), fan_in, 9, 1,
+                                                                       0.4),
+        "file_seeds": lambda f, fan_in: scope.file_seeds(f, fan_in),
+        "render_consumers": lambda f, fan_in: scope.render_consumers(f, fan_in, "#"),
+        "neighbours": lambda f, fan_in: scope.neighbours(f, 6),
+        "name_match_counts": lambda f, fan_in: scope.name_match_counts(f),
+        "_unused_outside": lambda f, fan_in: scope._unused_outside(f, {0, 3, 5}, fan_in),
+        "_members": lambda f, fan_in: scope._members(f),
+    }
+    filter_ = scope.is_test_path
+    monkeypatch.setattr(scope, "is_test_path", lambda path: time.sleep(0) or filter_(path))
+    monkeypatch.setattr(sys, "getswitchinterval", sys.getswitchinterval)  # restored after the test
+    sys.setswitchinterval(1e-6)
+    for seed in range(3):
+        fields = random_page(random.Random(seed), 24, "sleepy")
+        fan_in = scope.production_fan_in(scope.ScopeFacts(**fields))
+        expected = {name: norm(call(scope.ScopeFacts(**fields), fan_in)) for name, call in calls.items()}
+        with ThreadPoolExecutor(4) as pool:  # eight runs, each calling every function, from its own place on
+            runs = pool.map(partial(run_from, calls, scope.ScopeFacts(**fields), fan_in), range(0, 80, 10))
+            assert list(runs) == [expected] * 8
+
+
+def run_from(calls, facts, fan_in, percent):
+    """Every call once, starting `percent` of the way through and wrapping around; the results by name."""
+    names = list(calls)
+    start = percent * len(names) // 100
+    return {name: norm(calls[name](facts, fan_in)) for name in names[start:] + names[:start]}
+
+
+@pytest.mark.parametrize("change", [
+    lambda fan_in: fan_in.outside.update({2: 9}), lambda fan_in: fan_in.outside.pop(1),
+    lambda fan_in: fan_in.inside.update({3: 50}), lambda fan_in: fan_in.outside.clear(),
+    lambda fan_in: fan_in.outside.update(fan_in.outside | {2: 8}),
+])
+def test_a_kept_fan_in_changed_between_calls_is_read_again(change):
+    fields = (["a.py"], [sym(1, "a.py", "one"), sym(2, "a.py", "two", export=False), sym(3, "a.py", "3", export=False)],
+              [inref("b.py", sym(1, "a.py", "one"), refs=3), inref("a.py", sym(2, "a.py", "two"))])
+    facts = make_facts(*fields)
+    fan_in = scope.production_fan_in(facts)
+    scope.ranked_by_file(facts, fan_in), scope.render_consumers(facts, fan_in, "#")
+    change(fan_in)
+    for call in (lambda f: scope.ranked_by_file(f, fan_in), lambda f: scope.render_consumers(f, fan_in, "#"),
+                 lambda f: scope.file_seeds(f, fan_in), lambda f: scope._unused_outside(f, (), fan_in)):
+        assert norm(call(facts)) == norm(call(make_facts(*fields)))
