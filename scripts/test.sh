@@ -2,12 +2,18 @@
 # Every check, in the checkout's .venv/: lint and format, the core's
 # GoogleTest suite, the installed module's stubs and types, the module's
 # pytest suite, then both suites again under AddressSanitizer and
-# UndefinedBehaviorSanitizer.
+# UndefinedBehaviorSanitizer. The module is also built and its pytest suite
+# run on each other supported CPython that the machine has, each in an
+# environment of its own (build/venv-3.12/, ...); one that is missing is
+# reported and passed over.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/setup.sh
 need_debs g++ python3-dev python3-venv libgtest-dev
 use_venv test
+
+other_pythons
+echo "== Python: the module suite on ${PYTHONS}" >&2
 
 echo "== lint and format" >&2
 ruff check --quiet
@@ -32,5 +38,20 @@ mypy --strict --python-executable build/typing-venv/bin/python tests/typing/usag
 echo "== module tests" >&2
 python -m pytest tests/python -q
 
+for other in "${OTHER_PYTHONS[@]}"; do
+  version="$(python_version "$other")"
+  echo "== module on Python $version ($other): build and tests" >&2
+  (
+    SCOPE_PYTHON="$other"
+    use_venv test "build/venv-$version"
+    install_packages "build/dist-$version"
+    # Every test, but half the hostile suite's generated cases: all of them
+    # ran on the same code above, and the command must stay short.
+    SCOPE_HOSTILE_EXAMPLES="${SCOPE_HOSTILE_EXAMPLES:-100}" python -m pytest tests/python -q
+  )
+done
+
 echo "== core and module tests under the sanitizers" >&2
 bash scripts/sanitize.sh
+
+echo "== every check passed; the module suite ran on ${PYTHONS}" >&2
