@@ -156,7 +156,7 @@ def test_a_batch_answers_every_page_as_the_index_does(seed):
             ids = [f.id for f in files]
             assert scope_files(batch, paths) == files
             for query in (scope_symbols, inbound_references, outbound_references):
-                assert query(batch, ids) == query(db, ids)
+                assert query(batch, ids) == query(db, ids) == query(batch, iter(ids))
             assert importing_tests(batch, files) == importing_tests(db, files)
             assert import_resolved_languages(batch, ["go", "rust"]) == import_resolved_languages(db, ["go", "rust"])
             read_lines = lambda path: ["x"]  # noqa: E731

@@ -75,7 +75,7 @@ def _records(cls: type, count: int, *columns: Iterable[Any]) -> list[Any]:
     """``count`` records of ``cls`` from the columns of its fields in order, equal to
     ``cls(*row)`` for each row.  The records are made bare, then each column is set through
     its slot's setter: a pass in C per field rather than Python code per record, which makes
-    the many records of a page in a fraction of the time a frozen dataclass's ``__init__``
+    the many records of a page in less than half the time a frozen dataclass's ``__init__``
     takes (it sets each field through ``object.__setattr__``)."""
     records = list(map(object.__new__, repeat(cls, count)))
     for f, column in zip(fields(cls), columns, strict=True):
@@ -245,8 +245,9 @@ class PrefetchedPage:
 
 
 def _prefetched(db: Any, by: str, values: Iterable[Any]) -> PrefetchedPage | None:
-    """The page of a `PrefetchedIndex` that ``values`` (its paths, or its files' ids) name, if any."""
-    if not isinstance(db, PrefetchedIndex) or isinstance(values, (str, bytes)):
+    """The page of a `PrefetchedIndex` that ``values`` (its paths, or its files' ids, a list or
+    a tuple) name, if any.  Other iterables are left to the query: they may be read once only."""
+    if not isinstance(db, PrefetchedIndex) or not isinstance(values, (list, tuple)):
         return None
     return db.pages.get((by, tuple(values)))
 

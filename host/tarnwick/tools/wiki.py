@@ -44,9 +44,10 @@ from tarnwick.tools import ground as tool
 TOP_TITLE = "(top level)"
 # Uses between pages drawn on the index page, the heaviest first.
 MAX_EDGES = 40
-# Files of the pages that a worker reads in one batch, at most; with several
-# workers, each gets about this many batches.
+# A worker reads the rows of a batch of pages at once: at most this many files
+# (a larger page is a batch of its own), which bounds its memory on a large tree.
 BATCH_FILES = 1000
+# With several workers, batches are made small enough for each to get about this many.
 BATCHES_PER_WORKER = 4
 # Seconds between two progress lines when stderr is no terminal.
 PROGRESS_EVERY = 3.0
