@@ -197,15 +197,16 @@ def _say(message: str) -> None:
 
 def page_paths(db, patterns: list[str]) -> list[str]:
     indexed = [row[0] for row in db.query("SELECT path FROM files ORDER BY path")]
-    chosen: list[str] = []
+    chosen: dict[str, None] = {}
     for pattern in patterns:
-        matches = [path for path in indexed if fnmatch.fnmatchcase(path, pattern)]
-        if not matches and not any(ch in pattern for ch in "*?["):
-            matches = [pattern]  # a plain path the index lacks still gets a "not in the index" card
-        chosen.extend(path for path in matches if path not in chosen)
-    if not any(path in set(indexed) for path in chosen):
+        if any(ch in pattern for ch in "*?["):
+            chosen.update(dict.fromkeys(path for path in indexed if fnmatch.fnmatchcase(path, pattern)))
+        else:
+            chosen[pattern] = None  # a plain path the index lacks still gets a "not in the index" card
+    known = set(indexed)
+    if not any(path in known for path in chosen):
         raise GroundError("the page matches no indexed file: " + " ".join(patterns))
-    return chosen
+    return list(chosen)
 
 
 def plural(count: int, word: str) -> str:
