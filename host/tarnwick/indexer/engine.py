@@ -310,28 +310,25 @@ def _merge_by_name(declared: Iterable[tuple], used: Iterable[tuple]) -> Iterator
     declarations, from two streams of rows sorted by name (first item)."""
     used = iter(used)
     use = next(used, None)
-    group: list = []
-    for row in declared:
-        if group and row[0] != group[0][0]:
-            name = group[0][0]
-            while use is not None and use[0] < name:
-                use = next(used, None)
-            users = []
-            while use is not None and use[0] == name:
-                users.append(use)
-                use = next(used, None)
-            yield name, group, users
-            group = []
-        group.append(row)
-    if group:
-        name = group[0][0]
+
+    def uses_of(name: str) -> list:
+        nonlocal use
         while use is not None and use[0] < name:
             use = next(used, None)
         users = []
         while use is not None and use[0] == name:
             users.append(use)
             use = next(used, None)
-        yield name, group, users
+        return users
+
+    group: list = []
+    for row in declared:
+        if group and row[0] != group[0][0]:
+            yield group[0][0], group, uses_of(group[0][0])
+            group = []
+        group.append(row)
+    if group:
+        yield group[0][0], group, uses_of(group[0][0])
 
 
 def _count(stats: IndexStats, row: tuple) -> None:
