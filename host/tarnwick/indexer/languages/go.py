@@ -52,11 +52,11 @@ class GoRules(Rules):
         for declaration in root.named_children:
             if declaration.type != "import_declaration":
                 continue
-            specs = declaration.named_children
-            if specs and specs[0].type == "import_spec_list":
-                specs = specs[0].named_children
-            for spec in specs:
-                alias, imported = spec.child_by_field_name("name"), spec.child_by_field_name("path")
+            clauses = declaration.named_children
+            if clauses and clauses[0].type == "import_spec_list":
+                clauses = clauses[0].named_children
+            for clause in clauses:
+                alias, imported = clause.child_by_field_name("name"), clause.child_by_field_name("path")
                 if alias is not None:
                     names.append(source[alias.start_byte : alias.end_byte])
                 elif imported is not None:
