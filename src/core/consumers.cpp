@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "text.hpp"
+#include "markdown.hpp"
 
 namespace scope {
 
@@ -222,7 +222,6 @@ std::string unused_line(const FactsView& view, const std::vector<std::uint32_t>&
 std::vector<std::uint32_t> unused_outside(const FactsView& view, const Vocab& vocab, const std::vector<bool>& used,
                                           const FanInSlots& fan_in) {
   const Table& symbols = view.symbols;
-  const Derived& d = view.derived;
   struct Kept {
     bool callable;  // not a type: every type sorts first
     RankKey key;
@@ -231,15 +230,12 @@ std::vector<std::uint32_t> unused_outside(const FactsView& view, const Vocab& vo
   };
   std::vector<Kept> kept;
   for (std::size_t row = 0; row < symbols.rows(); ++row) {
-    const StrId kind = symbols.str(sym_f::kind, row);
-    if (!vocab.has(kind, vocab_bit::type | vocab_bit::callable)) continue;
+    if (!public_top_level(view, vocab, row)) continue;
     const std::uint32_t slot = symbols.slot(sym_f::id, row);
     if (slot < used.size() && used[slot]) continue;
-    if (!symbols.flag(sym_f::is_export, row)) continue;
-    if (is_private_name(view.pool.text(symbols.str(sym_f::name, row)))) continue;
-    if (d.member[row]) continue;
-    kept.push_back({!vocab.has(kind, vocab_bit::type), rank_key(key_input(view, vocab, fan_in, row)),
-                    view.pool.text(symbols.str(sym_f::path, row)), static_cast<std::uint32_t>(row)});
+    kept.push_back({!vocab.has(symbols.str(sym_f::kind, row), vocab_bit::type),
+                    rank_key(key_input(view, vocab, fan_in, row)), view.pool.text(symbols.str(sym_f::path, row)),
+                    static_cast<std::uint32_t>(row)});
   }
   std::stable_sort(kept.begin(), kept.end(), [](const Kept& a, const Kept& b) {
     if (a.callable != b.callable) return !a.callable;

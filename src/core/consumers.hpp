@@ -16,9 +16,7 @@ namespace scope {
 
 // Rows of the public, exported, top-level types and callables whose slot is
 // not `used`: types first, then best first by rank key, then path.
-inline constexpr Needs kUnusedNeeds =
-    kRankKeyNeeds |
-    Needs{.symbols = bits(sym_f::path, sym_f::kind, sym_f::name, sym_f::is_export), .derived = derived::members};
+inline constexpr Needs kUnusedNeeds = kRankKeyNeeds | kPublicTopLevelNeeds | Needs{.symbols = bit(sym_f::path)};
 std::vector<std::uint32_t> unused_outside(const FactsView& view, const Vocab& vocab, const std::vector<bool>& used,
                                           const FanInSlots& fan_in);
 

@@ -46,15 +46,57 @@ std::vector<std::uint32_t> entry_candidates(const FactsView& view, const Vocab& 
   const Table& symbols = view.symbols;
   std::vector<std::uint32_t> rows;
   for (std::size_t row = 0; row < symbols.rows(); ++row) {
-    if (!vocab.has(symbols.str(sym_f::kind, row), vocab_bit::callable | vocab_bit::type)) continue;
-    if (!symbols.flag(sym_f::is_export, row)) continue;
-    if (is_private_name(view.pool.text(symbols.str(sym_f::name, row)))) continue;
+    if (!public_top_level(view, vocab, row)) continue;
     const std::uint32_t slot = symbols.slot(sym_f::id, row);
     if (slot < referenced.size() && referenced[slot]) continue;
-    if (view.derived.member[row]) continue;
     rows.push_back(static_cast<std::uint32_t>(row));
   }
   return rows;
+}
+
+FileUsers file_users(const FactsView& view, const Vocab&) {
+  const Table& in = view.inbound;
+  const std::size_t strings = view.pool.size();
+  FileUsers result;
+  result.entry_of.assign(strings, FileUsers::kNone);
+  // The counted rows, bucketed by target in first-counted order (each bucket
+  // in row order), then summed per user within each bucket.
+  const auto source = in.strs(in_f::source_path), target = in.strs(in_f::target_path);
+  const std::uint8_t* terms = view.derived.inbound_terms.data();
+  std::vector<std::uint32_t> counted;
+  for (std::size_t row = 0; row < in.rows(); ++row) {
+    const std::uint8_t term = terms[row];
+    if (!counts_as_file_user(term & in_term::use, term & in_term::from_test, term & in_term::to_itself)) continue;
+    std::uint32_t& entry = result.entry_of[target[row]];
+    if (entry == FileUsers::kNone) {
+      entry = static_cast<std::uint32_t>(result.target.size());
+      result.target.push_back(target[row]);
+    }
+    counted.push_back(static_cast<std::uint32_t>(row));
+  }
+  Groups buckets = group_rows(counted.size(), result.target.size(),
+                              [&](std::size_t i) { return result.entry_of[target[counted[i]]]; });
+  std::vector<std::uint32_t> position(strings, FileUsers::kNone);  // user path -> index among the entry's users
+  result.start.push_back(0);
+  for (std::size_t entry = 0; entry < result.target.size(); ++entry) {
+    const std::size_t first = result.users.size();
+    for (std::uint32_t i : buckets.of(entry)) {
+      const std::uint32_t row = counted[i];
+      const std::int64_t refs = in.num(in_f::refs, row);
+      std::uint32_t& at = position[source[row]];
+      if (at == FileUsers::kNone) {
+        at = static_cast<std::uint32_t>(result.users.size() - first);
+        result.users.emplace_back(source[row], refs);
+      } else {
+        auto& sum = result.users[first + at].second;
+        sum = checked_add(sum, refs);
+      }
+    }
+    for (std::size_t i = first; i < result.users.size(); ++i) position[result.users[i].first] = FileUsers::kNone;
+    result.start.push_back(static_cast<std::uint32_t>(result.users.size()));
+  }
+  result.users.shrink_to_fit();  // kept on the facts
+  return result;
 }
 
 }  // namespace scope

@@ -1,9 +1,11 @@
 // Use evidence and the production fan-in: which references count as uses of
-// the page's declarations, from where, and which declarations are entry
-// points.
+// the page's declarations, from where, which declarations are entry points,
+// and which files use each page file.
 #pragma once
 
 #include <cstdint>
+#include <span>
+#include <utility>
 #include <vector>
 
 #include "needs.hpp"
@@ -27,12 +29,22 @@ struct FanInSlots {
   }
 };
 
+// Whether the declaration at `row` is a public top-level type or callable.
+inline constexpr Needs kPublicTopLevelNeeds{.symbols = bits(sym_f::kind, sym_f::is_export, sym_f::name),
+                                            .derived = derived::members};
+inline bool public_top_level(const FactsView& view, const Vocab& vocab, std::size_t row) {
+  const Table& symbols = view.symbols;
+  return is_public_top_level(vocab.has(symbols.str(sym_f::kind, row), vocab_bit::callable | vocab_bit::type),
+                             symbols.flag(sym_f::is_export, row), view.pool.text(symbols.str(sym_f::name, row)),
+                             view.derived.member[row]);
+}
+
 // The counting half of the production fan-in.
 struct FanInCounts {
   FanInSlots uses;                           // entry is left empty
   std::vector<std::uint32_t> outside_order;  // slots in first-counted order
   std::vector<std::uint32_t> inside_order;
-  std::vector<bool> referenced;  // by slot: named by production code (not "legacy")
+  std::vector<bool> referenced;  // by slot: named by production code (not a legacy resolution)
 };
 inline constexpr Needs kCountFanInNeeds{.inbound = bits(in_f::target_id, in_f::refs),
                                         .derived = derived::inbound_terms};
@@ -41,8 +53,7 @@ FanInCounts count_fan_in(const FactsView& view, const Vocab& vocab);
 // Rows of the declarations that pass every entry-point test but the path
 // filter, in symbols order: public, exported, top-level callables and types
 // that no production code references.
-inline constexpr Needs kEntryCandidateNeeds{.symbols = bits(sym_f::id, sym_f::kind, sym_f::is_export, sym_f::name),
-                                            .derived = derived::members};
+inline constexpr Needs kEntryCandidateNeeds = kPublicTopLevelNeeds | Needs{.symbols = bit(sym_f::id)};
 std::vector<std::uint32_t> entry_candidates(const FactsView& view, const Vocab& vocab,
                                             const std::vector<bool>& referenced);
 
@@ -57,5 +68,24 @@ std::vector<std::uint32_t> entry_points(const FactsView& view, const Vocab& voca
     if (!is_test_path(view.symbols.str(sym_f::path, row))) rows.push_back(row);
   return rows;
 }
+
+// The production files that use each page file through evidence, with their
+// summed refs: per target path in first-counted order, the users of each in
+// the order of their first counted reference. A file nobody else uses has
+// no entry.
+struct FileUsers {
+  std::vector<StrId> target;                          // by entry
+  std::vector<std::uint32_t> start;                   // by entry, plus the end
+  std::vector<std::pair<StrId, std::int64_t>> users;  // entries one after another
+  std::vector<std::uint32_t> entry_of;                // by target path StrId; kNone: no entry
+
+  static constexpr std::uint32_t kNone = 0xffffffffu;
+  std::span<const std::pair<StrId, std::int64_t>> of(std::size_t entry) const {
+    return {users.data() + start[entry], users.data() + start[entry + 1]};
+  }
+};
+inline constexpr Needs kFileUsersNeeds{.inbound = bits(in_f::source_path, in_f::target_path, in_f::refs),
+                                       .derived = derived::inbound_uses};
+FileUsers file_users(const FactsView& view, const Vocab& vocab);
 
 }  // namespace scope

@@ -74,7 +74,7 @@ std::vector<std::uint8_t> inbound_terms(const FactsView& view, const Vocab& voca
         (counts_toward_fan_in(r & vocab_bit::evidence, r & vocab_bit::trusted, name_match_kind) ? in_term::counted
                                                                                                 : 0) |
         ((r & vocab_bit::legacy) ? 0 : in_term::marks) |
-        (((r & vocab_bit::unique) && name_match_kind) ? in_term::name_match : 0));
+        (is_name_match(r & vocab_bit::unique, name_match_kind) ? in_term::name_match : 0));
   }
   return terms;
 }
@@ -107,9 +107,10 @@ std::vector<std::uint8_t> outbound_terms(const FactsView& view, const Vocab& voc
   for (std::size_t row = 0; row < out.rows(); ++row) {
     const std::uint16_t r = words.get(resolution[row]);
     const bool name_match_kind = words.has(kind[row], vocab_bit::name_match);
-    terms[row] = static_cast<std::uint8_t>((paths.has(target[row], path_bit::in_page) ? out_term::to_page : 0) |
-                                           (((r & vocab_bit::evidence) || !name_match_kind) ? out_term::use : 0) |
-                                           (((r & vocab_bit::unique) && name_match_kind) ? out_term::name_match : 0));
+    terms[row] =
+        static_cast<std::uint8_t>((paths.has(target[row], path_bit::in_page) ? out_term::to_page : 0) |
+                                  (is_outbound_use(r & vocab_bit::evidence, name_match_kind) ? out_term::use : 0) |
+                                  (is_name_match(r & vocab_bit::unique, name_match_kind) ? out_term::name_match : 0));
   }
   return terms;
 }

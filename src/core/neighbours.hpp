@@ -55,7 +55,7 @@ std::vector<Neighbour> neighbours(const FactsView& view, std::int64_t limit, IsT
   return kept;
 }
 
-// "unique" references to attributes and constants per (source path, target
+// Name matches (is_name_match) per (source path, target
 // path): inbound first, then outbound, every file included; pairs in
 // first-counted order.
 struct PathPairCount {

@@ -1,6 +1,8 @@
-// The rules of the module, each written once: the module's constants, what
-// counts as evidence of use, what makes a declaration the page's API, which
-// references count toward the fan-in, and the rank key. The native view and
+// The rules of the module, each written once: the module's constants, the
+// kind and resolution strings they name, what counts as evidence of use
+// (inbound and outbound), a name match, what makes a declaration the page's
+// API or a public top-level type or callable, which references count toward
+// the fan-in and which make a file's user, and the rank key. The native view and
 // the functions that take single host objects (is_use, FanIn.api, rank_key)
 // apply the same definitions; the tests that a rule makes are passed in as
 // callables, so each is asked only when the rule needs its answer.
@@ -24,8 +26,13 @@ inline constexpr std::int64_t kUnusedNames = 8;
 // Body sizes beyond this many lines rank alike.
 inline constexpr std::int64_t kSizeCap = 40;
 
+// The module's own sets (EVIDENCE_RESOLUTIONS, _TYPE_KINDS), and the kind and
+// resolution strings the rules name exactly.
 inline constexpr std::array<std::string_view, 2> kEvidenceResolutionNames = {"import", "local"};
 inline constexpr std::array<std::string_view, 5> kTypeKindNames = {"enum", "class", "interface", "type", "struct"};
+inline constexpr std::string_view kConstantKind = "constant";    // weighs half in the rank key
+inline constexpr std::string_view kUniqueResolution = "unique";  // a match of the short name alone
+inline constexpr std::string_view kLegacyResolution = "legacy";  // never marks its target as referenced
 
 // Sums of `refs` are exact: a sum that leaves the 64-bit range is an error,
 // never a wrapped value.
@@ -44,6 +51,26 @@ template <class Evidence, class Unique, class Resolved, class NameMatch>
 bool is_use(Evidence evidence, Unique unique, Resolved import_resolved, NameMatch name_match) {
   if (evidence()) return true;
   return unique() && !import_resolved() && !name_match();
+}
+
+// Whether a reference only matches a name: a unique resolution to a kind
+// whose short names collide (NAME_MATCH_KINDS: attributes, constants).
+inline bool is_name_match(bool unique, bool name_match_kind) { return unique && name_match_kind; }
+
+// Whether an outbound reference is evidence that the page uses its target:
+// evidence, or any resolution to a kind whose names do not collide.
+inline bool is_outbound_use(bool evidence, bool name_match_kind) { return evidence || !name_match_kind; }
+
+// Whether an inbound reference makes its source a user of the target's file:
+// a use, from production code, from another file.
+inline bool counts_as_file_user(bool use, bool from_test, bool to_itself) { return use && !from_test && !to_itself; }
+
+// Whether a declaration is a public top-level type or callable: a type or
+// callable kind, exported, a name without a leading "_", and not inside a
+// type of its own file.
+inline bool is_private_name(std::string_view name) { return name.starts_with('_'); }
+inline bool is_public_top_level(bool type_or_callable, bool exported, std::string_view name, bool member) {
+  return type_or_callable && exported && !is_private_name(name) && !member;
 }
 
 // Whether a declaration is the page's API: some counted use from outside the
@@ -101,7 +128,5 @@ inline RankKey rank_key(const KeyInput& in) {
       in.start_line,
   };
 }
-
-inline bool is_private_name(std::string_view name) { return name.starts_with('_'); }
 
 }  // namespace scope

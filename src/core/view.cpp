@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "rules.hpp"
+
 namespace scope {
 
 void check_failed(const char* condition, const char* file, int line) {
@@ -39,9 +41,9 @@ void Vocab::set(StrId id, std::uint16_t which) {
 
 void Vocab::set_literals(const StringPool& pool, StrId id) {
   std::string_view text = pool.text(id);
-  if (text == "constant") set(id, vocab_bit::constant);
-  if (text == "unique") set(id, vocab_bit::unique);
-  if (text == "legacy") set(id, vocab_bit::legacy);
+  if (text == kConstantKind) set(id, vocab_bit::constant);
+  if (text == kUniqueResolution) set(id, vocab_bit::unique);
+  if (text == kLegacyResolution) set(id, vocab_bit::legacy);
 }
 
 void FactsView::set_path_bit(StrId path, std::uint8_t which) {

@@ -136,9 +136,9 @@ enum : std::uint16_t {
   name_match = 4,  // NAME_MATCH_KINDS
   type = 8,        // _TYPE_KINDS
   callable = 16,   // _CALLABLE_KINDS
-  constant = 32,   // exactly "constant"
-  unique = 64,     // exactly "unique"
-  legacy = 128,    // exactly "legacy"
+  constant = 32,   // exactly kConstantKind
+  unique = 64,     // exactly kUniqueResolution
+  legacy = 128,    // exactly kLegacyResolution
 };
 }
 
@@ -158,7 +158,7 @@ struct Vocab {
   bool has(StrId id, std::uint16_t which) const { return id < bits.size() && (bits[id] & which) != 0; }
   BitsReader<std::uint16_t> reader() const { return {bits.data(), bits.size()}; }
   void set(StrId id, std::uint16_t which);
-  // Sets the bits that depend on the text alone ("constant", "unique", "legacy").
+  // Sets the bits that depend on the text alone (constant, unique, legacy).
   void set_literals(const StringPool& pool, StrId id);
   friend bool operator==(const Vocab&, const Vocab&) = default;
   // Whether every string `older` knows has the same bits here: what was
@@ -189,17 +189,17 @@ enum : std::uint8_t {
   from_test = 1,    // the source is a test file
   from_page = 2,    // the source is one of the page's files
   counted = 4,      // counts toward the fan-in
-  marks = 8,        // marks its target as referenced (not "legacy")
+  marks = 8,        // marks its target as referenced (not a legacy resolution)
   use = 16,         // evidence that the source uses the target (is_use)
-  name_match = 32,  // a "unique" reference to an attribute or a constant
+  name_match = 32,  // is_name_match
   to_itself = 64,   // the source is the target's own file
 };
 }
 namespace out_term {
 enum : std::uint8_t {
   to_page = 1,     // the target lies in one of the page's files
-  use = 2,         // evidence, or a reference to anything but an attribute or a constant
-  name_match = 4,  // a "unique" reference to an attribute or a constant
+  use = 2,         // is_outbound_use
+  name_match = 4,  // is_name_match
 };
 }
 

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "../core/consumers.hpp"
-#include "../core/interface.hpp"
 #include "../core/neighbours.hpp"
 
 namespace scope::py {
@@ -173,7 +172,7 @@ PyRef rank_key_body(Call& c) {
                             PyRef entry = check(PyObject_GetAttr(fan_in, c.state.names[kEntry]));
                             return contains(entry.get(), key.get(), Where{"fan_in", "entry"});
                           });
-  const RankKey k = rank_key(KeyInput{api, type_or_callable, kind_text == "constant", is_private_name(name_text),
+  const RankKey k = rank_key(KeyInput{api, type_or_callable, kind_text == kConstantKind, is_private_name(name_text),
                                       outside, inside, start, end});
   PyRef items[] = {new_bool(k.not_api), new_int(k.kind_group), new_bool(k.is_private), new_int128(k.outside),
                    new_int128(k.size),  new_int128(k.inside),  new_int(k.start_line)};
@@ -184,8 +183,7 @@ PyRef rank_key_body(Call& c) {
 
 PyRef ranked_by_file_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kRankedNeeds);
-  auto fan_in = fan_in_slots(c.state, p.native, c.arg(1), true);
-  p.settle();
+  auto fan_in = p.settled_fan_in(c.state, c.arg(1));
   auto ranking = ranking_for(p.native, p.vocab, fan_in);
   PyObject* symbols = p.facts()->fields[kSymbols];  // borrowed: the facts' own records
   PyRef result = check(PyDict_New());
@@ -198,8 +196,7 @@ PyRef ranked_by_file_body(Call& c) {
 
 PyRef file_seeds_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kSeedNeeds);
-  auto fan_in = fan_in_slots(c.state, p.native, c.arg(1), true);
-  p.settle();
+  auto fan_in = p.settled_fan_in(c.state, c.arg(1));
   auto ranking = ranking_for(p.native, p.vocab, fan_in);
   PyRef result = check(PyDict_New());
   for (const Seed& seed : file_seeds(p.view, *ranking)) {
@@ -217,8 +214,7 @@ std::vector<RankKey> quota_keys(Call& c, PyObject* records) {
   std::vector<RankKey> keys;
   if (FactsObject* facts = facts_holding(c.state, records, rows)) {
     Prepared p(c.module, c.state, facts, kRankKeyNeeds);
-    auto fan_in = fan_in_slots(c.state, p.native, c.arg(1), true);
-    p.settle();
+    auto fan_in = p.settled_fan_in(c.state, c.arg(1));
     keys.reserve(rows.size());
     for (std::uint32_t row : rows) keys.push_back(rank_key(key_input(p.view, p.vocab, *fan_in, row)));
     return keys;
@@ -394,16 +390,14 @@ PyRef render_consumers_body(Call& c) {
   FactsObject* facts = c.facts(0);
   if (!PyUnicode_Check(c.arg(2))) wrong_type(Where{"heading"}, "str", c.arg(2));
   Prepared p(c.module, c.state, facts, kConsumersNeeds);
-  auto fan_in = fan_in_slots(c.state, p.native, c.arg(1), true);
-  p.settle();
+  auto fan_in = p.settled_fan_in(c.state, c.arg(1));
   return str_from_utf8(render_consumers(p.view, p.vocab, *fan_in, text_arg(c.arg(2), "heading")));
 }
 
 PyRef unused_outside_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kUnusedNeeds);
   const std::vector<bool> used = slots_in(p.native, c.arg(1), Where{"used"});
-  auto fan_in = fan_in_slots(c.state, p.native, c.arg(2), true);
-  p.settle();
+  auto fan_in = p.settled_fan_in(c.state, c.arg(2));
   return records_at(p.facts()->fields[kSymbols], unused_outside(p.view, p.vocab, used, *fan_in));
 }
 
@@ -439,29 +433,136 @@ PyRef name_match_counts_body(Call& c) {
 // ---------------------------------------------------------------------------
 // The table.
 
-// The bodies, in the order of the module's functions (interface.hpp).
-constexpr PyRef (*kBodies[])(Call&) = {
-    load_scope_facts,
-    is_use_body,
-    members_body,
-    production_fan_in_body,
-    rank_key_body,
-    ranked_by_file_body,
-    file_seeds_body,
-    select_with_quota_body,
-    pick_spread_body,
-    short_path_body,
-    cell_body,
-    named_body,
-    file_users_body,
-    most_used_body,
-    render_file_cards_body,
-    render_consumers_body,
-    unused_outside_body,
-    neighbours_body,
-    name_match_counts_body,
+struct Parameter {
+  const char* name;
+  const char* shown_default = nullptr;  // an optional parameter, with this default
 };
-static_assert(sizeof kBodies / sizeof kBodies[0] == kFunctionCount);
+
+// One function of the module as a host calls it: its name, its parameters,
+// what it does and its body. A docstring names the module's constants as
+// {name} (see with_constants), so that it shows their values.
+struct Function {
+  const char* name;
+  std::array<Parameter, 5> params;
+  const char* doc;
+  PyRef (*body)(Call&);
+};
+
+constexpr Function kFunctions[] = {
+    {"load_scope_facts",
+     {{{"db"}, {"paths"}, {"read_lines"}}},
+     "Loads one page's facts: queries the index (scope_files, inbound_references, import_resolved_languages, then "
+     "scope_symbols and outbound_references), reads each indexed file once with `read_lines` (None means "
+     "unreadable), asks `is_test_path` once per distinct inbound source, and stores the result of "
+     "`importing_tests`. Errors of any of these propagate unchanged.",
+     load_scope_facts},
+    {"is_use",
+     {{{"resolution"}, {"target_kind"}, {"import_resolved"}}},
+     "Whether a reference is evidence that its source uses its target: an {import} or {local} one always; a "
+     "{unique} one only where imports are not resolved and the target is no attribute or constant "
+     "(NAME_MATCH_KINDS).",
+     is_use_body},
+    {"_members",
+     {{{"facts"}}},
+     "The set of ids of the declarations that lie inside a type declared in the same file (bounds inclusive; a "
+     "type never contains itself).",
+     members_body},
+    {"production_fan_in",
+     {{{"facts"}}},
+     "Counts the production uses of the page's declarations: FanIn(outside, inside, entry). Tests never count; "
+     "evidence counts, and so does a trusted resolution except to an attribute or a constant; uses from the "
+     "page's own files go to `inside`. `entry` holds the public, exported, top-level callables and types that no "
+     "production code references, outside test files.",
+     production_fan_in_body},
+    {"rank_key",
+     {{{"symbol"}, {"fan_in"}}},
+     "The sort key of a declaration, lower first: (not API, kind group, private, -outside uses x weight, "
+     "-min(size, {size_cap}), -inside uses x weight, start line). A constant weighs 1, others 2.",
+     rank_key_body},
+    {"ranked_by_file",
+     {{{"facts"}, {"fan_in"}}},
+     "Each file's declarations best first (stable by rank_key): a dict from path to list, paths in order of "
+     "their first declaration.",
+     ranked_by_file_body},
+    {"file_seeds",
+     {{{"facts"}, {"fan_in"}}},
+     "One citable (start, end) range per file: its best declaration that starts after line 0, else its whole "
+     "text when it was read and is not empty. Declaration seeds come first.",
+     file_seeds_body},
+    {"select_with_quota",
+     {{{"ranked"}, {"fan_in"}, {"total"}, {"floor"}, {"max_share"}}},
+     "Up to `total` declarations of `ranked` (path -> best-first sequence): `floor` per file first, the rest by "
+     "rank with no file above ceil(total * max_share) while another has some left, interleaved so that every "
+     "file's best comes before any file's second.",
+     select_with_quota_body},
+    {"pick_spread",
+     {{{"scored"}, {"limit"}, {"per_file"}}},
+     "The first `limit` names of the best-first (name, path) pairs, at most `per_file` per path.",
+     pick_spread_body},
+    {"_short_path", {{{"path"}}}, "The last two \"/\"-separated segments of `path`.", short_path_body},
+    {"_cell", {{{"text"}}}, "`text` for one Markdown table cell: \"|\" escaped, line feeds made spaces.", cell_body},
+    {"_named",
+     {{{"names"}, {"limit", "{card_names}"}}},
+     "The first `limit` names joined by \", \", then \" +N\" for the N names left out.",
+     named_body},
+    {"file_users",
+     {{{"facts"}}},
+     "For each page file that other production files use through evidence: a Counter of those users' summed "
+     "refs. Tests and a file's references to itself never count.",
+     file_users_body},
+    {"_most_used",
+     {{{"declarations"}, {"fan_in"}}},
+     "One file's used declarations, most used first, as \"`name` L<line> (<count>)\" items: uses from outside "
+     "the page, or, when there are none, uses from the page's own files (\"in-page\").",
+     most_used_body},
+    {"render_file_cards",
+     {{{"facts"}, {"fan_in"}, {"heading"}, {"missing", "()"}}},
+     "The Markdown table with one card per file of the page, then one row per `missing` path.",
+     render_file_cards_body},
+    {"render_consumers",
+     {{{"facts"}, {"fan_in"}, {"heading"}}},
+     "The Markdown section of the page's consumers: the production files outside the page that use it through "
+     "evidence (at most {consumer_rows} rows), the references not counted because they only match a name, and the "
+     "public "
+     "top-level types and callables that nothing outside uses.",
+     render_consumers_body},
+    {"_unused_outside",
+     {{{"facts"}, {"used"}, {"fan_in"}}},
+     "The public, exported, top-level types and callables whose id is not in `used`: types first, then best "
+     "first by rank_key, then by path.",
+     unused_outside_body},
+    {"neighbours",
+     {{{"facts"}, {"limit"}}},
+     "The declarations outside the page that its files use most: a list of (target record, count) pairs, "
+     "highest count first, then fqn, then first counted; at most `limit`. Targets in the page or in test files "
+     "are skipped, and a name match to an attribute or a constant does not count.",
+     neighbours_body},
+    {"name_match_counts",
+     {{{"facts"}}},
+     "Counts of {unique} references to attributes and constants, keyed by (source path, target path) in "
+     "first-counted order: inbound references first, then outbound; every file counts.",
+     name_match_counts_body},
+};
+
+// A docstring's text with the values of the constants it names.
+std::string with_constants(std::string text) {
+  auto quoted = [](std::string_view word) {
+    std::string text(1, '"');
+    text += word;
+    return text += '"';
+  };
+  const std::pair<std::string_view, std::string> constants[] = {
+      {"{size_cap}", std::to_string(kSizeCap)},         {"{consumer_rows}", std::to_string(kConsumerRows)},
+      {"{card_names}", std::to_string(kCardNames)},     {"{import}", quoted(kEvidenceResolutionNames[0])},
+      {"{local}", quoted(kEvidenceResolutionNames[1])}, {"{unique}", quoted(kUniqueResolution)},
+  };
+  for (const auto& [name, value] : constants)
+    for (std::size_t at = text.find(name); at != std::string::npos; at = text.find(name, at + value.size()))
+      text.replace(at, name.size(), value);
+  return text;
+}
+
+constexpr std::size_t kFunctionCount = sizeof kFunctions / sizeof kFunctions[0];
 
 template <std::size_t I>
 PyObject* trampoline(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
@@ -476,7 +577,7 @@ PyObject* trampoline(PyObject* module, PyObject* const* args, Py_ssize_t nargs, 
     }
     Call call{module, state_of_module(module), {}};
     bind_arguments({names, count}, required, args, nargs, kwnames, call.args.data());
-    return kBodies[I](call);
+    return fn.body(call);
   });
 }
 
@@ -487,9 +588,9 @@ std::string docstring(const Function& fn) {
     if (param.name == nullptr) break;
     if (doc.back() != '(') doc += ", ";
     doc += param.name;
-    if (param.shown_default) doc += std::string("=") + param.shown_default;
+    if (param.shown_default) doc += '=' + with_constants(param.shown_default);
   }
-  return doc + ")\n--\n\n" + fn.doc;
+  return doc + ")\n--\n\n" + with_constants(fn.doc);
 }
 
 template <std::size_t... I>

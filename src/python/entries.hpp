@@ -1,6 +1,6 @@
-// The module's functions: each declared in the core's interface list (name,
-// parameters, docstring) and given here a body of a few lines (parse,
-// prepare, call the core, build the result). The prologue (argument binding,
+// The module's functions: one table (entries.cpp) gives each its name,
+// parameters, docstring and a body of a few lines (parse, prepare, call the
+// core, build the result). The prologue (argument binding,
 // the error guard and the function's name in errors) is written once.
 #pragma once
 

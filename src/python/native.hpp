@@ -7,8 +7,8 @@
 #include <memory>
 #include <vector>
 
+#include "../core/cards.hpp"
 #include "../core/ranking.hpp"
-#include "../core/text.hpp"
 #include "args.hpp"
 #include "state.hpp"
 

@@ -252,4 +252,10 @@ FactsObject* facts_holding(const ModuleState& state, PyObject* records, std::vec
   return nullptr;
 }
 
+std::shared_ptr<const FanInSlots> Prepared::settled_fan_in(const ModuleState& state, PyObject* fan_in) {
+  auto slots = fan_in_slots(state, native, fan_in, true);
+  settle();
+  return slots;
+}
+
 }  // namespace scope::py

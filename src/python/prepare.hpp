@@ -26,6 +26,9 @@ class Prepared {
   // on another) may have derived it under another vocabulary: call this
   // after any host code and before the algorithm reads derived data.
   void settle() { derive(view, vocab, needs_); }
+  // The fan-in (with its entry points) in native form, then settle(): reading
+  // a host's fan-in may run host code.
+  std::shared_ptr<const FanInSlots> settled_fan_in(const ModuleState& state, PyObject* fan_in);
   NativeFacts& native;
   FactsView& view;
   Vocab vocab;

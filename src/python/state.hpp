@@ -5,6 +5,7 @@
 
 #include <vector>
 
+#include "../core/rules.hpp"
 #include "../core/schema.hpp"
 #include "args.hpp"
 #include "compat.hpp"
@@ -22,7 +23,7 @@ struct FactsObject;
   X(kTestsReaching, "tests_reaching") X(kScopeFiles, "scope_files") X(kInboundReferences, "inbound_references") \
   X(kImportResolvedLanguages, "import_resolved_languages") X(kScopeSymbols, "scope_symbols")                   \
   X(kOutboundReferences, "outbound_references") X(kFileSummary, "file_summary")                                \
-  X(kImportingTests, "importing_tests") X(kUnique, "unique")
+  X(kImportingTests, "importing_tests") X(kUnique, kUniqueResolution.data())
 // clang-format on
 #define SCOPE_NAME_ID(id, text) id,
 enum Name : int { SCOPE_NAMES(SCOPE_NAME_ID) kNameCount };

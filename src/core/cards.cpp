@@ -1,4 +1,4 @@
-#include "text.hpp"
+#include "cards.hpp"
 
 #include <algorithm>
 #include <numeric>
@@ -15,19 +15,6 @@ constexpr std::string_view kCardsParagraph =
 constexpr std::string_view kCardsHeader = "| File | Lines | Declarations | Summary | Most used | Used by | Tests |";
 constexpr std::string_view kCardsSeparator = "|---|---|---|---|---|---|---|";
 constexpr std::string_view kMissingCells = "` | ? | 0 | not in the index | | | |\n";
-
-// Decimal digits of a count that may not fit in 64 bits (a list's length
-// minus a very negative limit).
-std::string decimal(unsigned __int128 value) {
-  char digits[40];
-  char* end = digits + sizeof digits;
-  char* at = end;
-  do {
-    *--at = static_cast<char>('0' + static_cast<int>(value % 10));
-    value /= 10;
-  } while (value != 0);
-  return std::string(at, end);
-}
 
 // Indices of the `k` entries with the highest counts, highest first, equal
 // counts in entry order: the head of a stable sort by count, found without
@@ -51,93 +38,6 @@ void append_cell(std::string& out, std::string_view text) {
 }
 
 }  // namespace
-
-std::string short_path(std::string_view path) {
-  std::size_t last = path.rfind('/');
-  // No "/" at all, or only a leading one: fewer than three segments.
-  if (last == std::string_view::npos || last == 0) return std::string(path);
-  std::size_t before = path.rfind('/', last - 1);
-  return std::string(before == std::string_view::npos ? path : path.substr(before + 1));
-}
-
-std::string cell(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (char c : text) {
-    if (c == '|') {
-      out += "\\|";
-    } else if (c == '\n') {
-      out += ' ';
-    } else {
-      out += c;
-    }
-  }
-  return out;
-}
-
-std::size_t named_shown(std::size_t total, std::int64_t limit) {
-  if (limit >= 0) return std::min(total, static_cast<std::size_t>(limit));
-  std::uint64_t from_end = 0 - static_cast<std::uint64_t>(limit);
-  return from_end >= total ? 0 : total - from_end;
-}
-
-std::string named(std::span<const std::string> shown, std::size_t total, std::int64_t limit) {
-  std::string out;
-  for (std::size_t i = 0; i < shown.size(); ++i) {
-    if (i) out += ", ";
-    out += shown[i];
-  }
-  if (limit < 0 || total > static_cast<std::size_t>(limit)) {
-    out += " +";
-    out += decimal(static_cast<unsigned __int128>(static_cast<__int128>(total) - limit));
-  }
-  return out;
-}
-
-FileUsers file_users(const FactsView& view, const Vocab&) {
-  const Table& in = view.inbound;
-  const std::size_t strings = view.pool.size();
-  FileUsers result;
-  result.entry_of.assign(strings, FileUsers::kNone);
-  // The counted rows, bucketed by target in first-counted order (each bucket
-  // in row order), then summed per user within each bucket.
-  const auto source = in.strs(in_f::source_path), target = in.strs(in_f::target_path);
-  const std::uint8_t* terms = view.derived.inbound_terms.data();
-  std::vector<std::uint32_t> counted;
-  for (std::size_t row = 0; row < in.rows(); ++row) {
-    // Evidence from another production file: a file does not use itself, tests are no users.
-    if ((terms[row] & (in_term::use | in_term::to_itself | in_term::from_test)) != in_term::use) continue;
-    std::uint32_t& entry = result.entry_of[target[row]];
-    if (entry == FileUsers::kNone) {
-      entry = static_cast<std::uint32_t>(result.target.size());
-      result.target.push_back(target[row]);
-    }
-    counted.push_back(static_cast<std::uint32_t>(row));
-  }
-  Groups buckets = group_rows(counted.size(), result.target.size(),
-                              [&](std::size_t i) { return result.entry_of[target[counted[i]]]; });
-  std::vector<std::uint32_t> position(strings, FileUsers::kNone);  // user path -> index among the entry's users
-  result.start.push_back(0);
-  for (std::size_t entry = 0; entry < result.target.size(); ++entry) {
-    const std::size_t first = result.users.size();
-    for (std::uint32_t i : buckets.of(entry)) {
-      const std::uint32_t row = counted[i];
-      const std::int64_t refs = in.num(in_f::refs, row);
-      std::uint32_t& at = position[source[row]];
-      if (at == FileUsers::kNone) {
-        at = static_cast<std::uint32_t>(result.users.size() - first);
-        result.users.emplace_back(source[row], refs);
-      } else {
-        auto& sum = result.users[first + at].second;
-        sum = checked_add(sum, refs);
-      }
-    }
-    for (std::size_t i = first; i < result.users.size(); ++i) position[result.users[i].first] = FileUsers::kNone;
-    result.start.push_back(static_cast<std::uint32_t>(result.users.size()));
-  }
-  result.users.shrink_to_fit();  // kept on the facts
-  return result;
-}
 
 std::vector<std::string> most_used(const FactsView& view, const FanInSlots& fan_in, std::span<const std::uint32_t> rows,
                                    std::size_t limit, std::size_t& count) {
