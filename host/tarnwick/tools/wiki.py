@@ -31,6 +31,7 @@ import re
 import shutil
 import signal
 import sys
+import threading
 import time
 import tomllib
 from collections.abc import Callable, Iterable, Iterator
@@ -377,11 +378,14 @@ def ground_pages(
         return
     # Forked workers start in milliseconds, with the module already imported
     # here; they are forked before this process starts any thread (the
-    # pool's own, the progress bar's).
+    # pool's own, the progress bar's). A process that already runs other
+    # threads (a host that calls this from a threaded program) starts fresh
+    # interpreters instead: a fork could copy a lock another thread holds.
     import scope  # noqa: F401
 
     methods = multiprocessing.get_all_start_methods()
-    context = multiprocessing.get_context("fork" if "fork" in methods else "spawn")
+    forkable = "fork" in methods and threading.active_count() == 1
+    context = multiprocessing.get_context("fork" if forkable else "spawn")
     with context.Pool(jobs, _start_worker, (index, tree, quota)) as pool:
         for results in pool.imap_unordered(_ground_in_worker, work):
             yield from results
