@@ -144,9 +144,11 @@ def scope_symbols(db: Database, ids: Iterable[int]) -> tuple[ScopeSymbol, ...]:
     return tuple(_symbols(rows))
 
 
-# Grouped by ids first, so that SQLite sorts integers rather than strings; the
+# The references to declarations of the files whose ids are the one
+# parameter (a JSON list), summed per (source file, target, resolution) and
+# grouped by ids first, so that SQLite sorts integers rather than strings; the
 # paths and names are joined to the groups afterwards.
-_INBOUND = """
+_GROUPED_INBOUND = """
 WITH grouped AS (
     SELECT r.source_file_id AS source_id, r.target_id AS target_id, r.resolution AS resolution,
            SUM(r.count) AS refs
@@ -155,6 +157,11 @@ WITH grouped AS (
     WHERE d.file_id IN (SELECT value FROM json_each(?))
     GROUP BY r.source_file_id, r.target_id, r.resolution
 )
+"""
+
+_INBOUND = (
+    _GROUPED_INBOUND
+    + """
 SELECT sf.path, d.id, tf.path, d.name, d.kind, g.resolution, g.refs
 FROM grouped AS g
 JOIN files AS sf ON sf.id = g.source_id
@@ -162,6 +169,7 @@ JOIN declarations AS d ON d.id = g.target_id
 JOIN files AS tf ON tf.id = d.file_id
 ORDER BY sf.path, d.id, g.resolution
 """
+)
 
 
 def inbound_references(db: Database, ids: Iterable[int]) -> tuple[InboundReference, ...]:
@@ -275,20 +283,15 @@ WHERE d.id IN (SELECT value FROM json_each(?))
 
 # Grouped by ids first, as the page's query groups them, then put in the order
 # of the pages' records; the target's path, name and kind are the batch's own.
-_BATCH_INBOUND = """
-WITH grouped AS (
-    SELECT r.source_file_id AS source_id, r.target_id AS target_id, r.resolution AS resolution,
-           SUM(r.count) AS refs
-    FROM declarations AS d
-    JOIN refs AS r ON r.target_id = d.id
-    WHERE d.file_id IN (SELECT value FROM json_each(?))
-    GROUP BY r.source_file_id, r.target_id, r.resolution
-)
+_BATCH_INBOUND = (
+    _GROUPED_INBOUND
+    + """
 SELECT sf.path, g.target_id, g.resolution, g.refs
 FROM grouped AS g
 JOIN files AS sf ON sf.id = g.source_id
 ORDER BY sf.path, g.target_id, g.resolution
 """
+)
 
 _BATCH_OUTBOUND = """
 SELECT r.source_file_id, r.target_id, r.resolution, SUM(r.count)
