@@ -36,6 +36,9 @@ struct Schema {
   unsigned count;
 };
 
+// No record type has more fields than this.
+inline constexpr unsigned kMaxFields = 8;
+
 // A set of fields of one table, as bits.
 using Mask = std::uint32_t;
 inline constexpr Mask bit(unsigned field) { return Mask{1} << field; }
@@ -104,5 +107,7 @@ static_assert(sizeof kFileFields / sizeof(Field) == file_f::count);
 static_assert(sizeof kSymbolFields / sizeof(Field) == sym_f::count);
 static_assert(sizeof kInboundFields / sizeof(Field) == in_f::count);
 static_assert(sizeof kOutboundFields / sizeof(Field) == out_f::count);
+static_assert(file_f::count <= kMaxFields && sym_f::count <= kMaxFields && in_f::count <= kMaxFields &&
+              out_f::count <= kMaxFields);
 
 }  // namespace scope

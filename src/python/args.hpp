@@ -30,6 +30,11 @@ struct Where {
 // An error of `type`: "f() argument 'a'[: <what>] <message>".
 [[noreturn]] void bad_value(PyObject* type, Where where, const char* message);
 
+// How many of the errors above this thread has made: a caller that meets an
+// error tells by it whether the module made it (its message names the call
+// being made) or host code raised it.
+std::uint64_t errors_made();
+
 // A 64-bit integer from an int (or an object with __index__).
 std::int64_t as_int64(PyObject* object, Where where);
 // A real number (float, int, or an object with __float__ or __index__).

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <string>
+#include <tuple>
 
 namespace scope::py {
 
@@ -89,6 +90,8 @@ struct Pending {
   IntColumn ints;
   StrColumn strs;
   std::vector<PyRef> objects;
+  bool failed = false;  // a deferring walk met an error reading it: `unread` says how
+  Unread unread;
 };
 
 void read_row(NativeFacts& native, Pending& column, PyObject* owner, const char* argument) {
@@ -129,17 +132,65 @@ void read_row(NativeFacts& native, Pending& column, PyObject* owner, const char*
 // How many records ahead the conversion fetches a record's memory.
 constexpr Py_ssize_t kAhead = 8;
 
-// Reads the fields of `wanted` (none of them of the target) for every row.
+// The exception being raised, taken with its traceback as it stands now,
+// and raised again as it was, with that traceback (not with the frames it
+// went through since), as often as a call needs it.
+void take_raised(PyRef& error, PyRef& traceback) {
+#if PY_VERSION_HEX >= 0x030C0000
+  error = PyRef::steal(PyErr_GetRaisedException());
+#else
+  PyObject *type, *value, *trace;
+  PyErr_Fetch(&type, &value, &trace);
+  PyErr_NormalizeException(&type, &value, &trace);
+  if (trace != nullptr) PyException_SetTraceback(value, trace);
+  Py_XDECREF(type);
+  Py_XDECREF(trace);
+  error = PyRef::steal(value);
+#endif
+  traceback = PyRef::steal(PyException_GetTraceback(error.get()));
+}
+
+[[noreturn]] void raise_again(const Unread& unread) {
+  PyException_SetTraceback(unread.error.get(), unread.traceback ? unread.traceback.get() : Py_None);
+#if PY_VERSION_HEX >= 0x030C0000
+  PyErr_SetRaisedException(Py_NewRef(unread.error.get()));
+#else
+  PyErr_Restore(Py_NewRef(Py_TYPE(unread.error.get())), Py_NewRef(unread.error.get()),
+                Py_XNewRef(unread.traceback.get()));
+#endif
+  throw PyError{};
+}
+
+// How a walk meets an error reading a column.
+enum class OnError {
+  raise,  // it propagates at once: the view is left as it was
+  // The column is dropped and the walk goes on with the others (see Unread).
+  // A BaseException that is no Exception (KeyboardInterrupt, SystemExit)
+  // still propagates at once.
+  defer,
+};
+
+// Reads the fields of `wanted` for every row, in one walk over the records.
+// A target field is read from the row's target record, read earlier in the
+// same walk (the schema puts `target` before its fields) or by an earlier
+// walk. A deferring walk files the fields it dropped in the native facts'
+// `unread` of the table.
 void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Table& table, PyObject* records,
-                  Mask wanted, const char* argument) {
+                  Mask wanted, const char* argument, OnError on_error) {
   const Schema& schema = table.schema();
   std::vector<Pending> columns;
+  Pending* target = nullptr;  // the column of the target records, when this walk reads it
+  bool targets_kept = false;  // read by an earlier walk, as the facts' targets
+  columns.reserve(schema.count);
   for (unsigned field = 0; field < schema.count; ++field) {
-    if (!(wanted & bit(field))) continue;
     const Field& declared = schema.fields[field];
+    if (declared.cell == Cell::record && table.has(bit(field))) targets_kept = true;
+    if (!(wanted & bit(field))) continue;
     std::string label =
         std::string(schema.record) + "." + (declared.of_target ? "target." : "") + std::string(declared.attr);
-    columns.push_back({field, declared, AttributeReader(state.attrs[id][field]), std::move(label), {}, {}, {}});
+    columns.push_back(
+        {field, declared, AttributeReader(state.attrs[id][field]), std::move(label), {}, {}, {}, false, {}});
+    if (declared.cell == Cell::record) target = &columns.back();
   }
   const Py_ssize_t rows = PyTuple_GET_SIZE(records);
   for (Pending& column : columns) {
@@ -155,15 +206,41 @@ void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Tab
     if (row + kAhead < rows) __builtin_prefetch(PyTuple_GET_ITEM(records, row + kAhead));
     PyObject* record = PyTuple_GET_ITEM(records, row);  // borrowed from the facts' own tuple
     for (Pending& column : columns) {
-      PyObject* owner = column.declared.of_target ? native.targets[static_cast<std::size_t>(row)].get() : record;
-      read_row(native, column, owner, argument);
+      if (column.failed) continue;
+      PyObject* owner = record;
+      if (column.declared.of_target) {
+        if (target != nullptr ? target->failed : !targets_kept) {
+          column.failed = true;  // no target to read it from (a strict walk always has them)
+          continue;
+        }
+        owner = target != nullptr ? target->objects.back().get() : native.targets[static_cast<std::size_t>(row)].get();
+      }
+      const std::uint64_t made = errors_made();
+      try {
+        read_row(native, column, owner, argument);
+      } catch (const PyError&) {
+        if (on_error == OnError::raise || !PyErr_ExceptionMatches(PyExc_Exception)) throw;
+        column.failed = true;
+        column.unread.row = static_cast<std::uint32_t>(row);
+        column.unread.of_target = column.declared.of_target;
+        if (errors_made() == made) {
+          take_raised(column.unread.error, column.unread.traceback);
+        } else {
+          PyErr_Clear();
+        }
+      }
     }
   }
   // A conversion run from inside host code may have finished first; its
   // columns are the same, so keep whichever came first.
   FactsView& view = native.view;
   for (Pending& column : columns) {
-    if (table.has(bit(column.field))) continue;
+    if (column.failed) {
+      UnreadFields& unread = native.unread[id];
+      unread.fields |= bit(column.field);
+      unread.unread[column.field] = std::move(column.unread);
+    }
+    if (column.failed || table.has(bit(column.field))) continue;
     const auto count = static_cast<std::size_t>(rows);
     switch (column.declared.cell) {
       case Cell::integer:
@@ -206,6 +283,14 @@ std::vector<Value> by_path(NativeFacts& native, PyObject* mapping, Value none, c
   std::vector<Value> values(native.view.pool.size(), none);
   for (const auto& [path, value] : entries) values[path] = value;
   return values;
+}
+
+// Lists the facts among those whose declarations were converted, once.
+void enlist(const ModuleState& state, FactsObject* facts) {
+  NativeFacts& native = native_of(facts);
+  if (native.enlisted || native.view.symbols.loaded() == 0) return;
+  state.facts_with_records->push_back(facts);
+  native.enlisted = true;
 }
 
 }  // namespace
@@ -251,16 +336,48 @@ void load_columns(const ModuleState& state, NativeFacts& native, TableId id, PyO
   }
   // The target records first: the target's fields are read from them.
   if (missing & via_target) missing |= record_fields & ~table.loaded();
-  read_columns(state, native, id, table, records, missing & ~via_target, argument);
+  read_columns(state, native, id, table, records, missing & ~via_target, argument, OnError::raise);
   if (missing & via_target)
-    read_columns(state, native, id, table, records, missing & via_target & ~table.loaded(), argument);
+    read_columns(state, native, id, table, records, missing & via_target & ~table.loaded(), argument, OnError::raise);
 }
 
 void load_table(const ModuleState& state, FactsObject* facts, TableId table, Mask wanted) {
   NativeFacts& native = native_of(facts);
-  const bool had_symbols = native.view.symbols.loaded() != 0;
+  Table& columns = table_of(native.view, table);
+  if ((wanted & ~columns.loaded()) == 0) return;
+  // The first call that needs a column of the table reads every field the
+  // module reads of it, in one walk over the records: a record is visited
+  // once per facts, not once per call that needs a field not read yet. A
+  // field that could not be read waits, unread, for a call that needs it.
+  UnreadFields& unread = native.unread[table];
+  const Schema& schema = columns.schema();
+  const Mask every = bit(schema.count) - 1;
+  const Mask walk = every & ~columns.loaded() & ~unread.fields;
+  if (walk & wanted) read_columns(state, native, table, columns, facts->fields[table], walk, "facts", OnError::defer);
+  enlist(state, facts);
+  Mask missing = wanted & ~columns.loaded();
+  if (missing == 0) return;
+  // The error a reading of just the missing fields would meet first: the
+  // records' own fields row by row, then the target's; the target records
+  // come first when a field of the target is missing.
+  Mask via_target = 0;
+  for (unsigned field = 0; field < schema.count; ++field)
+    if (schema.fields[field].of_target) via_target |= bit(field);
+  if (missing & via_target)
+    for (unsigned field = 0; field < schema.count; ++field)
+      if (schema.fields[field].cell == Cell::record && !columns.has(bit(field))) missing |= bit(field);
+  const Unread* first = nullptr;
+  for (unsigned field = 0; field < schema.count; ++field) {
+    const Unread& candidate = unread.unread[field];
+    if (!(missing & unread.fields & bit(field)) || candidate.row == Unread::kNoRow) continue;
+    if (first == nullptr || std::tie(candidate.of_target, candidate.row) < std::tie(first->of_target, first->row))
+      first = &candidate;
+  }
+  if (first != nullptr && first->error) raise_again(*first);
+  // The module's own error is made again, naming this call: the fields are
+  // read anew (and kept, should they read well this time).
   load_columns(state, native, table, facts->fields[table], wanted, "facts");
-  if (table == kSymbolsTable && !had_symbols) state.facts_with_records->push_back(facts);
+  enlist(state, facts);
 }
 
 void load_path_bits(const ModuleState& state, FactsObject* facts, std::uint8_t which) {

@@ -1,8 +1,11 @@
 // Conversion of the host's records and containers into the native view.
 // Columns are read as the schema declares them; each is read once per
-// ScopeFacts and kept. Errors raised while reading a record (a missing
-// attribute, a property that raises, a value of the wrong type or beyond 64
-// bits) propagate, and leave the view as it was.
+// ScopeFacts and kept. A ScopeFacts' record tables are read whole: the first
+// call that needs a column of a table reads every column of it in one walk.
+// A field that cannot be read there (a missing attribute, a property that
+// raises, a value of the wrong type or beyond 64 bits) fails only the calls
+// that need it, with the error attribute access gave; any other conversion
+// error propagates and leaves the view as it was.
 #pragma once
 
 #include "native.hpp"
@@ -20,8 +23,10 @@ StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, Wher
 void load_columns(const ModuleState& state, NativeFacts& native, TableId table, PyObject* records, Mask wanted,
                   const char* argument);
 
-// The loads of one ScopeFacts: columns of its four tables, the bits of its
-// path sets, its line counts and summaries.
+// The loads of one ScopeFacts: columns of its four tables (every column of
+// the table, the first time, then `wanted`, or the error of a field of
+// `wanted` that could not be read), the bits of its path sets, its line
+// counts and summaries.
 void load_table(const ModuleState& state, FactsObject* facts, TableId table, Mask wanted);
 void load_path_bits(const ModuleState& state, FactsObject* facts, std::uint8_t which);
 void load_line_counts(FactsObject* facts);

@@ -91,12 +91,18 @@ int facts_traverse(PyObject* self, visitproc visit, void* arg) {
   for (PyObject* slot : facts->fields) Py_VISIT(slot);
   // Every object the view holds that can refer back to these facts: str
   // subclasses, target records, entry sets (its ids are plain ints, which
-  // refer to nothing). tp_clear drops the view whole.
+  // refer to nothing), the host's errors kept for fields that could not be
+  // read. tp_clear drops the view whole.
   if (NativeFacts* native = facts->native) {
     for (const PyRef& text : native->strings)
       if (!PyUnicode_CheckExact(text.get())) Py_VISIT(text.get());  // a plain str refers to nothing
     for (const PyRef& target : native->targets) Py_VISIT(target.get());
     for (const FanInCache& cached : native->fan_ins) Py_VISIT(cached.entry.get());
+    for (const UnreadFields& table : native->unread)
+      for (const Unread& unread : table.unread) {
+        Py_VISIT(unread.error.get());
+        Py_VISIT(unread.traceback.get());
+      }
   }
   return 0;
 }

@@ -46,11 +46,30 @@ struct FanInCache {
   Vocab ranking_vocab;
 };
 
+// A field of a record table that could not be read, and how: where the
+// first error came, and the host's error itself, raised again unchanged for
+// every call that needs the field. An error the module made (a value of the
+// wrong type) is not kept: its message names the call, so the field is read
+// again by the call that needs it.
+struct Unread {
+  static constexpr std::uint32_t kNoRow = 0xffffffff;
+  std::uint32_t row = kNoRow;  // kNoRow: not read, for want of the target records
+  bool of_target = false;      // read in the walk after the records' own fields
+  PyRef error, traceback;      // null for the module's own errors
+};
+struct UnreadFields {
+  Mask fields = 0;
+  Unread unread[kMaxFields];
+};
+
 struct NativeFacts {
   FactsView view;
   std::vector<PyRef> strings;     // the str object of each StrId (the first one seen)
   std::vector<PyRef> targets;     // outbound `target` objects, by row
   std::vector<PyRef> id_objects;  // an int object of each slot's id, when one was met
+  // By table: the fields that the walk reading every field could not read,
+  // left to a call that needs them.
+  UnreadFields unread[kTableCount];
 
   // The int object of a slot's id: the host's own when it gave a plain int.
   PyRef id_object(std::uint32_t slot);
@@ -64,6 +83,7 @@ struct NativeFacts {
   DenseIndex records;                     // address of each declaration record, numbered
   std::vector<std::uint32_t> record_row;  // by number: the first row that holds the record
   bool records_ready = false;
+  bool enlisted = false;  // in the module state's facts_with_records
 };
 
 inline Table& table_of(FactsView& view, TableId id) {

@@ -37,7 +37,7 @@ struct ModuleState {
   PyObject* fan_in_type;   // FanIn
   PyObject* counter_type;  // collections.Counter
   PyObject* names[kNameCount];
-  PyObject* attrs[kTableCount][8];  // each schema field's attribute name
+  PyObject* attrs[kTableCount][kMaxFields];  // each schema field's attribute name
   // ScopeFacts whose declarations were converted, so that a list of their
   // own records (as ranked_by_file hands them out) is keyed from the view.
   // Borrowed: a facts removes itself when it is cleared.

@@ -6,6 +6,7 @@ import gc
 import random
 import sys
 import time
+import traceback
 import weakref
 from collections import OrderedDict, defaultdict
 from concurrent.futures import ThreadPoolExecutor
@@ -17,7 +18,7 @@ import pytest
 
 import pyscope
 import scope
-from conftest import Counting, inref, make_facts, norm, random_page, same, sym
+from conftest import Counting, inref, make_facts, norm, outref, random_page, same, sym
 from tarnwick.storage.database import Database
 from tarnwick.storage.grounding_queries import ScopeSymbol
 
@@ -42,6 +43,50 @@ def test_a_field_that_cannot_be_read_is_named_and_leaves_the_facts_as_they_were(
     for _ in range(2):  # nothing of the first attempt was kept
         with pytest.raises(error, match=message):
             scope.ranked_by_file(facts, NO_USES)
+
+
+class Held(Exception):
+    """The host's error, holding the facts whose record raised it: a cycle through the error the facts keeps."""
+
+
+@pytest.mark.parametrize("odd, error, message", [
+    ({}, AttributeError, "'InboundReference' object has no attribute 'target_name'"),
+    ({"target_name": raising(KeyError)}, KeyError, "from the host"),
+    ({"target_name": property(lambda self: (_ for _ in ()).throw(Held(self.back)))}, Held, None),
+    ({"target_name": b"g"}, TypeError, r"^render_consumers\(\) argument 'facts': InboundReference.target_name must be"),
+])
+def test_a_field_only_one_function_reads_fails_that_function_alone_whatever_ran_before(odd, error, message):
+    """Every field of a table is read in one walk; a field that cannot be read fails each call that reads it, as
+    attribute access fails (the host's own error is kept and raised again), and no other call."""
+    f, g = sym(1, "a.py", "f"), sym(2, "a.py", "g", "class")
+    fields = dict(source_path="app/m.py", target_id=2, target_path="a.py", target_kind="class", resolution="import",
+                  refs=3)
+    odd_record = type("InboundReference", (), {**fields, **odd})()
+    facts = make_facts(["a.py"], [f, g], [inref("app/m.py", f), odd_record, inref("web/n.py", g, "local", 2)],
+                       [outref("a.py", sym(9, "lib/x.py", "h"))])
+    odd_record.back = facts
+    fan_in = same("production_fan_in", facts)
+    others = [("file_users", facts), ("ranked_by_file", facts, fan_in), ("file_seeds", facts, fan_in),
+              ("render_file_cards", facts, fan_in, "#"), ("neighbours", facts, 3), ("name_match_counts", facts),
+              ("_unused_outside", facts, (), fan_in)]
+    raised = []
+    for _ in range(2):
+        for call in others:
+            same(*call)
+        with pytest.raises(error, match=message) as caught:
+            scope.render_consumers(facts, fan_in, "#")
+        raised.append(caught.value)
+    if error is AttributeError:
+        with pytest.raises(AttributeError) as plain:
+            odd_record.target_name  # noqa: B018
+        assert str(raised[0]) == str(plain.value)
+        del plain  # its error holds the record
+    assert (raised[0] is raised[1]) == (error is not TypeError)  # kept, but the module's own error names each call
+    assert len(traceback.extract_tb(raised[1].__traceback__)) == len(traceback.extract_tb(raised[0].__traceback__))
+    alive = weakref.ref(odd_record)
+    del odd_record, facts, fan_in, others, call, raised, caught
+    gc.collect()
+    assert alive() is None
 
 
 class Slotted:
