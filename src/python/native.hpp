@@ -52,8 +52,10 @@ struct NativeFacts {
   std::vector<PyRef> targets;     // outbound `target` objects, by row
   std::vector<PyRef> id_objects;  // an int object of each slot's id, when one was met
 
+  // The str object of an interned string.
+  const PyRef& string(StrId id) const { return strings[index(id)]; }
   // The int object of a slot's id: the host's own when it gave a plain int.
-  PyRef id_object(std::uint32_t slot);
+  PyRef id_object(Slot slot);
   // str objects already interned, by address: each is one of `strings`, so
   // no address is reused while it is here.
   std::vector<std::pair<PyObject*, StrId>> seen;  // sized to the strings met, up to 1024
@@ -61,8 +63,8 @@ struct NativeFacts {
   std::vector<FanInCache> fan_ins;  // most recent first
   std::shared_ptr<const FileUsers> users;
   Vocab users_vocab;
-  DenseIndex records;                     // address of each declaration record, numbered
-  std::vector<std::uint32_t> record_row;  // by number: the first row that holds the record
+  DenseIndex<> records;         // address of each declaration record, numbered
+  std::vector<Row> record_row;  // by number: the first row that holds the record
   bool records_ready = false;
 };
 
