@@ -3,6 +3,7 @@
 
 #include <random>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 
 #include "flat.hpp"
@@ -10,6 +11,14 @@
 
 namespace scope {
 namespace {
+
+// Rows, slots and string ids are never taken for one another, nor for a
+// plain number, without saying so.
+static_assert(!std::is_convertible_v<Row, Slot> && !std::is_convertible_v<Slot, Row>);
+static_assert(!std::is_convertible_v<Row, StrId> && !std::is_convertible_v<StrId, Row>);
+static_assert(!std::is_convertible_v<Slot, StrId> && !std::is_convertible_v<StrId, Slot>);
+static_assert(!std::is_convertible_v<std::uint32_t, Row> && !std::is_convertible_v<Row, std::size_t>);
+static_assert(sizeof(Row) == 4 && sizeof(Slot) == 4 && sizeof(StrId) == 4);
 
 TEST(DenseIndex, NumbersKeysInFirstSeenOrderThroughGrowthAndCollisions) {
   DenseIndex<> index;
