@@ -39,18 +39,18 @@ void append_cell(std::string& out, std::string_view text) {
 
 }  // namespace
 
-std::vector<std::string> most_used(const FactsView& view, const FanInSlots& fan_in, std::span<const std::uint32_t> rows,
+std::vector<std::string> most_used(const FactsView& view, const FanInSlots& fan_in, std::span<const Row> rows,
                                    std::size_t limit, std::size_t& count) {
   const Table& symbols = view.symbols;
   struct Used {
-    std::uint32_t row;
+    Row row;
     std::int64_t count;
   };
   std::vector<Used> used;
   bool inside = false;
   for (bool from_inside : {false, true}) {
-    for (std::uint32_t row : rows) {
-      const std::uint32_t slot = symbols.slot(sym_f::id, row);
+    for (Row row : rows) {
+      const Slot slot = symbols.slot(sym_f::id, row);
       std::int64_t uses = from_inside ? fan_in.inside_of(slot) : fan_in.outside_of(slot);
       if (uses > 0) used.push_back({row, uses});
     }
@@ -93,9 +93,9 @@ std::string render_file_cards(const FactsView& view, const FileUsers& users, con
   out += '\n';
 
   std::vector<std::string> shown;
-  for (std::size_t row = 0; row < view.files.rows(); ++row) {
+  for (Row row : view.files.all()) {
     const StrId path = view.files.str(file_f::path, row);
-    const std::span<const std::uint32_t> declarations = view.derived.symbols_by_path.of_key(path);
+    const std::span<const Row> declarations = view.derived.symbols_by_path.of_key(path);
     out += "| `";
     out += pool.text(path);
     out += "` | ";
@@ -104,7 +104,7 @@ std::string render_file_cards(const FactsView& view, const FileUsers& users, con
     out += " | ";
     out += std::to_string(declarations.size());
     const StrId summary = view.summary(path);
-    append_cell(out, summary == kNoStr ? std::string_view() : pool.text(summary));
+    append_cell(out, summary == StrId::none ? std::string_view() : pool.text(summary));
 
     std::size_t count = 0;
     shown = most_used(view, fan_in, declarations, card_names, count);
@@ -113,15 +113,15 @@ std::string render_file_cards(const FactsView& view, const FileUsers& users, con
     // Used by: the users with the highest counts, as short paths.
     shown.clear();
     std::size_t user_count = 0;
-    if (path < users.entry_of.size() && users.entry_of[path] != FileUsers::kNone) {
-      auto entries = users.of(users.entry_of[path]);
+    if (index(path) < users.entry_of.size() && users.entry_of[index(path)] != kNoPosition) {
+      auto entries = users.of(users.entry_of[index(path)]);
       user_count = entries.size();
       for (std::size_t i : first_by_count(entries, card_names))
         shown.push_back(short_path(pool.text(entries[i].first)));
     }
     append_cell(out, named(shown, user_count, kCardNames));
 
-    const NameList& reaching = tests[row];
+    const NameList& reaching = tests[index(row)];
     append_cell(out, reaching.total == 0 ? std::string() : named(reaching.head, reaching.total, kCardNames));
     out += " |\n";
   }

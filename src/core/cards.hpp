@@ -20,7 +20,7 @@ namespace scope {
 // files labelled "in-page ". At most `limit` items are written; `count`
 // gets how many there are.
 inline constexpr Needs kMostUsedNeeds{.symbols = bits(sym_f::id, sym_f::name, sym_f::start_line)};
-std::vector<std::string> most_used(const FactsView& view, const FanInSlots& fan_in, std::span<const std::uint32_t> rows,
+std::vector<std::string> most_used(const FactsView& view, const FanInSlots& fan_in, std::span<const Row> rows,
                                    std::size_t limit, std::size_t& count);
 
 // The names of one cell as the host gave them: those a slice [:kCardNames]

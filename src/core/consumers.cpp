@@ -37,7 +37,8 @@ struct ConsumerCounts {
   std::vector<StrId> path;
   std::vector<std::int64_t> total;
   // The counted references: rows, and their consumers.
-  std::vector<std::uint32_t> counted, counted_consumer;
+  std::vector<Row> counted;
+  std::vector<std::uint32_t> counted_consumer;
   std::vector<bool> used;  // by slot: reached by some counted reference
   // References that are no evidence: summed refs by resolution (resolutions
   // in first-seen order), and how many files they come from.
@@ -56,28 +57,28 @@ ConsumerCounts count_consumers(const FactsView& view) {
   ConsumerCounts counts;
   std::vector<std::uint8_t> used(view.ids.size(), 0);
   counts.left_refs.assign(strings, 0);
-  std::vector<std::uint32_t> consumer_of(strings, Groups::kNone);  // path -> consumer
+  std::vector<std::uint32_t> consumer_of(strings, kNoPosition);  // path -> consumer
   std::vector<std::uint8_t> left_file(strings, 0), left_seen(strings, 0);
   for (std::size_t row = 0; row < in.rows(); ++row) {
     // The page's own files and tests are no consumers, and are not reported.
     if (terms[row] & (in_term::from_page | in_term::from_test)) continue;
     if (!(terms[row] & in_term::use)) {
       const StrId r = resolution[row];
-      if (!left_seen[r]) left_seen[r] = 1, counts.left_resolutions.push_back(r);
-      counts.left_refs[r] = checked_add(counts.left_refs[r], refs[row]);
-      if (!left_file[source[row]]) left_file[source[row]] = 1, ++counts.left_files;
+      if (!left_seen[index(r)]) left_seen[index(r)] = 1, counts.left_resolutions.push_back(r);
+      counts.left_refs[index(r)] = checked_add(counts.left_refs[index(r)], refs[row]);
+      if (!left_file[index(source[row])]) left_file[index(source[row])] = 1, ++counts.left_files;
       continue;
     }
-    std::uint32_t& consumer = consumer_of[source[row]];
-    if (consumer == Groups::kNone) {
+    std::uint32_t& consumer = consumer_of[index(source[row])];
+    if (consumer == kNoPosition) {
       consumer = static_cast<std::uint32_t>(counts.path.size());
       counts.path.push_back(source[row]);
       counts.total.push_back(0);
     }
     counts.total[consumer] = checked_add(counts.total[consumer], refs[row]);
-    counts.counted.push_back(static_cast<std::uint32_t>(row));
+    counts.counted.push_back(nth<Row>(row));
     counts.counted_consumer.push_back(consumer);
-    used[static_cast<std::uint32_t>(target[row])] = 1;
+    used[index(target[row])] = 1;
   }
   counts.used.assign(used.begin(), used.end());
   return counts;
@@ -91,25 +92,27 @@ std::vector<std::vector<std::pair<StrId, std::int64_t>>> consumer_names(const Fa
   const Table& in = view.inbound;
   const auto name = in.strs(in_f::target_name);
   const auto refs = in.ints(in_f::refs);
-  std::vector<std::uint32_t> slot_of(counts.path.size(), Groups::kNone);  // consumer -> index in chosen
-  for (std::uint32_t i = 0; i < chosen.size(); ++i) slot_of[chosen[i]] = i;
-  std::vector<std::vector<std::uint32_t>> rows(chosen.size());
+  std::vector<std::uint32_t> chosen_at(counts.path.size(), kNoPosition);  // consumer -> index in chosen
+  for (std::uint32_t i = 0; i < chosen.size(); ++i) chosen_at[chosen[i]] = i;
+  std::vector<std::vector<Row>> rows(chosen.size());
   for (std::size_t i = 0; i < counts.counted.size(); ++i)
-    if (slot_of[counts.counted_consumer[i]] != Groups::kNone)
-      rows[slot_of[counts.counted_consumer[i]]].push_back(counts.counted[i]);
-  std::vector<std::uint32_t> position(view.pool.size(), Groups::kNone);  // name -> index among the names
+    if (chosen_at[counts.counted_consumer[i]] != kNoPosition)
+      rows[chosen_at[counts.counted_consumer[i]]].push_back(counts.counted[i]);
+  std::vector<std::uint32_t> position(view.pool.size(), kNoPosition);  // name -> index among the names
   std::vector<std::vector<std::pair<StrId, std::int64_t>>> names(chosen.size());
   for (std::size_t c = 0; c < chosen.size(); ++c) {
-    for (std::uint32_t row : rows[c]) {
-      std::uint32_t& at = position[name[row]];
-      if (at == Groups::kNone) {
+    for (Row row : rows[c]) {
+      const StrId target_name = name[index(row)];
+      const std::int64_t row_refs = refs[index(row)];
+      std::uint32_t& at = position[index(target_name)];
+      if (at == kNoPosition) {
         at = static_cast<std::uint32_t>(names[c].size());
-        names[c].emplace_back(name[row], refs[row]);
+        names[c].emplace_back(target_name, row_refs);
       } else {
-        names[c][at].second = checked_add(names[c][at].second, refs[row]);
+        names[c][at].second = checked_add(names[c][at].second, row_refs);
       }
     }
-    for (const auto& entry : names[c]) position[entry.first] = Groups::kNone;
+    for (const auto& entry : names[c]) position[index(entry.first)] = kNoPosition;
   }
   return names;
 }
@@ -121,10 +124,10 @@ std::vector<std::vector<std::pair<StrId, std::int64_t>>> consumer_names(const Fa
 std::vector<std::string_view> unresolved_languages(const FactsView& view) {
   std::vector<std::string_view> languages;
   const Table& files = view.files;
-  for (std::size_t row = 0; row < files.rows(); ++row) {
+  for (Row row : files.all()) {
     if (view.path_has(files.str(file_f::path, row), path_bit::import_resolved)) continue;
     StrId language = files.str(file_f::language, row);
-    languages.push_back(language == kNoStr ? std::string_view() : view.pool.text(language));
+    languages.push_back(language == StrId::none ? std::string_view() : view.pool.text(language));
   }
   std::sort(languages.begin(), languages.end());
   languages.erase(std::unique(languages.begin(), languages.end()), languages.end());
@@ -186,7 +189,8 @@ std::string not_counted_line(const StringPool& pool, const ConsumerCounts& count
   std::sort(resolutions.begin(), resolutions.end(), [&](StrId a, StrId b) { return pool.text(a) < pool.text(b); });
   std::vector<std::string> items;
   for (StrId resolution : resolutions)
-    items.push_back(std::to_string(counts.left_refs[resolution]) + " `" + std::string(pool.text(resolution)) + "`");
+    items.push_back(std::to_string(counts.left_refs[index(resolution)]) + " `" + std::string(pool.text(resolution)) +
+                    "`");
   std::string line = "Not counted: ";
   append_joined(line, items, ", ");
   line += " references from " + std::to_string(counts.left_files) + " other file" + (counts.left_files > 1 ? "s" : "");
@@ -194,13 +198,13 @@ std::string not_counted_line(const StringPool& pool, const ConsumerCounts& count
   return line;
 }
 
-std::string unused_line(const FactsView& view, const std::vector<std::uint32_t>& unused) {
+std::string unused_line(const FactsView& view, const std::vector<Row>& unused) {
   const Table& symbols = view.symbols;
   const StringPool& pool = view.pool;
   const auto shown = static_cast<std::size_t>(kUnusedNames);
   std::vector<std::string> items;
   for (std::size_t i = 0; i < unused.size() && i < shown; ++i) {
-    const std::uint32_t row = unused[i];
+    const Row row = unused[i];
     std::string item = "`";
     item += pool.text(symbols.str(sym_f::name, row));
     item += "` (";
@@ -219,30 +223,29 @@ std::string unused_line(const FactsView& view, const std::vector<std::uint32_t>&
 
 }  // namespace
 
-std::vector<std::uint32_t> unused_outside(const FactsView& view, const Vocab& vocab, const std::vector<bool>& used,
-                                          const FanInSlots& fan_in) {
+std::vector<Row> unused_outside(const FactsView& view, const Vocab& vocab, const std::vector<bool>& used,
+                                const FanInSlots& fan_in) {
   const Table& symbols = view.symbols;
   struct Kept {
     bool callable;  // not a type: every type sorts first
     RankKey key;
     std::string_view path;
-    std::uint32_t row;
+    Row row;
   };
   std::vector<Kept> kept;
-  for (std::size_t row = 0; row < symbols.rows(); ++row) {
+  for (Row row : symbols.all()) {
     if (!public_top_level(view, vocab, row)) continue;
-    const std::uint32_t slot = symbols.slot(sym_f::id, row);
-    if (slot < used.size() && used[slot]) continue;
+    const Slot slot = symbols.slot(sym_f::id, row);
+    if (index(slot) < used.size() && used[index(slot)]) continue;
     kept.push_back({!vocab.has(symbols.str(sym_f::kind, row), vocab_bit::type),
-                    rank_key(key_input(view, vocab, fan_in, row)), view.pool.text(symbols.str(sym_f::path, row)),
-                    static_cast<std::uint32_t>(row)});
+                    rank_key(key_input(view, vocab, fan_in, row)), view.pool.text(symbols.str(sym_f::path, row)), row});
   }
   std::stable_sort(kept.begin(), kept.end(), [](const Kept& a, const Kept& b) {
     if (a.callable != b.callable) return !a.callable;
     if (a.key != b.key) return a.key < b.key;
     return a.path < b.path;
   });
-  std::vector<std::uint32_t> rows;
+  std::vector<Row> rows;
   rows.reserve(kept.size());
   for (const Kept& k : kept) rows.push_back(k.row);
   return rows;
@@ -261,7 +264,7 @@ std::string render_consumers(const FactsView& view, const Vocab& vocab, const Fa
     lines.push_back(std::string(kNoConsumers) +
                     (unresolved.empty() ? "through an `import` or `local` edge." : "by a unique name."));
   if (!counts.left_resolutions.empty()) lines.push_back(not_counted_line(view.pool, counts));
-  const std::vector<std::uint32_t> unused = unused_outside(view, vocab, counts.used, fan_in);
+  const std::vector<Row> unused = unused_outside(view, vocab, counts.used, fan_in);
   if (!unused.empty()) lines.push_back(unused_line(view, unused));
   std::string text;
   append_joined(text, lines, "\n");

@@ -17,8 +17,8 @@ namespace scope {
 // Rows of the public, exported, top-level types and callables whose slot is
 // not `used`: types first, then best first by rank key, then path.
 inline constexpr Needs kUnusedNeeds = kRankKeyNeeds | kPublicTopLevelNeeds | Needs{.symbols = bit(sym_f::path)};
-std::vector<std::uint32_t> unused_outside(const FactsView& view, const Vocab& vocab, const std::vector<bool>& used,
-                                          const FanInSlots& fan_in);
+std::vector<Row> unused_outside(const FactsView& view, const Vocab& vocab, const std::vector<bool>& used,
+                                const FanInSlots& fan_in);
 
 // The whole section as Markdown (UTF-8), ending in one line feed.
 inline constexpr Needs kConsumersNeeds =

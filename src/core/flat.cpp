@@ -17,14 +17,14 @@ std::pair<StrId, bool> StringPool::intern(std::string_view text, std::uint64_t h
   const auto check = static_cast<std::uint32_t>(hash >> 32);
   for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
     Cell& cell = cells_[at];
-    if (cell.id == kNoStr) {
-      if (texts_.size() >= kNoStr) throw std::length_error("too many distinct strings");
-      cell = {check, static_cast<StrId>(texts_.size())};
+    if (cell.id == StrId::none) {
+      if (texts_.size() >= index(StrId::none)) throw std::length_error("too many distinct strings");
+      cell = {check, nth<StrId>(texts_.size())};
       texts_.push_back(store(text));
       hashes_.push_back(hash);
       return {cell.id, true};
     }
-    if (cell.hash == check && texts_[cell.id] == text) return {cell.id, false};
+    if (cell.hash == check && texts_[index(cell.id)] == text) return {cell.id, false};
   }
 }
 
@@ -32,12 +32,12 @@ StrId StringPool::intern(std::string_view text) { return intern(text, std::hash<
 
 void StringPool::grow() {
   std::size_t size = cells_.empty() ? 64 : 2 * cells_.size();
-  std::vector<Cell> old = std::exchange(cells_, std::vector<Cell>(size, Cell{0, kNoStr}));
+  std::vector<Cell> old = std::exchange(cells_, std::vector<Cell>(size, Cell{0, StrId::none}));
   const std::size_t mask = size - 1;
   for (const Cell& cell : old) {
-    if (cell.id == kNoStr) continue;
-    std::size_t at = hashes_[cell.id] & mask;
-    while (cells_[at].id != kNoStr) at = (at + 1) & mask;
+    if (cell.id == StrId::none) continue;
+    std::size_t at = hashes_[index(cell.id)] & mask;
+    while (cells_[at].id != StrId::none) at = (at + 1) & mask;
     cells_[at] = cell;
   }
 }

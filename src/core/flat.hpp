@@ -14,62 +14,104 @@
 
 namespace scope {
 
-// Index of an interned string. Strings are stored as UTF-8 (lone surrogates
-// encoded as three bytes, so byte order is code point order) and compared by
-// id for equality and by bytes for order.
-using StrId = std::uint32_t;
-inline constexpr StrId kNoStr = 0xffffffffu;
+// What a number is. A row, a slot and a string id are each a 32-bit number
+// of something one view holds; each has a type of its own, so that one is
+// never taken for another, and one value, `none`, that numbers nothing (the
+// largest, so that it fails every bounds test). Vectors by row, slot or
+// string id are indexed through index().
+
+// A record's position in one of the view's tables.
+enum class Row : std::uint32_t { none = 0xffffffffu };
+// A symbol id's number in the view's numbering of ids (FactsView::ids):
+// declarations with equal ids, and the references to that id, share a slot.
+enum class Slot : std::uint32_t { none = 0xffffffffu };
+// An interned string's number in its StringPool. Strings are stored as UTF-8
+// (lone surrogates encoded as three bytes, so byte order is code point
+// order) and compared by id for equality and by bytes for order.
+enum class StrId : std::uint32_t { none = 0xffffffffu };
+
+constexpr std::size_t index(Row row) { return static_cast<std::size_t>(row); }
+constexpr std::size_t index(Slot slot) { return static_cast<std::size_t>(slot); }
+constexpr std::size_t index(StrId id) { return static_cast<std::size_t>(id); }
+// The row, slot or string id (or plain position) numbered `n`, which is below 2^32 - 1.
+template <class Number>
+constexpr Number nth(std::size_t n) {
+  return static_cast<Number>(n);
+}
+
+// A position in a list that an algorithm builds (a group, an entry, a
+// consumer), or none.
+inline constexpr std::uint32_t kNoPosition = 0xffffffffu;
+
+// The rows 0 .. count - 1 in order: `for (Row row : table.all())`.
+struct RowRange {
+  struct Iterator {
+    std::size_t at;
+    Row operator*() const { return nth<Row>(at); }
+    Iterator& operator++() {
+      ++at;
+      return *this;
+    }
+    bool operator!=(const Iterator& other) const { return at != other.at; }
+  };
+  std::size_t count;
+  Iterator begin() const { return {0}; }
+  Iterator end() const { return {count}; }
+};
 
 // Numbers 64-bit keys densely (0, 1, 2, ...) in the order they are first
-// added: a table with linear probing and a multiplicative hash.
+// added, as `Number`s: slots for symbol ids, plain positions otherwise. A
+// table with linear probing and a multiplicative hash.
+template <class Number = std::uint32_t>
 class DenseIndex {
  public:
-  static constexpr std::uint32_t kAbsent = 0xffffffffu;
-
   // The number of `key`, and whether it was new.
-  std::pair<std::uint32_t, bool> insert(std::uint64_t key) {
+  std::pair<Number, bool> insert(std::uint64_t key) {
     if (2 * (keys_.size() + 1) > cells_.size()) grow();
     std::size_t at = home(key);
-    while (cells_[at] != kAbsent) {
-      if (keys_[cells_[at]] == key) return {cells_[at], false};
+    while (cells_[at] != kEmpty) {
+      if (keys_[cells_[at]] == key) return {static_cast<Number>(cells_[at]), false};
       at = (at + 1) & mask_;
     }
     cells_[at] = static_cast<std::uint32_t>(keys_.size());
     keys_.push_back(key);
-    return {cells_[at], true};
+    return {static_cast<Number>(cells_[at]), true};
   }
-  // The number of `key`, or kAbsent.
-  std::uint32_t find(std::uint64_t key) const {
-    if (cells_.empty()) return kAbsent;
+  // The number of `key`, or none (Slot::none, kNoPosition) when it was never added.
+  Number find(std::uint64_t key) const {
+    if (cells_.empty()) return static_cast<Number>(kEmpty);
     for (std::size_t at = home(key);; at = (at + 1) & mask_) {
-      if (cells_[at] == kAbsent || keys_[cells_[at]] == key) return cells_[at];
+      if (cells_[at] == kEmpty || keys_[cells_[at]] == key) return static_cast<Number>(cells_[at]);
     }
   }
   void reserve(std::size_t count) {
     while (2 * count > cells_.size()) grow();
     keys_.reserve(count);
   }
-  std::uint64_t key(std::uint32_t number) const { return keys_[number]; }
+  std::uint64_t key(Number number) const { return keys_[static_cast<std::size_t>(number)]; }
   std::size_t size() const { return keys_.size(); }
   std::size_t bytes() const { return cells_.capacity() * 4 + keys_.capacity() * 8; }
 
  private:
+  // A cell that holds no number; as a Number, its none.
+  static constexpr std::uint32_t kEmpty = kNoPosition;
+
   std::size_t home(std::uint64_t key) const {
     return static_cast<std::size_t>((key * 0x9e3779b97f4a7c15ull) >> shift_);
   }
   void grow() {
     std::size_t size = cells_.empty() ? 16 : 2 * cells_.size();
-    cells_.assign(size, kAbsent);
+    cells_.assign(size, kEmpty);
     mask_ = size - 1;
     shift_ = 64 - static_cast<unsigned>(std::countr_zero(size));
     for (std::uint32_t number = 0; number < keys_.size(); ++number) {
       std::size_t at = home(keys_[number]);
-      while (cells_[at] != kAbsent) at = (at + 1) & mask_;
+      while (cells_[at] != kEmpty) at = (at + 1) & mask_;
       cells_[at] = number;
     }
   }
 
-  std::vector<std::uint32_t> cells_;  // a key's number, or kAbsent
+  std::vector<std::uint32_t> cells_;  // a key's number, or kEmpty
   std::vector<std::uint64_t> keys_;   // by number
   std::size_t mask_ = 0;
   unsigned shift_ = 64;
@@ -84,14 +126,14 @@ class StringPool {
   std::pair<StrId, bool> intern(std::string_view text, std::uint64_t hash);
   // With the standard library's hash of the text.
   StrId intern(std::string_view text);
-  std::string_view text(StrId id) const { return texts_[id]; }
+  std::string_view text(StrId id) const { return texts_[index(id)]; }
   std::size_t size() const { return texts_.size(); }
   std::size_t bytes() const;
 
  private:
   struct Cell {
     std::uint32_t hash;  // the hash's upper half; the lower half chose the cell
-    StrId id;            // kNoStr: empty
+    StrId id;            // none: empty
   };
   void grow();
   std::string_view store(std::string_view text);
@@ -105,51 +147,53 @@ class StringPool {
   std::size_t block_bytes_ = 0;
 };
 
-// Rows grouped by a key, groups in the order their key first occurs and
-// rows within a group in their own order: `rows` holds the groups one after
-// another, group g being rows[start[g] .. start[g + 1]).
+// Rows (or other items) grouped by a key, groups in the order their key
+// first occurs and items within a group in their own order: `rows` holds the
+// groups one after another, group g being rows[start[g] .. start[g + 1]).
+template <class Key, class Item>
 struct Groups {
-  std::vector<std::uint32_t> key;    // by group
+  std::vector<Key> key;              // by group
   std::vector<std::uint32_t> start;  // by group, plus the end
-  std::vector<std::uint32_t> rows;
-  std::vector<std::uint32_t> group_of_key;  // by key; kNone when the key has no rows
+  std::vector<Item> rows;
+  std::vector<std::uint32_t> group_of_key;  // by key; kNoPosition when the key has no rows
 
-  static constexpr std::uint32_t kNone = 0xffffffffu;
   std::size_t size() const { return key.size(); }
-  std::span<const std::uint32_t> of(std::size_t group) const {
+  std::span<const Item> of(std::size_t group) const {
     return {rows.data() + start[group], rows.data() + start[group + 1]};
   }
-  // The rows of `key`'s group, empty when it has none.
-  std::span<const std::uint32_t> of_key(std::uint32_t k) const {
-    if (k >= group_of_key.size() || group_of_key[k] == kNone) return {};
-    return of(group_of_key[k]);
+  // The items of `k`'s group, empty when it has none.
+  std::span<const Item> of_key(Key k) const {
+    const auto at = static_cast<std::size_t>(k);
+    if (at >= group_of_key.size() || group_of_key[at] == kNoPosition) return {};
+    return of(group_of_key[at]);
   }
 };
 
-// Groups the rows 0 .. row_count - 1 by `key_of(row)`, a key below
-// `key_count`. Two passes over the rows; no allocation per row.
-template <class KeyOf>
-Groups group_rows(std::size_t row_count, std::size_t key_count, KeyOf key_of) {
-  Groups g;
-  g.group_of_key.assign(key_count, Groups::kNone);
+// Groups the items 0 .. count - 1 (as `Item`s) by `key_of(item)`, a key
+// below `key_count`. Two passes over the items; no allocation per item.
+template <class Item, class KeyOf>
+auto group_rows(std::size_t count, std::size_t key_count, KeyOf key_of) {
+  using Key = decltype(key_of(std::size_t{0}));
+  Groups<Key, Item> g;
+  g.group_of_key.assign(key_count, kNoPosition);
   std::vector<std::uint32_t> sizes;
-  std::vector<std::uint32_t> group_by_row(row_count);
-  for (std::size_t row = 0; row < row_count; ++row) {
-    std::uint32_t k = key_of(row);
-    std::uint32_t& group = g.group_of_key[k];
-    if (group == Groups::kNone) {
+  std::vector<std::uint32_t> group_by_item(count);
+  for (std::size_t item = 0; item < count; ++item) {
+    const Key k = key_of(item);
+    std::uint32_t& group = g.group_of_key[static_cast<std::size_t>(k)];
+    if (group == kNoPosition) {
       group = static_cast<std::uint32_t>(g.key.size());
       g.key.push_back(k);
       sizes.push_back(0);
     }
     ++sizes[group];
-    group_by_row[row] = group;
+    group_by_item[item] = group;
   }
   g.start.assign(g.key.size() + 1, 0);
   for (std::size_t group = 0; group < g.key.size(); ++group) g.start[group + 1] = g.start[group] + sizes[group];
-  g.rows.resize(row_count);
+  g.rows.resize(count);
   std::vector<std::uint32_t> fill(g.start.begin(), g.start.end() - 1);
-  for (std::size_t row = 0; row < row_count; ++row) g.rows[fill[group_by_row[row]]++] = static_cast<std::uint32_t>(row);
+  for (std::size_t item = 0; item < count; ++item) g.rows[fill[group_by_item[item]]++] = nth<Item>(item);
   return g;
 }
 

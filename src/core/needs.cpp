@@ -13,15 +13,13 @@ namespace {
 std::vector<bool> find_members(const FactsView& view, const Vocab& vocab) {
   const Table& symbols = view.symbols;
   std::vector<bool> member(symbols.rows(), false);
-  std::vector<std::uint32_t> types, rows;
-  auto by_start = [&](std::uint32_t a, std::uint32_t b) {
-    return symbols.num(sym_f::start_line, a) < symbols.num(sym_f::start_line, b);
-  };
-  const Groups& by_path = view.derived.symbols_by_path;
+  std::vector<Row> types, rows;
+  auto by_start = [&](Row a, Row b) { return symbols.num(sym_f::start_line, a) < symbols.num(sym_f::start_line, b); };
+  const Groups<StrId, Row>& by_path = view.derived.symbols_by_path;
   for (std::size_t group = 0; group < by_path.size(); ++group) {
-    std::span<const std::uint32_t> file = by_path.of(group);
+    std::span<const Row> file = by_path.of(group);
     types.clear();
-    for (std::uint32_t row : file)
+    for (Row row : file)
       if (vocab.has(symbols.str(sym_f::kind, row), vocab_bit::type)) types.push_back(row);
     if (types.empty()) continue;
     // Declarations usually come in source order: a sorted file is left as it is.
@@ -33,12 +31,12 @@ std::vector<bool> find_members(const FactsView& view, const Vocab& vocab) {
     // declaration itself, the runner-up decides.
     std::size_t next = 0;
     bool have_first = false, have_second = false;
-    std::uint32_t first = 0, second = 0;
-    auto end = [&](std::uint32_t row) { return symbols.num(sym_f::end_line, row); };
-    auto id = [&](std::uint32_t row) { return symbols.slot(sym_f::id, row); };
-    for (std::uint32_t row : rows) {
+    Row first = Row::none, second = Row::none;
+    auto end = [&](Row row) { return symbols.num(sym_f::end_line, row); };
+    auto id = [&](Row row) { return symbols.slot(sym_f::id, row); };
+    for (Row row : rows) {
       for (; next < types.size() && !by_start(row, types[next]); ++next) {
-        std::uint32_t type = types[next];
+        Row type = types[next];
         if (!have_first || end(type) > end(first)) {
           if (have_first && id(first) != id(type)) second = first, have_second = true;
           first = type, have_first = true;
@@ -48,9 +46,9 @@ std::vector<bool> find_members(const FactsView& view, const Vocab& vocab) {
       }
       if (!have_first) continue;
       if (id(first) != id(row)) {
-        member[row] = end(first) >= end(row);
+        member[index(row)] = end(first) >= end(row);
       } else {
-        member[row] = have_second && end(second) >= end(row);
+        member[index(row)] = have_second && end(second) >= end(row);
       }
     }
   }
@@ -127,8 +125,8 @@ void derive(FactsView& view, const Vocab& vocab, const Needs& needs) {
   auto missing = [&](std::uint8_t which) { return (wanted & which) && !(d.ready & which); };
   if (missing(derived::by_path)) {
     const Table& symbols = view.symbols;
-    d.symbols_by_path =
-        group_rows(symbols.rows(), view.pool.size(), [&](std::size_t row) { return symbols.str(sym_f::path, row); });
+    const auto paths = symbols.strs(sym_f::path);
+    d.symbols_by_path = group_rows<Row>(symbols.rows(), view.pool.size(), [&](std::size_t row) { return paths[row]; });
   }
   if (missing(derived::members)) d.member = find_members(view, vocab);
   if (missing(derived::inbound_terms)) {

@@ -13,18 +13,18 @@ NeighbourRanking::NeighbourRanking(const FactsView& view) : view_(view) {
   const auto refs = out.ints(out_f::refs);
   // By slot: the summed refs and the last counted row; slots in first-counted order.
   std::vector<std::int64_t> sums(view.ids.size(), 0);
-  std::vector<std::uint32_t> last(view.ids.size(), Groups::kNone);
-  std::vector<std::uint32_t> order;
+  std::vector<Row> last(view.ids.size(), Row::none);
+  std::vector<Slot> order;
   for (std::size_t row = 0; row < out.rows(); ++row) {
     // Not a declaration of the page itself, and no mere name match.
     if ((terms[row] & (out_term::to_page | out_term::use)) != out_term::use) continue;
-    const auto slot = static_cast<std::uint32_t>(target[row]);
-    if (last[slot] == Groups::kNone) order.push_back(slot);
-    sums[slot] = checked_add(sums[slot], refs[row]);
-    last[slot] = static_cast<std::uint32_t>(row);
+    const Slot slot = target[row];
+    if (last[index(slot)] == Row::none) order.push_back(slot);
+    sums[index(slot)] = checked_add(sums[index(slot)], refs[row]);
+    last[index(slot)] = nth<Row>(row);
   }
   // Targets numbered in first-counted order, so that the number breaks ties.
-  for (std::uint32_t slot : order) sums_.push_back(sums[slot]), last_.push_back(last[slot]);
+  for (Slot slot : order) sums_.push_back(sums[index(slot)]), last_.push_back(last[index(slot)]);
   heap_.resize(order.size());
   for (std::uint32_t i = 0; i < heap_.size(); ++i) heap_[i] = i;
   std::make_heap(heap_.begin(), heap_.end(), [this](std::uint32_t a, std::uint32_t b) { return later(a, b); });
@@ -35,7 +35,7 @@ NeighbourRanking::NeighbourRanking(const FactsView& view) : view_(view) {
 bool NeighbourRanking::later(std::uint32_t a, std::uint32_t b) const {
   if (sums_[a] != sums_[b]) return sums_[a] < sums_[b];
   const auto fqn = view_.outbound.strs(out_f::target_fqn);
-  const StrId fa = fqn[last_[a]], fb = fqn[last_[b]];
+  const StrId fa = fqn[index(last_[a])], fb = fqn[index(last_[b])];
   if (fa != fb) {
     const std::string_view ta = view_.pool.text(fa), tb = view_.pool.text(fb);
     if (ta != tb) return ta > tb;
@@ -54,13 +54,13 @@ bool NeighbourRanking::next(Neighbour& neighbour) {
 
 std::vector<PathPairCount> name_match_counts(const FactsView& view) {
   std::vector<PathPairCount> counts;
-  DenseIndex pairs;
+  DenseIndex<> pairs;  // numbers the (source, target) pairs as positions in `counts`
   auto add = [&](const Table& table, const std::vector<std::uint8_t>& terms, std::uint8_t name_match, unsigned source,
                  unsigned target, unsigned refs) {
-    for (std::size_t row = 0; row < table.rows(); ++row) {
-      if (!(terms[row] & name_match)) continue;
+    for (Row row : table.all()) {
+      if (!(terms[index(row)] & name_match)) continue;
       const StrId from = table.str(source, row), to = table.str(target, row);
-      auto [pair, fresh] = pairs.insert((std::uint64_t{from} << 32) | to);
+      auto [pair, fresh] = pairs.insert((static_cast<std::uint64_t>(from) << 32) | static_cast<std::uint64_t>(to));
       if (fresh) counts.push_back({from, to, 0});
       counts[pair].count = checked_add(counts[pair].count, table.num(refs, row));
     }

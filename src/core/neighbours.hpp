@@ -10,7 +10,7 @@
 namespace scope {
 
 struct Neighbour {
-  std::uint32_t row;   // outbound row of the last counted reference to the target
+  Row row;             // outbound row of the last counted reference to the target
   std::int64_t count;  // summed refs
   StrId path;          // the target's path
 };
@@ -31,7 +31,7 @@ class NeighbourRanking {
   bool later(std::uint32_t a, std::uint32_t b) const;
   const FactsView& view_;
   std::vector<std::int64_t> sums_;   // by target
-  std::vector<std::uint32_t> last_;  // by target: the last counted row
+  std::vector<Row> last_;            // by target: the last counted row
   std::vector<std::uint32_t> heap_;  // targets, in first-counted order before the heap is made
 };
 inline constexpr Needs kNeighbourNeeds{.outbound = bits(out_f::refs, out_f::target_id, out_f::target_fqn),
@@ -49,8 +49,9 @@ std::vector<Neighbour> neighbours(const FactsView& view, std::int64_t limit, IsT
   std::vector<std::int8_t> test(view.pool.size(), -1);  // by path: unknown, no, yes
   Neighbour next{};
   while (static_cast<std::int64_t>(kept.size()) < limit && ranking.next(next)) {
-    if (test[next.path] < 0) test[next.path] = is_test_path(next.path) ? 1 : 0;
-    if (!test[next.path]) kept.push_back(next);
+    std::int8_t& in_test = test[index(next.path)];
+    if (in_test < 0) in_test = is_test_path(next.path) ? 1 : 0;
+    if (!in_test) kept.push_back(next);
   }
   return kept;
 }

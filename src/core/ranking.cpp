@@ -8,9 +8,9 @@
 
 namespace scope {
 
-KeyInput key_input(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in, std::size_t row) {
+KeyInput key_input(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in, Row row) {
   const Table& symbols = view.symbols;
-  const std::uint32_t slot = symbols.slot(sym_f::id, row);
+  const Slot slot = symbols.slot(sym_f::id, row);
   const StrId kind = symbols.str(sym_f::kind, row);
   return KeyInput{fan_in.api(slot),
                   vocab.has(kind, vocab_bit::callable | vocab_bit::type),
@@ -25,18 +25,17 @@ KeyInput key_input(const FactsView& view, const Vocab& vocab, const FanInSlots& 
 std::vector<RankKey> rank_keys(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in) {
   std::vector<RankKey> keys;
   keys.reserve(view.symbols.rows());
-  for (std::size_t row = 0; row < view.symbols.rows(); ++row)
-    keys.push_back(rank_key(key_input(view, vocab, fan_in, row)));
+  for (Row row : view.symbols.all()) keys.push_back(rank_key(key_input(view, vocab, fan_in, row)));
   return keys;
 }
 
 Ranking ranked_by_file(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in) {
   const std::vector<RankKey> keys = rank_keys(view, vocab, fan_in);
-  const Groups& files = view.derived.symbols_by_path;
+  const Groups<StrId, Row>& files = view.derived.symbols_by_path;
   Ranking ranking{files.rows};
   for (std::size_t group = 0; group < files.size(); ++group)
     std::stable_sort(ranking.rows.begin() + files.start[group], ranking.rows.begin() + files.start[group + 1],
-                     [&](std::uint32_t a, std::uint32_t b) { return keys[a] < keys[b]; });
+                     [&](Row a, Row b) { return keys[index(a)] < keys[index(b)]; });
   return ranking;
 }
 
@@ -44,23 +43,23 @@ std::vector<Seed> file_seeds(const FactsView& view, const Ranking& ranking) {
   const Table& symbols = view.symbols;
   std::vector<Seed> seeds;
   std::vector<bool> seeded(view.pool.size(), false);
-  const Groups& files = view.derived.symbols_by_path;
+  const Groups<StrId, Row>& files = view.derived.symbols_by_path;
   for (std::size_t group = 0; group < files.size(); ++group) {
-    for (std::uint32_t row : ranking.of(files, group)) {
+    for (Row row : ranking.of(files, group)) {
       std::int64_t start = symbols.num(sym_f::start_line, row);
       if (start <= 0) continue;  // line 0 cannot be cited
       StrId path = files.key[group];
       seeds.push_back({path, start, std::max(start, symbols.num(sym_f::end_line, row))});
-      seeded[path] = true;
+      seeded[index(path)] = true;
       break;
     }
   }
-  for (std::size_t row = 0; row < view.files.rows(); ++row) {
+  for (Row row : view.files.all()) {
     StrId path = view.files.str(file_f::path, row);
     std::int64_t lines = view.line_count(path);
-    if (lines > 0 && !seeded[path]) {
+    if (lines > 0 && !seeded[index(path)]) {
       seeds.push_back({path, 1, lines});
-      seeded[path] = true;
+      seeded[index(path)] = true;
     }
   }
   return seeds;
@@ -248,8 +247,8 @@ std::vector<std::size_t> select_with_quota(const std::vector<QuotaFile>& files, 
 }
 
 bool Spreader::offer(StrId path) {
-  if (path >= counts_.size()) counts_.resize(std::size_t{path} + 1, 0);
-  std::int64_t& count = counts_[path];
+  if (index(path) >= counts_.size()) counts_.resize(index(path) + 1, 0);
+  std::int64_t& count = counts_[index(path)];
   if (count >= per_file_) return false;
   ++count;
   ++taken_;

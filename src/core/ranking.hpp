@@ -18,14 +18,14 @@ namespace scope {
 // The key of every declaration of the view, by row.
 inline constexpr Needs kRankKeyNeeds{.symbols =
                                          bits(sym_f::id, sym_f::kind, sym_f::name, sym_f::start_line, sym_f::end_line)};
-KeyInput key_input(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in, std::size_t row);
+KeyInput key_input(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in, Row row);
 std::vector<RankKey> rank_keys(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in);
 
 // Each file's declarations best first (stable), files in the order of their
 // first declaration: the groups of symbols_by_path, each sorted by key.
 struct Ranking {
-  std::vector<std::uint32_t> rows;  // the rows of symbols_by_path, each group sorted best first
-  std::span<const std::uint32_t> of(const Groups& by_path, std::size_t group) const {
+  std::vector<Row> rows;  // the rows of symbols_by_path, each group sorted best first
+  std::span<const Row> of(const Groups<StrId, Row>& by_path, std::size_t group) const {
     return {rows.data() + by_path.start[group], rows.data() + by_path.start[group + 1]};
   }
 };

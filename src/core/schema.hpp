@@ -14,7 +14,7 @@ enum class Cell : std::uint8_t {
   integer,        // an int, kept exactly (64 bits)
   id,             // an int symbol id, kept as its slot in the view's numbering of ids
   text,           // a str, interned
-  optional_text,  // a str, or None or no attribute at all (kNoStr)
+  optional_text,  // a str, or None or no attribute at all (StrId::none)
   truth,          // any object, kept as its truth value
   record,         // an object whose own fields are read (the outbound target)
 };

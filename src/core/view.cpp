@@ -35,8 +35,8 @@ std::size_t Table::bytes() const {
 }
 
 void Vocab::set(StrId id, std::uint16_t which) {
-  if (id >= bits.size()) bits.resize(std::size_t{id} + 1, 0);
-  bits[id] |= which;
+  if (index(id) >= bits.size()) bits.resize(index(id) + 1, 0);
+  bits[index(id)] |= which;
 }
 
 void Vocab::set_literals(const StringPool& pool, StrId id) {
@@ -47,19 +47,19 @@ void Vocab::set_literals(const StringPool& pool, StrId id) {
 }
 
 void FactsView::set_path_bit(StrId path, std::uint8_t which) {
-  if (path >= path_bits.size()) path_bits.resize(std::size_t{path} + 1, 0);
-  path_bits[path] |= which;
+  if (index(path) >= path_bits.size()) path_bits.resize(index(path) + 1, 0);
+  path_bits[index(path)] |= which;
 }
 
 namespace {
 void note_distinct(const Table& table, unsigned field, std::vector<bool>& seen, std::vector<StrId>& ids) {
-  const StrColumn::Reader column = table.strs(field);
+  const IdReader<StrId> column = table.strs(field);
   for (std::size_t row = 0; row < table.rows(); ++row) {
     const StrId id = column[row];
-    if (id == kNoStr) continue;
-    if (id >= seen.size()) seen.resize(std::size_t{id} + 1, false);
-    if (seen[id]) continue;
-    seen[id] = true;
+    if (id == StrId::none) continue;
+    if (index(id) >= seen.size()) seen.resize(index(id) + 1, false);
+    if (seen[index(id)]) continue;
+    seen[index(id)] = true;
     ids.push_back(id);
   }
 }
@@ -72,7 +72,7 @@ void FactsView::note_resolutions(const Table& table, unsigned field) {
 }
 
 std::size_t FactsView::bytes() const {
-  const Groups& by_path = derived.symbols_by_path;
+  const Groups<StrId, Row>& by_path = derived.symbols_by_path;
   return pool.bytes() + ids.bytes() + files.bytes() + symbols.bytes() + inbound.bytes() + outbound.bytes() +
          path_bits.capacity() + line_counts.capacity() * 8 + summaries.capacity() * 4 +
          (by_path.rows.capacity() + by_path.group_of_key.capacity()) * 4 + derived.member.capacity() / 8;

@@ -72,10 +72,23 @@ class Column {
 };
 
 // Integers and truth values: line numbers and refs mostly fit 16 bits.
-// Strings as StrIds and symbol ids as slots of the view's DenseIndex: both
-// number what one page holds, and stay below 2^16 on most pages.
 using IntColumn = Column<std::int16_t, std::int64_t>;
-using StrColumn = Column<std::uint16_t, std::uint32_t>;
+
+// Text and id cells: strings as StrIds and symbol ids as slots, kept as
+// their numbers. Both number what one page holds, and stay below 2^16 on
+// most pages.
+class StrColumn : public Column<std::uint16_t, std::uint32_t> {
+ public:
+  void push(StrId id) { Column::push(static_cast<std::uint32_t>(id)); }
+  void push(Slot slot) { Column::push(static_cast<std::uint32_t>(slot)); }
+};
+
+// Read access to a text or id column, its cells as StrIds or as slots.
+template <class Id>
+struct IdReader {
+  StrColumn::Reader cells;
+  Id operator[](std::size_t row) const { return static_cast<Id>(cells[row]); }
+};
 
 // One record type as columns, by field number. A column is readable once
 // committed, and (in checked builds) when the running call of this thread
@@ -87,6 +100,7 @@ class Table {
 
   const Schema& schema() const { return *schema_; }
   std::size_t rows() const { return rows_; }
+  RowRange all() const { return RowRange{rows_}; }
   Mask loaded() const { return loaded_; }
   bool has(Mask fields) const { return (loaded_ & fields) == fields; }
 
@@ -94,17 +108,20 @@ class Table {
     SCOPE_CHECK(readable(field));
     return ints_[field].reader();
   }
-  StrColumn::Reader strs(unsigned field) const {
+  IdReader<StrId> strs(unsigned field) const {
     SCOPE_CHECK(readable(field));
-    return strs_[field].reader();
+    return {strs_[field].reader()};
   }
   // The slots of an id column: kept as a text column keeps its StrIds.
-  StrColumn::Reader slots(unsigned field) const { return strs(field); }
+  IdReader<Slot> slots(unsigned field) const {
+    SCOPE_CHECK(readable(field));
+    return {strs_[field].reader()};
+  }
   // Integer and truth cells; the slot of an id cell; the StrId of a text cell.
-  std::int64_t num(unsigned field, std::size_t row) const { return ints(field)[row]; }
-  bool flag(unsigned field, std::size_t row) const { return num(field, row) != 0; }
-  std::uint32_t slot(unsigned field, std::size_t row) const { return slots(field)[row]; }
-  StrId str(unsigned field, std::size_t row) const { return strs(field)[row]; }
+  std::int64_t num(unsigned field, Row row) const { return ints(field)[index(row)]; }
+  bool flag(unsigned field, Row row) const { return num(field, row) != 0; }
+  Slot slot(unsigned field, Row row) const { return slots(field)[index(row)]; }
+  StrId str(unsigned field, Row row) const { return strs(field)[index(row)]; }
 
   // Filling: whole columns at once, once every row was read.
   void commit(unsigned field, std::size_t rows, IntColumn column);
@@ -149,13 +166,13 @@ struct BitsReader {
   std::size_t size;
   // The bits of `id` (none past the end: the preparation sizes the vectors
   // to cover every id, so this test always passes and costs no misprediction).
-  Bits get(StrId id) const { return id < size ? bits[id] : Bits{0}; }
+  Bits get(StrId id) const { return index(id) < size ? bits[index(id)] : Bits{0}; }
   bool has(StrId id, Bits which) const { return (get(id) & which) != 0; }
 };
 
 struct Vocab {
   std::vector<std::uint16_t> bits;
-  bool has(StrId id, std::uint16_t which) const { return id < bits.size() && (bits[id] & which) != 0; }
+  bool has(StrId id, std::uint16_t which) const { return index(id) < bits.size() && (bits[index(id)] & which) != 0; }
   BitsReader<std::uint16_t> reader() const { return {bits.data(), bits.size()}; }
   void set(StrId id, std::uint16_t which);
   // Sets the bits that depend on the text alone (constant, unique, legacy).
@@ -206,7 +223,7 @@ enum : std::uint8_t {
 struct Derived {
   std::uint8_t ready = 0;
   Vocab vocab;                                              // the vocabulary of what depends on one
-  Groups symbols_by_path;                                   // keys are path StrIds
+  Groups<StrId, Row> symbols_by_path;                       // symbol rows by path
   std::vector<bool> member;                                 // by symbol row
   std::vector<std::uint8_t> inbound_terms, outbound_terms;  // by row
 };
@@ -216,8 +233,8 @@ struct FactsView {
   // Every symbol id of the view (declarations' and reference targets'),
   // numbered densely: id cells hold these numbers, their slots. Declarations
   // with equal ids, and the references to that id, share a slot.
-  DenseIndex ids;
-  std::int64_t id_of(std::uint32_t slot) const { return static_cast<std::int64_t>(ids.key(slot)); }
+  DenseIndex<Slot> ids;
+  std::int64_t id_of(Slot slot) const { return static_cast<std::int64_t>(ids.key(slot)); }
   Table files{kFileSchema};
   Table symbols{kSymbolSchema};
   Table inbound{kInboundSchema};
@@ -227,18 +244,20 @@ struct FactsView {
   std::vector<std::uint8_t> path_bits;
   std::uint8_t path_bits_loaded = 0;
   bool path_has(StrId path, std::uint8_t which) const {
-    return path < path_bits.size() && (path_bits[path] & which) != 0;
+    return index(path) < path_bits.size() && (path_bits[index(path)] & which) != 0;
   }
   void set_path_bit(StrId path, std::uint8_t which);
   BitsReader<std::uint8_t> path_reader() const { return {path_bits.data(), path_bits.size()}; }
 
-  // Line counts and summaries by path StrId (kNoLines / kNoStr: none).
+  // Line counts and summaries by path StrId (kNoLines / StrId::none: none).
   static constexpr std::int64_t kNoLines = INT64_MIN;
   bool line_counts_loaded = false, summaries_loaded = false;
   std::vector<std::int64_t> line_counts;
   std::vector<StrId> summaries;
-  std::int64_t line_count(StrId path) const { return path < line_counts.size() ? line_counts[path] : kNoLines; }
-  StrId summary(StrId path) const { return path < summaries.size() ? summaries[path] : kNoStr; }
+  std::int64_t line_count(StrId path) const {
+    return index(path) < line_counts.size() ? line_counts[index(path)] : kNoLines;
+  }
+  StrId summary(StrId path) const { return index(path) < summaries.size() ? summaries[index(path)] : StrId::none; }
 
   // Distinct kind and resolution strings of every loaded column, in first
   // seen order: the per-call vocabulary is computed for these only.

@@ -107,10 +107,9 @@ void read_row(NativeFacts& native, Pending& column, PyObject* owner, const char*
       column.ints.push(integer_of(value.get(), where));
       break;
     case Cell::id: {
-      const std::uint32_t slot =
-          native.view.ids.insert(static_cast<std::uint64_t>(integer_of(value.get(), where))).first;
-      if (slot >= native.id_objects.size()) native.id_objects.resize(native.view.ids.size());
-      if (!native.id_objects[slot] && PyLong_CheckExact(value.get())) native.id_objects[slot] = value;
+      const Slot slot = native.view.ids.insert(static_cast<std::uint64_t>(integer_of(value.get(), where))).first;
+      if (index(slot) >= native.id_objects.size()) native.id_objects.resize(native.view.ids.size());
+      if (!native.id_objects[index(slot)] && PyLong_CheckExact(value.get())) native.id_objects[index(slot)] = value;
       column.strs.push(slot);
       break;
     }
@@ -121,7 +120,7 @@ void read_row(NativeFacts& native, Pending& column, PyObject* owner, const char*
       column.strs.push(intern(native, value.get(), where));
       break;
     case Cell::optional_text:
-      column.strs.push(value.get() == Py_None ? kNoStr : intern(native, value.get(), where));
+      column.strs.push(value.get() == Py_None ? StrId::none : intern(native, value.get(), where));
       break;
     case Cell::record:
       column.objects.push_back(std::move(value));
@@ -281,7 +280,7 @@ std::vector<Value> by_path(NativeFacts& native, PyObject* mapping, Value none, c
     entries.emplace_back(path, value_of(value.get()));
   }
   std::vector<Value> values(native.view.pool.size(), none);
-  for (const auto& [path, value] : entries) values[path] = value;
+  for (const auto& [path, value] : entries) values[index(path)] = value;
   return values;
 }
 
@@ -295,10 +294,10 @@ void enlist(const ModuleState& state, FactsObject* facts) {
 
 }  // namespace
 
-PyRef NativeFacts::id_object(std::uint32_t slot) {
-  if (slot >= id_objects.size()) id_objects.resize(view.ids.size());
-  if (!id_objects[slot]) id_objects[slot] = new_int(view.id_of(slot));
-  return id_objects[slot];
+PyRef NativeFacts::id_object(Slot slot) {
+  if (index(slot) >= id_objects.size()) id_objects.resize(view.ids.size());
+  if (!id_objects[index(slot)]) id_objects[index(slot)] = new_int(view.id_of(slot));
+  return id_objects[index(slot)];
 }
 
 StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, Where where) {
@@ -315,11 +314,11 @@ StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, Wher
 
 StrId intern(NativeFacts& native, PyObject* text, Where where) {
   const std::size_t size = std::min<std::size_t>(1024, std::bit_ceil(native.strings.size() + 16));
-  if (native.seen.size() < size) native.seen.assign(size, {nullptr, 0});
+  if (native.seen.size() < size) native.seen.assign(size, {nullptr, StrId::none});
   auto& cached = native.seen[(reinterpret_cast<std::uintptr_t>(text) >> 4) & (native.seen.size() - 1)];
   if (cached.first == text) return cached.second;
   const StrId id = intern(native.view.pool, native.strings, text, where);
-  if (native.strings[id].get() == text) cached = {text, id};
+  if (native.string(id).get() == text) cached = {text, id};
   return id;
 }
 
@@ -387,8 +386,7 @@ void load_path_bits(const ModuleState& state, FactsObject* facts, std::uint8_t w
   if (missing & path_bit::in_page) {
     load_table(state, facts, kFilesTable, bit(file_f::path));
     if (!(view.path_bits_loaded & path_bit::in_page)) {
-      for (std::size_t row = 0; row < view.files.rows(); ++row)
-        view.set_path_bit(view.files.str(file_f::path, row), path_bit::in_page);
+      for (Row row : view.files.all()) view.set_path_bit(view.files.str(file_f::path, row), path_bit::in_page);
       view.path_bits_loaded |= path_bit::in_page;
     }
   }
@@ -411,7 +409,7 @@ void load_line_counts(FactsObject* facts) {
 void load_summaries(FactsObject* facts) {
   NativeFacts& native = native_of(facts);
   if (native.view.summaries_loaded) return;
-  auto summaries = by_path<StrId>(native, facts->fields[kSummaries], kNoStr, "summaries", [&](PyObject* value) {
+  auto summaries = by_path<StrId>(native, facts->fields[kSummaries], StrId::none, "summaries", [&](PyObject* value) {
     return intern(native, value, Where{"facts", "summaries value"});
   });
   if (native.view.summaries_loaded) return;

@@ -34,22 +34,21 @@ PyRef text_list(const std::vector<std::string>& texts) {
 }
 
 // A dict of the counts at `order` of a by-slot array, keyed by symbol id.
-PyRef counts_dict(const std::vector<std::uint32_t>& order, const std::vector<std::int64_t>& counts,
-                  NativeFacts& native) {
+PyRef counts_dict(const std::vector<Slot>& order, const std::vector<std::int64_t>& counts, NativeFacts& native) {
   PyRef dict = new_dict(static_cast<Py_ssize_t>(order.size()));
-  for (std::uint32_t slot : order)
-    check(PyDict_SetItem(dict.get(), native.id_object(slot).get(), new_int(counts[slot]).get()));
+  for (Slot slot : order)
+    check(PyDict_SetItem(dict.get(), native.id_object(slot).get(), new_int(counts[index(slot)]).get()));
   return dict;
 }
 
-PyRef str_of(const NativeFacts& native, StrId id) { return native.strings[id]; }
+PyRef str_of(const NativeFacts& native, StrId id) { return native.string(id); }
 
 // The host's path filter as the core asks it: looked up on the module once a
 // call (the host may rebind it), asked with the path's own str object.
 auto is_test_path_of(const Call& c, const NativeFacts& native) {
   return [&c, &native, filter = PyRef()](StrId path) mutable {
     if (!filter) filter = c.module_attr(kIsTestPath);
-    return truth(check(PyObject_CallOneArg(filter.get(), native.strings[path].get())).get());
+    return truth(check(PyObject_CallOneArg(filter.get(), native.string(path).get())).get());
   };
 }
 
@@ -110,8 +109,8 @@ PyRef is_use_body(Call& c) {
 PyRef members_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), Needs{.derived = derived::members});
   PyRef result = check(PySet_New(nullptr));
-  for (std::size_t row = 0; row < p.view.symbols.rows(); ++row)
-    if (p.view.derived.member[row])
+  for (Row row : p.view.symbols.all())
+    if (p.view.derived.member[index(row)])
       check(PySet_Add(result.get(), p.native.id_object(p.view.symbols.slot(sym_f::id, row)).get()));
   return result;
 }
@@ -125,10 +124,10 @@ PyRef production_fan_in_body(Call& c) {
   slots->entry.assign(p.view.ids.size(), 0);
   PyRef entry = check(PyFrozenSet_New(nullptr));
   p.settle();
-  for (std::uint32_t row : entry_points(p.view, p.vocab, counts, is_test_path_of(c, p.native))) {
-    const std::uint32_t slot = p.view.symbols.slot(sym_f::id, row);
+  for (Row row : entry_points(p.view, p.vocab, counts, is_test_path_of(c, p.native))) {
+    const Slot slot = p.view.symbols.slot(sym_f::id, row);
     check(PySet_Add(entry.get(), p.native.id_object(slot).get()));
-    slots->entry[slot] = 1;
+    slots->entry[index(slot)] = 1;
   }
   // Kept before the dicts are handed out: the host can change them from then on.
   remember_fan_in(c.state, p.native, outside.get(), inside.get(), entry.get(), std::move(slots));
@@ -187,9 +186,9 @@ PyRef ranked_by_file_body(Call& c) {
   auto ranking = ranking_for(p.native, p.vocab, fan_in);
   PyObject* symbols = p.facts()->fields[kSymbols];  // borrowed: the facts' own records
   PyRef result = check(PyDict_New());
-  const Groups& files = p.view.derived.symbols_by_path;
+  const Groups<StrId, Row>& files = p.view.derived.symbols_by_path;
   for (std::size_t group = 0; group < files.size(); ++group)
-    check(PyDict_SetItem(result.get(), p.native.strings[files.key[group]].get(),
+    check(PyDict_SetItem(result.get(), p.native.string(files.key[group]).get(),
                          records_at(symbols, ranking->of(files, group)).get()));
   return result;
 }
@@ -210,13 +209,13 @@ PyRef file_seeds_body(Call& c) {
 // (the lists ranked_by_file hands out) are keyed from its view; any others
 // are read attribute by attribute.
 std::vector<RankKey> quota_keys(Call& c, PyObject* records) {
-  std::vector<std::uint32_t> rows;
+  std::vector<Row> rows;
   std::vector<RankKey> keys;
   if (FactsObject* facts = facts_holding(c.state, records, rows)) {
     Prepared p(c.module, c.state, facts, kRankKeyNeeds);
     auto fan_in = p.settled_fan_in(c.state, c.arg(1));
     keys.reserve(rows.size());
-    for (std::uint32_t row : rows) keys.push_back(rank_key(key_input(p.view, p.vocab, *fan_in, row)));
+    for (Row row : rows) keys.push_back(rank_key(key_input(p.view, p.vocab, *fan_in, row)));
     return keys;
   }
   NativeFacts scratch;
@@ -308,10 +307,10 @@ PyRef file_users_body(Call& c) {
     const auto of = users->of(entry);
     PyRef counts = new_dict(static_cast<Py_ssize_t>(of.size()));
     for (const auto& [user, count] : of)
-      check(PyDict_SetItem(counts.get(), p.native.strings[user].get(), new_int(count).get()));
+      check(PyDict_SetItem(counts.get(), p.native.string(user).get(), new_int(count).get()));
     PyRef counter = new_counter(c.state);
     if (PyDict_Update(counter.get(), counts.get()) < 0) throw PyError{};
-    check(PyDict_SetItem(result.get(), p.native.strings[users->target[entry]].get(), counter.get()));
+    check(PyDict_SetItem(result.get(), p.native.string(users->target[entry]).get(), counter.get()));
   }
   return result;
 }
@@ -322,8 +321,9 @@ PyRef most_used_body(Call& c) {
   Vocab vocab;
   prepare_records(c.module, c.state, scratch, records.get(), kMostUsedNeeds.symbols, "declarations", vocab);
   auto fan_in = fan_in_slots(c.state, scratch, c.arg(1), false);
-  std::vector<std::uint32_t> rows(scratch.view.symbols.rows());
-  for (std::uint32_t row = 0; row < rows.size(); ++row) rows[row] = row;
+  std::vector<Row> rows;
+  rows.reserve(scratch.view.symbols.rows());
+  for (Row row : scratch.view.symbols.all()) rows.push_back(row);
   std::size_t count = 0;
   return text_list(most_used(scratch.view, *fan_in, rows, std::numeric_limits<std::size_t>::max(), count));
 }
@@ -343,12 +343,13 @@ std::vector<NameList> tests_by_file(Call& c, Prepared& p) {
   std::vector<NameList> tests(rows);
   std::vector<std::size_t> first_row(p.view.pool.size(), rows);
   for (std::size_t row = 0; row < rows; ++row) {
-    const StrId path = p.view.files.str(file_f::path, row);
-    if (first_row[path] < rows) {  // asked once per path
-      tests[row] = tests[first_row[path]];
+    const StrId path = p.view.files.str(file_f::path, nth<Row>(row));
+    std::size_t& first = first_row[index(path)];
+    if (first < rows) {  // asked once per path
+      tests[row] = tests[first];
       continue;
     }
-    first_row[path] = row;
+    first = row;
     PyRef names = get_value(by_file.get(), str_of(p.native, path).get());
     if (!names || names.get() == Py_None) continue;
     // The names are listed first (any iterable will do), then cut as a cell shows them.
@@ -410,7 +411,7 @@ PyRef neighbours_body(Call& c) {
   for (std::size_t i = 0; i < kept.size(); ++i) {
     PyRef count = new_int(kept[i].count);
     PyList_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i),
-                    check(PyTuple_Pack(2, p.native.targets[kept[i].row].get(), count.get())).release());
+                    check(PyTuple_Pack(2, p.native.targets[index(kept[i].row)].get(), count.get())).release());
   }
   return result;
 }

@@ -71,8 +71,10 @@ struct NativeFacts {
   // left to a call that needs them.
   UnreadFields unread[kTableCount];
 
+  // The str object of an interned string.
+  const PyRef& string(StrId id) const { return strings[index(id)]; }
   // The int object of a slot's id: the host's own when it gave a plain int.
-  PyRef id_object(std::uint32_t slot);
+  PyRef id_object(Slot slot);
   // str objects already interned, by address: each is one of `strings`, so
   // no address is reused while it is here.
   std::vector<std::pair<PyObject*, StrId>> seen;  // sized to the strings met, up to 1024
@@ -80,8 +82,8 @@ struct NativeFacts {
   std::vector<FanInCache> fan_ins;  // most recent first
   std::shared_ptr<const FileUsers> users;
   Vocab users_vocab;
-  DenseIndex records;                     // address of each declaration record, numbered
-  std::vector<std::uint32_t> record_row;  // by number: the first row that holds the record
+  DenseIndex<> records;         // address of each declaration record, numbered
+  std::vector<Row> record_row;  // by number: the first row that holds the record
   bool records_ready = false;
   bool enlisted = false;  // in the module state's facts_with_records
 };

@@ -16,10 +16,10 @@ Needs everything() { return Needs{~Mask{0}, ~Mask{0}, ~Mask{0}, ~Mask{0}}; }
 template <class Matches>
 void ask_each_slot(const NativeFacts& native, std::vector<bool>& marked, Matches matches) {
   const Table& symbols = native.view.symbols;
-  for (std::size_t row = 0; row < symbols.rows(); ++row) {
-    const std::uint32_t slot = symbols.slot(sym_f::id, row);
-    if (slot >= marked.size() || marked[slot]) continue;
-    if (matches(new_int(native.view.id_of(slot)).get())) marked[slot] = true;
+  for (Row row : symbols.all()) {
+    const Slot slot = symbols.slot(sym_f::id, row);
+    if (index(slot) >= marked.size() || marked[index(slot)]) continue;
+    if (matches(new_int(native.view.id_of(slot)).get())) marked[index(slot)] = true;
   }
 }
 
@@ -27,7 +27,7 @@ void ask_each_slot(const NativeFacts& native, std::vector<bool>& marked, Matches
 // while no host code ran: every key and count an int of a dict.
 std::vector<std::int64_t> counts_by_slot(const NativeFacts& native, PyObject* mapping, const char* what,
                                          const char* value_what, bool& plain) {
-  const DenseIndex& ids = native.view.ids;
+  const DenseIndex<Slot>& ids = native.view.ids;
   std::vector<std::int64_t> counts(ids.size(), 0);
   std::int64_t id = 0;
   if (PyDict_CheckExact(mapping)) {
@@ -42,8 +42,8 @@ std::vector<std::int64_t> counts_by_slot(const NativeFacts& native, PyObject* ma
       const long long count = PyLong_CheckExact(value) ? PyLong_AsLongLongAndOverflow(value, &overflow) : 0;
       all_ints = match != IdMatch::ask && PyLong_CheckExact(value) && overflow == 0;
       if (!all_ints || match != IdMatch::id) continue;
-      const std::uint32_t slot = ids.find(static_cast<std::uint64_t>(id));
-      if (slot < counts.size()) counts[slot] = count;
+      const Slot slot = ids.find(static_cast<std::uint64_t>(id));
+      if (index(slot) < counts.size()) counts[index(slot)] = count;
     }
     if (all_ints) return counts;
     counts.assign(ids.size(), 0);
@@ -56,16 +56,16 @@ std::vector<std::int64_t> counts_by_slot(const NativeFacts& native, PyObject* ma
     const IdMatch match = id_of(key.get(), id);
     ask = ask || match == IdMatch::ask;
     if (match != IdMatch::id) continue;
-    const std::uint32_t slot = ids.find(static_cast<std::uint64_t>(id));
-    if (slot < counts.size()) counts[slot] = count, found[slot] = true;
+    const Slot slot = ids.find(static_cast<std::uint64_t>(id));
+    if (index(slot) < counts.size()) counts[index(slot)] = count, found[index(slot)] = true;
   }
   if (!ask) return counts;
   std::vector<bool> asked = found;
   ask_each_slot(native, asked, [&](PyObject* key) {
     PyRef value = get_value(mapping, key);
     if (!value) return false;
-    const std::uint32_t slot = ids.find(static_cast<std::uint64_t>(PyLong_AsLongLong(key)));
-    counts[slot] = as_int64(value.get(), Where{"fan_in", value_what});
+    const Slot slot = ids.find(static_cast<std::uint64_t>(PyLong_AsLongLong(key)));
+    counts[index(slot)] = as_int64(value.get(), Where{"fan_in", value_what});
     return true;
   });
   return counts;
@@ -100,7 +100,7 @@ Vocab vocab_for(PyObject* module, const ModuleState& state, const NativeFacts& n
     std::vector<std::tuple<PyRef, std::uint16_t, Name>> bound;
     for (auto [name, which] : sets) bound.emplace_back(module_attr(module, state, name), which, name);
     for (StrId id : ids) {
-      PyRef text = native.strings[id];  // held while the host's sets are asked
+      PyRef text = native.string(id);  // held while the host's sets are asked
       for (const auto& [set, which, name] : bound)
         if (contains(set.get(), text.get(), module_set(name))) vocab.set(id, which);
       vocab.set_literals(native.view.pool, id);
@@ -112,7 +112,7 @@ Vocab vocab_for(PyObject* module, const ModuleState& state, const NativeFacts& n
   // Cover every kind and resolution, with bits or without.
   for (const std::vector<StrId>* ids : {&kinds, &resolutions})
     for (StrId id : *ids)
-      if (id >= vocab.bits.size()) vocab.bits.resize(std::size_t{id} + 1, 0);
+      if (index(id) >= vocab.bits.size()) vocab.bits.resize(index(id) + 1, 0);
   return vocab;
 }
 
@@ -146,7 +146,7 @@ void prepare_records(PyObject* module, const ModuleState& state, NativeFacts& sc
 std::vector<bool> slots_in(NativeFacts& native, PyObject* container, Where where, bool* plain) {
   if (Py_TYPE(container)->tp_iter == nullptr && !PySequence_Check(container))
     wrong_type(where, "a collection of symbol ids", container);
-  const DenseIndex& ids = native.view.ids;
+  const DenseIndex<Slot>& ids = native.view.ids;
   std::vector<bool> marked(ids.size(), false);
   std::vector<PyRef> others;  // members that only Python can compare with an id
   std::int64_t id = 0;
@@ -155,8 +155,8 @@ std::vector<bool> slots_in(NativeFacts& native, PyObject* container, Where where
     const IdMatch match = id_of(item.get(), id);
     if (match == IdMatch::ask) others.push_back(std::move(item));
     if (match != IdMatch::id) continue;
-    const std::uint32_t slot = ids.find(static_cast<std::uint64_t>(id));
-    if (slot < marked.size()) marked[slot] = true;
+    const Slot slot = ids.find(static_cast<std::uint64_t>(id));
+    if (index(slot) < marked.size()) marked[index(slot)] = true;
   }
   if (PyErr_Occurred()) throw PyError{};
   if (others.empty()) return marked;
@@ -225,7 +225,7 @@ std::shared_ptr<const FileUsers> users_for(NativeFacts& native, const Vocab& voc
   return native.users;
 }
 
-FactsObject* facts_holding(const ModuleState& state, PyObject* records, std::vector<std::uint32_t>& rows) {
+FactsObject* facts_holding(const ModuleState& state, PyObject* records, std::vector<Row>& rows) {
   const Py_ssize_t count = PyTuple_GET_SIZE(records);
   if (count == 0) return nullptr;
   const auto first = reinterpret_cast<std::uint64_t>(PyTuple_GET_ITEM(records, 0));
@@ -237,14 +237,14 @@ FactsObject* facts_holding(const ModuleState& state, PyObject* records, std::vec
       native.records.reserve(static_cast<std::size_t>(PyTuple_GET_SIZE(symbols)));
       for (Py_ssize_t row = 0; row < PyTuple_GET_SIZE(symbols); ++row)
         if (native.records.insert(reinterpret_cast<std::uint64_t>(PyTuple_GET_ITEM(symbols, row))).second)
-          native.record_row.push_back(static_cast<std::uint32_t>(row));
+          native.record_row.push_back(nth<Row>(static_cast<std::size_t>(row)));
       native.records_ready = true;
     }
-    if (native.records.find(first) == DenseIndex::kAbsent) continue;
+    if (native.records.find(first) == kNoPosition) continue;
     rows.clear();
     for (Py_ssize_t i = 0; i < count; ++i) {
       const std::uint32_t number = native.records.find(reinterpret_cast<std::uint64_t>(PyTuple_GET_ITEM(records, i)));
-      if (number == DenseIndex::kAbsent) break;
+      if (number == kNoPosition) break;
       rows.push_back(native.record_row[number]);
     }
     if (rows.size() == static_cast<std::size_t>(count)) return facts;

@@ -71,6 +71,6 @@ std::shared_ptr<const FileUsers> users_for(NativeFacts& native, const Vocab& voc
 
 // The live ScopeFacts whose own declaration records make up `records` (a
 // tuple), with their rows; null when there is none.
-FactsObject* facts_holding(const ModuleState& state, PyObject* records, std::vector<std::uint32_t>& rows);
+FactsObject* facts_holding(const ModuleState& state, PyObject* records, std::vector<Row>& rows);
 
 }  // namespace scope::py

@@ -3,6 +3,7 @@
 
 #include <random>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 
 #include "flat.hpp"
@@ -11,8 +12,16 @@
 namespace scope {
 namespace {
 
+// Rows, slots and string ids are never taken for one another, nor for a
+// plain number, without saying so.
+static_assert(!std::is_convertible_v<Row, Slot> && !std::is_convertible_v<Slot, Row>);
+static_assert(!std::is_convertible_v<Row, StrId> && !std::is_convertible_v<StrId, Row>);
+static_assert(!std::is_convertible_v<Slot, StrId> && !std::is_convertible_v<StrId, Slot>);
+static_assert(!std::is_convertible_v<std::uint32_t, Row> && !std::is_convertible_v<Row, std::size_t>);
+static_assert(sizeof(Row) == 4 && sizeof(Slot) == 4 && sizeof(StrId) == 4);
+
 TEST(DenseIndex, NumbersKeysInFirstSeenOrderThroughGrowthAndCollisions) {
-  DenseIndex index;
+  DenseIndex<> index;
   std::vector<std::uint64_t> keys;
   // Multiples of a large power of two share their low bits: they collide
   // under a weak hash and force long probe runs as the table grows.
@@ -28,8 +37,13 @@ TEST(DenseIndex, NumbersKeysInFirstSeenOrderThroughGrowthAndCollisions) {
     ASSERT_EQ(index.find(keys[i]), i);
     ASSERT_EQ(index.key(static_cast<std::uint32_t>(i)), keys[i]);
   }
-  EXPECT_EQ(index.find(12345), DenseIndex::kAbsent);
-  EXPECT_EQ(DenseIndex{}.find(0), DenseIndex::kAbsent);
+  EXPECT_EQ(index.find(12345), kNoPosition);
+  EXPECT_EQ(DenseIndex<>{}.find(0), kNoPosition);
+  // Numbered as slots, an absent key is no slot.
+  DenseIndex<Slot> slots;
+  EXPECT_EQ(slots.find(1), Slot::none);
+  EXPECT_EQ(slots.insert(1).first, Slot{0});
+  EXPECT_EQ(slots.find(2), Slot::none);
 }
 
 TEST(StringPool, EqualHashesOfOtherTextsStayApartAndViewsOutliveGrowth) {
@@ -47,14 +61,14 @@ TEST(StringPool, EqualHashesOfOtherTextsStayApartAndViewsOutliveGrowth) {
   }
   for (std::size_t i = 0; i < texts.size(); ++i) {
     EXPECT_EQ(views[i], texts[i]);
-    EXPECT_EQ(pool.intern(texts[i], 7), (std::pair<StrId, bool>{static_cast<StrId>(i), false}));
+    EXPECT_EQ(pool.intern(texts[i], 7), (std::pair<StrId, bool>{nth<StrId>(i), false}));
   }
   EXPECT_EQ(pool.size(), texts.size());
 }
 
 TEST(Groups, KeepFirstSeenOrderOfKeysAndRowsWithinEach) {
   const std::vector<std::uint32_t> keys = {3, 1, 3, 0, 1, 3};
-  Groups g = group_rows(keys.size(), 5, [&](std::size_t row) { return keys[row]; });
+  const auto g = group_rows<std::uint32_t>(keys.size(), 5, [&](std::size_t row) { return keys[row]; });
   EXPECT_EQ(g.key, (std::vector<std::uint32_t>{3, 1, 0}));
   EXPECT_EQ(std::vector<std::uint32_t>(g.of(0).begin(), g.of(0).end()), (std::vector<std::uint32_t>{0, 2, 5}));
   EXPECT_EQ(std::vector<std::uint32_t>(g.of_key(1).begin(), g.of_key(1).end()), (std::vector<std::uint32_t>{1, 4}));

@@ -23,22 +23,22 @@ TEST(Needs, DerivedDataBringsTheColumnsItIsMadeFrom) {
   EXPECT_EQ(needs.symbols, bits(sym_f::id, sym_f::path, sym_f::kind, sym_f::start_line, sym_f::end_line));
   const FactsView view = two_symbols();
   // Equal ids share a slot.
-  EXPECT_EQ(view.symbols.slot(sym_f::id, 0), view.symbols.slot(sym_f::id, 1));
-  EXPECT_EQ(view.symbols.num(sym_f::start_line, 1), 70);
+  EXPECT_EQ(view.symbols.slot(sym_f::id, Row{0}), view.symbols.slot(sym_f::id, Row{1}));
+  EXPECT_EQ(view.symbols.num(sym_f::start_line, Row{1}), 70);
 }
 
 #ifdef SCOPE_CHECKED
 TEST(NeedsDeathTest, ReadingAColumnNotDeclaredStops) {
   const FactsView view = two_symbols();
   Allowed outer(view, Needs{.symbols = bit(sym_f::id)});
-  EXPECT_EQ(view.id_of(view.symbols.slot(sym_f::id, 0)), 7);
+  EXPECT_EQ(view.id_of(view.symbols.slot(sym_f::id, Row{0})), 7);
   {
     // A nested call (host code re-entering the module) declares its own.
     Allowed inner(view, Needs{.symbols = bit(sym_f::start_line)});
-    EXPECT_EQ(view.symbols.num(sym_f::start_line, 0), 70);
+    EXPECT_EQ(view.symbols.num(sym_f::start_line, Row{0}), 70);
   }
-  EXPECT_DEATH(view.symbols.num(sym_f::start_line, 0), "check failed");
-  EXPECT_DEATH(view.symbols.num(sym_f::end_line, 0), "check failed");  // declared nowhere, loaded never
+  EXPECT_DEATH(view.symbols.num(sym_f::start_line, Row{0}), "check failed");
+  EXPECT_DEATH(view.symbols.num(sym_f::end_line, Row{0}), "check failed");  // declared nowhere, loaded never
 }
 #endif
 
