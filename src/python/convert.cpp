@@ -220,7 +220,7 @@ void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Tab
       } catch (const PyError&) {
         if (on_error == OnError::raise || !PyErr_ExceptionMatches(PyExc_Exception)) throw;
         column.failed = true;
-        column.unread.row = static_cast<std::uint32_t>(row);
+        column.unread.row = nth<Row>(static_cast<std::size_t>(row));
         column.unread.of_target = column.declared.of_target;
         if (errors_made() == made) {
           take_raised(column.unread.error, column.unread.traceback);
@@ -368,7 +368,7 @@ void load_table(const ModuleState& state, FactsObject* facts, TableId table, Mas
   const Unread* first = nullptr;
   for (unsigned field = 0; field < schema.count; ++field) {
     const Unread& candidate = unread.unread[field];
-    if (!(missing & unread.fields & bit(field)) || candidate.row == Unread::kNoRow) continue;
+    if (!(missing & unread.fields & bit(field)) || candidate.row == Row::none) continue;
     if (first == nullptr || std::tie(candidate.of_target, candidate.row) < std::tie(first->of_target, first->row))
       first = &candidate;
   }

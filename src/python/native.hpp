@@ -52,10 +52,9 @@ struct FanInCache {
 // wrong type) is not kept: its message names the call, so the field is read
 // again by the call that needs it.
 struct Unread {
-  static constexpr std::uint32_t kNoRow = 0xffffffff;
-  std::uint32_t row = kNoRow;  // kNoRow: not read, for want of the target records
-  bool of_target = false;      // read in the walk after the records' own fields
-  PyRef error, traceback;      // null for the module's own errors
+  Row row = Row::none;     // none: not read, for want of the target records
+  bool of_target = false;  // read in the walk after the records' own fields
+  PyRef error, traceback;  // null for the module's own errors
 };
 struct UnreadFields {
   Mask fields = 0;
