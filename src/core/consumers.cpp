@@ -30,60 +30,6 @@ void append_joined(std::string& out, const std::vector<std::string>& items, std:
   }
 }
 
-// What the references from production files outside the page say.
-struct ConsumerCounts {
-  // Per consumer file, in first-counted order: its path and the summed refs
-  // of its counted references.
-  std::vector<StrId> path;
-  std::vector<std::int64_t> total;
-  // The counted references: rows, and their consumers.
-  std::vector<Row> counted;
-  std::vector<std::uint32_t> counted_consumer;
-  std::vector<bool> used;  // by slot: reached by some counted reference
-  // References that are no evidence: summed refs by resolution (resolutions
-  // in first-seen order), and how many files they come from.
-  std::vector<StrId> left_resolutions;
-  std::vector<std::int64_t> left_refs;  // by StrId
-  std::size_t left_files = 0;
-};
-
-ConsumerCounts count_consumers(const FactsView& view) {
-  const Table& in = view.inbound;
-  const std::size_t strings = view.pool.size();
-  const auto source = in.strs(in_f::source_path), resolution = in.strs(in_f::resolution);
-  const auto target = in.slots(in_f::target_id);
-  const auto refs = in.ints(in_f::refs);
-  const std::uint8_t* terms = view.derived.inbound_terms.data();
-  ConsumerCounts counts;
-  std::vector<std::uint8_t> used(view.ids.size(), 0);
-  counts.left_refs.assign(strings, 0);
-  std::vector<std::uint32_t> consumer_of(strings, kNoPosition);  // path -> consumer
-  std::vector<std::uint8_t> left_file(strings, 0), left_seen(strings, 0);
-  for (std::size_t row = 0; row < in.rows(); ++row) {
-    // The page's own files and tests are no consumers, and are not reported.
-    if (terms[row] & (in_term::from_page | in_term::from_test)) continue;
-    if (!(terms[row] & in_term::use)) {
-      const StrId r = resolution[row];
-      if (!left_seen[index(r)]) left_seen[index(r)] = 1, counts.left_resolutions.push_back(r);
-      counts.left_refs[index(r)] = checked_add(counts.left_refs[index(r)], refs[row]);
-      if (!left_file[index(source[row])]) left_file[index(source[row])] = 1, ++counts.left_files;
-      continue;
-    }
-    std::uint32_t& consumer = consumer_of[index(source[row])];
-    if (consumer == kNoPosition) {
-      consumer = static_cast<std::uint32_t>(counts.path.size());
-      counts.path.push_back(source[row]);
-      counts.total.push_back(0);
-    }
-    counts.total[consumer] = checked_add(counts.total[consumer], refs[row]);
-    counts.counted.push_back(nth<Row>(row));
-    counts.counted_consumer.push_back(consumer);
-    used[index(target[row])] = 1;
-  }
-  counts.used.assign(used.begin(), used.end());
-  return counts;
-}
-
 // The names that the counted references of each chosen consumer reach, with
 // their summed refs, in the order of their first counted reference.
 std::vector<std::vector<std::pair<StrId, std::int64_t>>> consumer_names(const FactsView& view,
@@ -251,9 +197,45 @@ std::vector<Row> unused_outside(const FactsView& view, const Vocab& vocab, const
   return rows;
 }
 
+ConsumerCounts count_consumers(const FactsView& view) {
+  const Table& in = view.inbound;
+  const std::size_t strings = view.pool.size();
+  const auto source = in.strs(in_f::source_path), resolution = in.strs(in_f::resolution);
+  const auto target = in.slots(in_f::target_id);
+  const auto refs = in.ints(in_f::refs);
+  const std::uint8_t* terms = view.derived.inbound_terms.data();
+  ConsumerCounts counts;
+  std::vector<std::uint8_t> used(view.ids.size(), 0);
+  counts.left_refs.assign(strings, 0);
+  std::vector<std::uint32_t> consumer_of(strings, kNoPosition);  // path -> consumer
+  std::vector<std::uint8_t> left_file(strings, 0), left_seen(strings, 0);
+  for (std::size_t row = 0; row < in.rows(); ++row) {
+    // The page's own files and tests are no consumers, and are not reported.
+    if (terms[row] & (in_term::from_page | in_term::from_test)) continue;
+    if (!(terms[row] & in_term::use)) {
+      const StrId r = resolution[row];
+      if (!left_seen[index(r)]) left_seen[index(r)] = 1, counts.left_resolutions.push_back(r);
+      counts.left_refs[index(r)] = checked_add(counts.left_refs[index(r)], refs[row]);
+      if (!left_file[index(source[row])]) left_file[index(source[row])] = 1, ++counts.left_files;
+      continue;
+    }
+    std::uint32_t& consumer = consumer_of[index(source[row])];
+    if (consumer == kNoPosition) {
+      consumer = static_cast<std::uint32_t>(counts.path.size());
+      counts.path.push_back(source[row]);
+      counts.total.push_back(0);
+    }
+    counts.total[consumer] = checked_add(counts.total[consumer], refs[row]);
+    counts.counted.push_back(nth<Row>(row));
+    counts.counted_consumer.push_back(consumer);
+    used[index(target[row])] = 1;
+  }
+  counts.used.assign(used.begin(), used.end());
+  return counts;
+}
+
 std::string render_consumers(const FactsView& view, const Vocab& vocab, const FanInSlots& fan_in,
-                             std::string_view heading) {
-  const ConsumerCounts counts = count_consumers(view);
+                             const ConsumerCounts& counts, std::string_view heading) {
   const std::vector<std::string_view> unresolved = unresolved_languages(view);
   std::vector<std::string> lines;
   lines.emplace_back(heading);

@@ -117,14 +117,14 @@ PyRef members_body(Call& c) {
 
 PyRef production_fan_in_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kFanInNeeds);
-  FanInCounts counts = count_fan_in(p.view, p.vocab);
-  PyRef outside = counts_dict(counts.outside_order, counts.uses.outside, p.native);
-  PyRef inside = counts_dict(counts.inside_order, counts.uses.inside, p.native);
-  auto slots = std::make_shared<FanInSlots>(std::move(counts.uses));
+  auto counts = kept_for(p.native.fan_in_counts, p.vocab, [&] { return count_fan_in(p.view, p.vocab); });
+  PyRef outside = counts_dict(counts->outside_order, counts->uses.outside, p.native);
+  PyRef inside = counts_dict(counts->inside_order, counts->uses.inside, p.native);
+  auto slots = std::make_shared<FanInSlots>(counts->uses);
   slots->entry.assign(p.view.ids.size(), 0);
   PyRef entry = check(PyFrozenSet_New(nullptr));
   p.settle();
-  for (Row row : entry_points(p.view, p.vocab, counts, is_test_path_of(c, p.native))) {
+  for (Row row : entry_points(p.view, p.vocab, *counts, is_test_path_of(c, p.native))) {
     const Slot slot = p.view.symbols.slot(sym_f::id, row);
     check(PySet_Add(entry.get(), p.native.id_object(slot).get()));
     slots->entry[index(slot)] = 1;
@@ -299,7 +299,7 @@ PyRef named_body(Call& c) {
 
 PyRef file_users_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kFileUsersNeeds);
-  auto users = users_for(p.native, p.vocab);
+  auto users = kept_for(p.native.users, p.vocab, [&] { return file_users(p.view, p.vocab); });
   PyRef result = new_dict(static_cast<Py_ssize_t>(users->target.size()));
   for (std::size_t entry = 0; entry < users->target.size(); ++entry) {
     // Counter is a dict subclass: filled as a dict, in order, from a dict
@@ -380,7 +380,7 @@ PyRef render_file_cards_body(Call& c) {
   // Only a row asks the fan-in: a page without files never reads it.
   auto fan_in = p.view.files.rows() ? fan_in_slots(c.state, p.native, c.arg(1), false) : std::make_shared<FanInSlots>();
   p.settle();
-  auto users = users_for(p.native, p.vocab);
+  auto users = kept_for(p.native.users, p.vocab, [&] { return file_users(p.view, p.vocab); });
   return str_from_utf8(render_file_cards(p.view, *users, *fan_in, heading, missing, tests));
 }
 
@@ -392,7 +392,8 @@ PyRef render_consumers_body(Call& c) {
   if (!PyUnicode_Check(c.arg(2))) wrong_type(Where{"heading"}, "str", c.arg(2));
   Prepared p(c.module, c.state, facts, kConsumersNeeds);
   auto fan_in = p.settled_fan_in(c.state, c.arg(1));
-  return str_from_utf8(render_consumers(p.view, p.vocab, *fan_in, text_arg(c.arg(2), "heading")));
+  auto counts = kept_for(p.native.consumers, p.vocab, [&] { return count_consumers(p.view); });
+  return str_from_utf8(render_consumers(p.view, p.vocab, *fan_in, *counts, text_arg(c.arg(2), "heading")));
 }
 
 PyRef unused_outside_body(Call& c) {
@@ -418,9 +419,9 @@ PyRef neighbours_body(Call& c) {
 
 PyRef name_match_counts_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kNameMatchNeeds);
-  const std::vector<PathPairCount> pairs = name_match_counts(p.view);
-  PyRef result = new_dict(static_cast<Py_ssize_t>(pairs.size()));
-  for (const PathPairCount& pair : pairs) {
+  auto pairs = kept_for(p.native.name_matches, p.vocab, [&] { return name_match_counts(p.view); });
+  PyRef result = new_dict(static_cast<Py_ssize_t>(pairs->size()));
+  for (const PathPairCount& pair : *pairs) {
     PyRef key = check(PyTuple_Pack(2, str_of(p.native, pair.source).get(), str_of(p.native, pair.target).get()));
     // A pair of str cannot be part of a cycle: the collector would untrack
     // it at its first pass; untracked now, neither it nor the dict costs a

@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "../core/cards.hpp"
+#include "../core/consumers.hpp"
+#include "../core/neighbours.hpp"
 #include "../core/ranking.hpp"
 #include "args.hpp"
 #include "state.hpp"
@@ -61,6 +63,14 @@ struct UnreadFields {
   Unread unread[kMaxFields];
 };
 
+// What was made from the view under `vocab`, kept for the calls that ask
+// under the same vocabulary (see kept_for).
+template <class T>
+struct KeptFor {
+  std::shared_ptr<const T> value;
+  Vocab vocab;
+};
+
 struct NativeFacts {
   FactsView view;
   std::vector<PyRef> strings;     // the str object of each StrId (the first one seen)
@@ -79,8 +89,11 @@ struct NativeFacts {
   std::vector<std::pair<PyObject*, StrId>> seen;  // sized to the strings met, up to 1024
 
   std::vector<FanInCache> fan_ins;  // most recent first
-  std::shared_ptr<const FileUsers> users;
-  Vocab users_vocab;
+  // Counts over the references that depend on the columns and one vocabulary.
+  KeptFor<FileUsers> users;
+  KeptFor<FanInCounts> fan_in_counts;
+  KeptFor<ConsumerCounts> consumers;
+  KeptFor<std::vector<PathPairCount>> name_matches;
   DenseIndex<> records;         // address of each declaration record, numbered
   std::vector<Row> record_row;  // by number: the first row that holds the record
   bool records_ready = false;

@@ -218,13 +218,6 @@ std::shared_ptr<const Ranking> ranking_for(NativeFacts& native, const Vocab& voc
   return ranking;
 }
 
-std::shared_ptr<const FileUsers> users_for(NativeFacts& native, const Vocab& vocab) {
-  if (native.users && native.users_vocab == vocab) return native.users;
-  native.users = std::make_shared<const FileUsers>(file_users(native.view, vocab));
-  native.users_vocab = vocab;
-  return native.users;
-}
-
 FactsObject* facts_holding(const ModuleState& state, PyObject* records, std::vector<Row>& rows) {
   const Py_ssize_t count = PyTuple_GET_SIZE(records);
   if (count == 0) return nullptr;

@@ -66,8 +66,15 @@ std::vector<bool> slots_in(NativeFacts& native, PyObject* container, Where where
 // The ranking under a fan-in, reused while the fan-in and the vocabulary are.
 std::shared_ptr<const Ranking> ranking_for(NativeFacts& native, const Vocab& vocab,
                                            const std::shared_ptr<const FanInSlots>& fan_in);
-// The file users, reused while the vocabulary is.
-std::shared_ptr<const FileUsers> users_for(NativeFacts& native, const Vocab& vocab);
+// What `make()` makes of the view under `vocab` (C++ alone: no host code
+// runs meanwhile), reused while the vocabulary is the same.
+template <class T, class Make>
+std::shared_ptr<const T> kept_for(KeptFor<T>& kept, const Vocab& vocab, Make make) {
+  if (kept.value && kept.vocab == vocab) return kept.value;
+  auto value = std::make_shared<const T>(make());
+  kept = {value, vocab};
+  return value;
+}
 
 // The live ScopeFacts whose own declaration records make up `records` (a
 // tuple), with their rows; null when there is none.
