@@ -267,9 +267,10 @@ WHERE f.path IN (SELECT value FROM json_each(?))
 ORDER BY f.path
 """
 
-# The statements below read a batch's rows.  When the batch holds every indexed
-# file (the wiki of a whole tree in one process), they read whole tables: the
-# filter ``{where}`` is then left out, and its parameter with it.
+# The statements below read a batch's rows.  A batch that holds most of the
+# indexed files (the wiki of a whole tree in one process) reads whole tables,
+# which costs less than finding its rows: the filter ``{where}`` and its
+# parameter are then left out, and the rows it does not need are dropped here.
 _BATCH_SYMBOLS = """
 SELECT d.id, d.file_id, d.name, d.fqn, d.kind, d.start_line, d.end_line, d.exported
 FROM declarations AS d
@@ -346,31 +347,36 @@ class PrefetchedIndex:
             for paths in pages
         ]
         path_of = {file.id: file.path for file in files.values()}
-        whole = len(files) == db.query("SELECT COUNT(*) FROM files")[0][0]
-        batch = () if whole else (json.dumps(list(path_of)),)
+        whole = 2 * len(files) > db.query("SELECT COUNT(*) FROM files")[0][0]
+        if whole:
+            batch: tuple[str, ...] = ()
+            paths = dict(db.query("SELECT id, path FROM files"))
+        else:
+            batch = (json.dumps(list(path_of)),)
+            paths = dict(path_of)
 
         # Every file's declarations, in line order; the records are shared by
         # the pages and by the references that reach them.
         statement = _BATCH_SYMBOLS.format(where="" if whole else _SYMBOLS_IN_BATCH)
-        made = _symbols(db.query(statement, batch), path_of.__getitem__)
+        made = _symbols(db.query(statement, batch), paths.__getitem__)
         symbols: dict[int, ScopeSymbol] = dict(zip(map(_id, made), made, strict=True))
         symbols_of = _runs(list(map(_by_path, made)), made)
 
-        # The references, each row read once: put in the order of their
-        # sources' paths, which is the order of a page's records.
+        # The references from the batch's files and to them, each row read
+        # once: put in the order of their sources' paths, which is the order
+        # of a page's records.
         rows = db.query(_BATCH_REFS.format(where="" if whole else _REFS_IN_BATCH), batch)
         by_source = _runs(list(map(_first, rows)), rows)
-        sources = dict(path_of)
-        outside = [source for source in by_source if source not in sources]
+        outside = [source for source in by_source if source not in paths]
         if outside:
-            sources.update(db.query(_FILE_PATHS, (json.dumps(outside),)))
-        order = sorted(by_source, key=sources.__getitem__)
+            paths.update(db.query(_FILE_PATHS, (json.dumps(outside),)))
+        order = sorted(by_source, key=paths.__getitem__)
         source_id, target_id, resolution, refs = _columns(list(chain.from_iterable(map(by_source.get, order))), 4)
         missing = [target for target in dict.fromkeys(target_id) if target not in symbols]
         if missing:
             more = _symbols(db.query(_BATCH_TARGETS, (json.dumps(missing),)))
             symbols.update(zip(map(_id, more), more, strict=True))
-        source_paths = list(map(sources.__getitem__, source_id))
+        source_paths = list(map(paths.__getitem__, source_id))
         targets = list(map(symbols.__getitem__, target_id))
         target_paths = list(map(_by_path, targets))
 
@@ -382,7 +388,7 @@ class PrefetchedIndex:
             for file in held:
                 pages_of[file.path].append(records)
         into = list(map(pages_of.get, target_paths))
-        keep = None if whole else list(map(bool, into))
+        keep = None if all(into) else list(map(bool, into))
         columns = _kept(
             [into, source_paths, target_id, target_paths, map(_name, targets), map(_kind, targets), resolution, refs],
             keep,
@@ -395,7 +401,8 @@ class PrefetchedIndex:
 
         # Outbound records are the references from the batch's files, by source
         # file in (target id, resolution) order; a page's are its files' in path order.
-        keep = None if whole else list(map(path_of.__contains__, source_id))
+        keep = list(map(path_of.__contains__, source_id))
+        keep = None if all(keep) else keep
         sources_kept, *columns = _kept([source_paths, targets, resolution, refs], keep)
         sources_kept = list(sources_kept)
         outbound_of = _runs(sources_kept, _records(OutboundReference, len(sources_kept), sources_kept, *columns))
