@@ -350,15 +350,15 @@ class PrefetchedIndex:
         whole = 2 * len(files) > db.query("SELECT COUNT(*) FROM files")[0][0]
         if whole:
             batch: tuple[str, ...] = ()
-            paths = dict(db.query("SELECT id, path FROM files"))
+            file_paths = dict(db.query("SELECT id, path FROM files"))
         else:
             batch = (json.dumps(list(path_of)),)
-            paths = dict(path_of)
+            file_paths = dict(path_of)
 
         # Every file's declarations, in line order; the records are shared by
         # the pages and by the references that reach them.
         statement = _BATCH_SYMBOLS.format(where="" if whole else _SYMBOLS_IN_BATCH)
-        made = _symbols(db.query(statement, batch), paths.__getitem__)
+        made = _symbols(db.query(statement, batch), file_paths.__getitem__)
         symbols: dict[int, ScopeSymbol] = dict(zip(map(_id, made), made, strict=True))
         symbols_of = _runs(list(map(_by_path, made)), made)
 
@@ -367,16 +367,16 @@ class PrefetchedIndex:
         # of a page's records.
         rows = db.query(_BATCH_REFS.format(where="" if whole else _REFS_IN_BATCH), batch)
         by_source = _runs(list(map(_first, rows)), rows)
-        outside = [source for source in by_source if source not in paths]
+        outside = [source for source in by_source if source not in file_paths]
         if outside:
-            paths.update(db.query(_FILE_PATHS, (json.dumps(outside),)))
-        order = sorted(by_source, key=paths.__getitem__)
+            file_paths.update(db.query(_FILE_PATHS, (json.dumps(outside),)))
+        order = sorted(by_source, key=file_paths.__getitem__)
         source_id, target_id, resolution, refs = _columns(list(chain.from_iterable(map(by_source.get, order))), 4)
-        missing = [target for target in dict.fromkeys(target_id) if target not in symbols]
+        missing = sorted(set(target_id).difference(symbols))
         if missing:
             more = _symbols(db.query(_BATCH_TARGETS, (json.dumps(missing),)))
             symbols.update(zip(map(_id, more), more, strict=True))
-        source_paths = list(map(paths.__getitem__, source_id))
+        source_paths = list(map(file_paths.__getitem__, source_id))
         targets = list(map(symbols.__getitem__, target_id))
         target_paths = list(map(_by_path, targets))
 
