@@ -334,7 +334,9 @@ class PrefetchedIndex:
     paths, or by the ids of its files, as `load_scope_facts` asks) from here,
     with the same records in the same order as a query of the index would
     give; anything else goes to the index through `query`.  A batch holds
-    all its pages' records at once, so the caller keeps batches small.
+    all its pages' records at once, so the caller keeps batches small; one
+    that reads whole tables (it holds more than half of the indexed files)
+    also makes records of the other files' declarations, fewer than its own.
     """
 
     def __init__(self, db: Any, pages: Sequence[Sequence[str]]) -> None:
