@@ -14,8 +14,8 @@ import json
 from collections import Counter, deque
 from collections.abc import Callable, Iterable, Sequence
 from dataclasses import dataclass, fields
-from itertools import chain, repeat
-from operator import attrgetter
+from itertools import chain, compress, repeat
+from operator import attrgetter, itemgetter
 from typing import Any
 
 from tarnwick.storage.database import Database
@@ -267,11 +267,30 @@ WHERE f.path IN (SELECT value FROM json_each(?))
 ORDER BY f.path
 """
 
+# The statements below read a batch's rows.  A batch that holds most of the
+# indexed files (the wiki of a whole tree in one process) reads whole tables,
+# which costs less than finding its rows: the filter ``{where}`` and its
+# parameter are then left out, and the rows it does not need are dropped here.
 _BATCH_SYMBOLS = """
 SELECT d.id, d.file_id, d.name, d.fqn, d.kind, d.start_line, d.end_line, d.exported
 FROM declarations AS d
-WHERE d.file_id IN (SELECT value FROM json_each(?))
+{where}
 ORDER BY d.file_id, d.start_line, d.id
+"""
+_SYMBOLS_IN_BATCH = "WHERE d.file_id IN (SELECT value FROM json_each(?1))"
+
+# The references from the batch's files and those to their declarations,
+# grouped by (source, target, resolution) as the pages' queries group them.
+_BATCH_REFS = """
+SELECT r.source_file_id, r.target_id, r.resolution, SUM(r.count)
+FROM refs AS r
+{where}
+GROUP BY r.source_file_id, r.target_id, r.resolution
+ORDER BY r.source_file_id, r.target_id, r.resolution
+"""
+_REFS_IN_BATCH = """
+WHERE r.source_file_id IN (SELECT value FROM json_each(?1))
+   OR r.target_id IN (SELECT d.id FROM declarations AS d WHERE d.file_id IN (SELECT value FROM json_each(?1)))
 """
 
 _BATCH_TARGETS = """
@@ -281,40 +300,28 @@ JOIN files AS f ON f.id = d.file_id
 WHERE d.id IN (SELECT value FROM json_each(?))
 """
 
-# Grouped by ids first, as the page's query groups them, then put in the order
-# of the pages' records; the target's path, name and kind are the batch's own.
-_BATCH_INBOUND = (
-    _GROUPED_INBOUND
-    + """
-SELECT sf.path, g.target_id, g.resolution, g.refs
-FROM grouped AS g
-JOIN files AS sf ON sf.id = g.source_id
-ORDER BY sf.path, g.target_id, g.resolution
-"""
-)
-
-_BATCH_OUTBOUND = """
-SELECT r.source_file_id, r.target_id, r.resolution, SUM(r.count)
-FROM refs AS r
-WHERE r.source_file_id IN (SELECT value FROM json_each(?))
-GROUP BY r.source_file_id, r.target_id, r.resolution
-ORDER BY r.source_file_id, r.target_id, r.resolution
-"""
+_FILE_PATHS = "SELECT f.id, f.path FROM files AS f WHERE f.id IN (SELECT value FROM json_each(?))"
 
 _id = attrgetter("id")
 _by_path = attrgetter("path")
 _name = attrgetter("name")
 _kind = attrgetter("kind")
+_first = itemgetter(0)
 
 
-def _runs(keys: Sequence[str], records: list) -> dict[str, list]:
+def _runs(keys: Sequence[Any], records: list) -> dict[Any, list]:
     """The records split into the runs of equal keys that ``keys`` (one per record, in runs) mark."""
-    runs: dict[str, list] = {}
+    runs: dict[Any, list] = {}
     begin = 0
     for key, count in Counter(keys).items():  # keys in order of first sight, which is run order
         runs[key] = records[begin : begin + count]
         begin += count
     return runs
+
+
+def _kept(columns: Sequence[Iterable[Any]], keep: list[bool] | None) -> list[Iterable[Any]]:
+    """The columns' values where ``keep`` is true; all of them without ``keep``."""
+    return list(columns) if keep is None else [compress(column, keep) for column in columns]
 
 
 class PrefetchedIndex:
@@ -327,7 +334,9 @@ class PrefetchedIndex:
     paths, or by the ids of its files, as `load_scope_facts` asks) from here,
     with the same records in the same order as a query of the index would
     give; anything else goes to the index through `query`.  A batch holds
-    all its pages' records at once, so the caller keeps batches small.
+    all its pages' records at once, so the caller keeps batches small; one
+    that reads whole tables (it holds more than half of the indexed files)
+    also makes records of the other files' declarations, fewer than its own.
     """
 
     def __init__(self, db: Any, pages: Sequence[Sequence[str]]) -> None:
@@ -340,50 +349,65 @@ class PrefetchedIndex:
             for paths in pages
         ]
         path_of = {file.id: file.path for file in files.values()}
-        ids = json.dumps(list(path_of))
+        whole = 2 * len(files) > db.query("SELECT COUNT(*) FROM files")[0][0]
+        if whole:
+            batch: tuple[str, ...] = ()
+            file_paths = dict(db.query("SELECT id, path FROM files"))
+        else:
+            batch = (json.dumps(list(path_of)),)
+            file_paths = dict(path_of)
 
         # Every file's declarations, in line order; the records are shared by
         # the pages and by the references that reach them.
-        made = _symbols(db.query(_BATCH_SYMBOLS, (ids,)), path_of.__getitem__)
+        statement = _BATCH_SYMBOLS.format(where="" if whole else _SYMBOLS_IN_BATCH)
+        made = _symbols(db.query(statement, batch), file_paths.__getitem__)
         symbols: dict[int, ScopeSymbol] = dict(zip(map(_id, made), made, strict=True))
         symbols_of = _runs(list(map(_by_path, made)), made)
 
-        # Inbound records come in the pages' order; each goes to the pages of its target's file.
+        # The references from the batch's files and to them, each row read
+        # once: put in the order of their sources' paths, which is the order
+        # of a page's records.
+        rows = db.query(_BATCH_REFS.format(where="" if whole else _REFS_IN_BATCH), batch)
+        by_source = _runs(list(map(_first, rows)), rows)
+        outside = [source for source in by_source if source not in file_paths]
+        if outside:
+            file_paths.update(db.query(_FILE_PATHS, (json.dumps(outside),)))
+        order = sorted(by_source, key=file_paths.__getitem__)
+        source_id, target_id, resolution, refs = _columns(list(chain.from_iterable(map(by_source.get, order))), 4)
+        missing = sorted(set(target_id).difference(symbols))
+        if missing:
+            more = _symbols(db.query(_BATCH_TARGETS, (json.dumps(missing),)))
+            symbols.update(zip(map(_id, more), more, strict=True))
+        source_paths = list(map(file_paths.__getitem__, source_id))
+        targets = list(map(symbols.__getitem__, target_id))
+        target_paths = list(map(_by_path, targets))
+
+        # Inbound records are the references to the batch's declarations; each
+        # goes to the pages of its target's file.
         inbound: list[list[InboundReference]] = [[] for _ in page_files]
         pages_of: dict[str, list[list[InboundReference]]] = {path: [] for path in files}
         for held, records in zip(page_files, inbound, strict=True):
             for file in held:
                 pages_of[file.path].append(records)
-        source, target_id, resolution, refs = _columns(db.query(_BATCH_INBOUND, (ids,)), 4)
-        targets = list(map(symbols.__getitem__, target_id))
-        target_paths = list(map(_by_path, targets))
-        made = _records(
-            InboundReference,
-            len(source),
-            source,
-            target_id,
-            target_paths,
-            map(_name, targets),
-            map(_kind, targets),
-            resolution,
-            refs,
+        into = list(map(pages_of.get, target_paths))
+        keep = None if all(into) else list(map(bool, into))
+        columns = _kept(
+            [into, source_paths, target_id, target_paths, map(_name, targets), map(_kind, targets), resolution, refs],
+            keep,
         )
-        for into, record in zip(map(pages_of.__getitem__, target_paths), made, strict=True):
-            for records in into:
+        into = list(columns[0])
+        made = _records(InboundReference, len(into), *columns[1:])
+        for lists, record in zip(into, made, strict=True):
+            for records in lists:
                 records.append(record)
 
-        # Outbound records by source file, in (target id, resolution) order; a
-        # page's are its files' in path order.
-        source_id, target_id, resolution, refs = _columns(db.query(_BATCH_OUTBOUND, (ids,)), 4)
-        missing = [target for target in dict.fromkeys(target_id) if target not in symbols]
-        if missing:
-            more = _symbols(db.query(_BATCH_TARGETS, (json.dumps(missing),)))
-            symbols.update(zip(map(_id, more), more, strict=True))
-        source_paths = list(map(path_of.__getitem__, source_id))
-        made = _records(
-            OutboundReference, len(source_paths), source_paths, map(symbols.__getitem__, target_id), resolution, refs
-        )
-        outbound_of = _runs(source_paths, made)
+        # Outbound records are the references from the batch's files, by source
+        # file in (target id, resolution) order; a page's are its files' in path order.
+        keep = list(map(path_of.__contains__, source_id))
+        keep = None if all(keep) else keep
+        sources_kept, *columns = _kept([source_paths, targets, resolution, refs], keep)
+        sources_kept = list(sources_kept)
+        outbound_of = _runs(sources_kept, _records(OutboundReference, len(sources_kept), sources_kept, *columns))
 
         for paths, held, page_inbound in zip(pages, page_files, inbound, strict=True):
             page = PrefetchedPage(
