@@ -17,28 +17,21 @@ PyRef place(Where where) {
   return check(PyUnicode_FromFormat("%s() argument '%s': %s", function, where.argument, where.what));
 }
 
-thread_local std::uint64_t errors_made_here = 0;
-
 }  // namespace
 
-std::uint64_t errors_made() { return errors_made_here; }
-
 void wrong_type(Where where, const char* expected, PyObject* got) {
-  ++errors_made_here;
   PyErr_Format(PyExc_TypeError, "%U must be %s, not %.100s", place(where).get(), expected, Py_TYPE(got)->tp_name);
-  throw PyError{};
+  throw MadeError{};
 }
 
 void too_large(Where where) {
-  ++errors_made_here;
   PyErr_Format(PyExc_OverflowError, "%U does not fit in 64 bits", place(where).get());
-  throw PyError{};
+  throw MadeError{};
 }
 
 void bad_value(PyObject* type, Where where, const char* message) {
-  ++errors_made_here;
   PyErr_Format(type, "%U %s", place(where).get(), message);
-  throw PyError{};
+  throw MadeError{};
 }
 
 std::int64_t as_int64(PyObject* object, Where where) {

@@ -22,6 +22,7 @@ struct Where {
   const char* what = nullptr;
 };
 
+// These three throw MadeError.
 // TypeError "f() argument 'a' must be <expected>, not <type>", or
 // "f() argument 'a': <what> must be ...".
 [[noreturn]] void wrong_type(Where where, const char* expected, PyObject* got);
@@ -29,11 +30,6 @@ struct Where {
 [[noreturn]] void too_large(Where where);
 // An error of `type`: "f() argument 'a'[: <what>] <message>".
 [[noreturn]] void bad_value(PyObject* type, Where where, const char* message);
-
-// How many of the errors above this thread has made: a caller that meets an
-// error tells by it whether the module made it (its message names the call
-// being made) or host code raised it.
-std::uint64_t errors_made();
 
 // A 64-bit integer from an int (or an object with __index__).
 std::int64_t as_int64(PyObject* object, Where where);

@@ -214,19 +214,21 @@ void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Tab
         }
         owner = target != nullptr ? target->objects.back().get() : native.targets[static_cast<std::size_t>(row)].get();
       }
-      const std::uint64_t made = errors_made();
-      try {
-        read_row(native, column, owner, argument);
-      } catch (const PyError&) {
-        if (on_error == OnError::raise || !PyErr_ExceptionMatches(PyExc_Exception)) throw;
+      auto drop = [&] {
+        if (on_error == OnError::raise || !PyErr_ExceptionMatches(PyExc_Exception)) return false;
         column.failed = true;
         column.unread.row = nth<Row>(static_cast<std::size_t>(row));
         column.unread.of_target = column.declared.of_target;
-        if (errors_made() == made) {
-          take_raised(column.unread.error, column.unread.traceback);
-        } else {
-          PyErr_Clear();
-        }
+        return true;
+      };
+      try {
+        read_row(native, column, owner, argument);
+      } catch (const MadeError&) {
+        if (!drop()) throw;
+        PyErr_Clear();
+      } catch (const PyError&) {
+        if (!drop()) throw;
+        take_raised(column.unread.error, column.unread.traceback);
       }
     }
   }
@@ -294,10 +296,10 @@ void enlist(const ModuleState& state, FactsObject* facts) {
 
 }  // namespace
 
-PyRef NativeFacts::id_object(Slot slot) {
+PyObject* NativeFacts::new_id_object(Slot slot) {
   if (index(slot) >= id_objects.size()) id_objects.resize(view.ids.size());
   if (!id_objects[index(slot)]) id_objects[index(slot)] = new_int(view.id_of(slot));
-  return id_objects[index(slot)];
+  return id_objects[index(slot)].get();
 }
 
 StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, Where where) {
@@ -313,7 +315,11 @@ StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, Wher
 }
 
 StrId intern(NativeFacts& native, PyObject* text, Where where) {
-  const std::size_t size = std::min<std::size_t>(1024, std::bit_ceil(native.strings.size() + 16));
+  // Strings the records share are found by address, in a cache as large as
+  // twice the distinct strings met, up to 2^16 entries (1 MiB) while a table
+  // is read.
+  constexpr std::size_t kSeenMost = std::size_t{1} << 16;
+  const std::size_t size = std::min<std::size_t>(kSeenMost, std::bit_ceil(2 * native.strings.size() + 16));
   if (native.seen.size() < size) native.seen.assign(size, {nullptr, StrId::none});
   auto& cached = native.seen[(reinterpret_cast<std::uintptr_t>(text) >> 4) & (native.seen.size() - 1)];
   if (cached.first == text) return cached.second;
@@ -377,6 +383,7 @@ void load_table(const ModuleState& state, FactsObject* facts, TableId table, Mas
   // read anew (and kept, should they read well this time).
   load_columns(state, native, table, facts->fields[table], wanted, "facts");
   enlist(state, facts);
+  std::vector<std::pair<PyObject*, StrId>>().swap(native.seen);  // refilled by the next reading
 }
 
 void load_path_bits(const ModuleState& state, FactsObject* facts, std::uint8_t which) {

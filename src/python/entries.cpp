@@ -36,8 +36,7 @@ PyRef text_list(const std::vector<std::string>& texts) {
 // A dict of the counts at `order` of a by-slot array, keyed by symbol id.
 PyRef counts_dict(const std::vector<Slot>& order, const std::vector<std::int64_t>& counts, NativeFacts& native) {
   PyRef dict = new_dict(static_cast<Py_ssize_t>(order.size()));
-  for (Slot slot : order)
-    check(PyDict_SetItem(dict.get(), native.id_object(slot).get(), new_int(counts[index(slot)]).get()));
+  for (Slot slot : order) check(PyDict_SetItem(dict.get(), native.id_object(slot), new_int(counts[index(slot)]).get()));
   return dict;
 }
 
@@ -111,7 +110,7 @@ PyRef members_body(Call& c) {
   PyRef result = check(PySet_New(nullptr));
   for (Row row : p.view.symbols.all())
     if (p.view.derived.member[index(row)])
-      check(PySet_Add(result.get(), p.native.id_object(p.view.symbols.slot(sym_f::id, row)).get()));
+      check(PySet_Add(result.get(), p.native.id_object(p.view.symbols.slot(sym_f::id, row))));
   return result;
 }
 
@@ -126,7 +125,7 @@ PyRef production_fan_in_body(Call& c) {
   p.settle();
   for (Row row : entry_points(p.view, p.vocab, *counts, is_test_path_of(c, p.native))) {
     const Slot slot = p.view.symbols.slot(sym_f::id, row);
-    check(PySet_Add(entry.get(), p.native.id_object(slot).get()));
+    check(PySet_Add(entry.get(), p.native.id_object(slot)));
     slots->entry[index(slot)] = 1;
   }
   // Kept before the dicts are handed out: the host can change them from then on.

@@ -83,10 +83,15 @@ struct NativeFacts {
   // The str object of an interned string.
   const PyRef& string(StrId id) const { return strings[index(id)]; }
   // The int object of a slot's id: the host's own when it gave a plain int.
-  PyRef id_object(Slot slot);
+  // Borrowed: the facts hold it.
+  PyObject* id_object(Slot slot) {
+    const std::size_t at = index(slot);
+    return at < id_objects.size() && id_objects[at] ? id_objects[at].get() : new_id_object(slot);
+  }
+  PyObject* new_id_object(Slot slot);
   // str objects already interned, by address: each is one of `strings`, so
   // no address is reused while it is here.
-  std::vector<std::pair<PyObject*, StrId>> seen;  // sized to the strings met, up to 1024
+  std::vector<std::pair<PyObject*, StrId>> seen;  // see intern(): emptied once a table was read
 
   std::vector<FanInCache> fan_ins;  // most recent first
   // Counts over the references that depend on the columns and one vocabulary.

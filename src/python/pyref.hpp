@@ -20,6 +20,9 @@
 namespace scope::py {
 
 struct PyError {};  // a Python exception is set
+// One the module made itself (a value of the wrong type, say): its message
+// names the call being made, where a host's error is the host's own.
+struct MadeError : PyError {};
 
 class PyRef {
  public:
