@@ -44,6 +44,7 @@ std::vector<std::string> most_used(const FactsView& view, const FanInSlots& fan_
   const Table& symbols = view.symbols;
   struct Used {
     Row row;
+    std::uint32_t at;  // position among the used: equal counts keep it
     std::int64_t count;
   };
   std::vector<Used> used;
@@ -52,15 +53,18 @@ std::vector<std::string> most_used(const FactsView& view, const FanInSlots& fan_
     for (Row row : rows) {
       const Slot slot = symbols.slot(sym_f::id, row);
       std::int64_t uses = from_inside ? fan_in.inside_of(slot) : fan_in.outside_of(slot);
-      if (uses > 0) used.push_back({row, uses});
+      if (uses > 0) used.push_back({row, static_cast<std::uint32_t>(used.size()), uses});
     }
     if (!used.empty()) {
       inside = from_inside;
-      std::stable_sort(used.begin(), used.end(), [](const Used& a, const Used& b) { return a.count > b.count; });
       break;
     }
   }
   count = used.size();
+  // The head of a stable sort by count, highest first: only `limit` are shown.
+  const auto shown = static_cast<std::ptrdiff_t>(std::min(limit, used.size()));
+  std::partial_sort(used.begin(), used.begin() + shown, used.end(),
+                    [](const Used& a, const Used& b) { return a.count != b.count ? a.count > b.count : a.at < b.at; });
   std::vector<std::string> items;
   for (std::size_t i = 0; i < used.size() && i < limit; ++i) {
     // "`name` L<line> (<label><count>)"

@@ -170,7 +170,7 @@ std::string unused_line(const FactsView& view, const std::vector<Row>& unused) {
 }  // namespace
 
 std::vector<Row> unused_outside(const FactsView& view, const Vocab& vocab, const std::vector<bool>& used,
-                                const FanInSlots& fan_in) {
+                                const FanInSlots& fan_in, std::size_t ordered) {
   const Table& symbols = view.symbols;
   struct Kept {
     bool callable;  // not a type: every type sorts first
@@ -186,11 +186,18 @@ std::vector<Row> unused_outside(const FactsView& view, const Vocab& vocab, const
     kept.push_back({!vocab.has(symbols.str(sym_f::kind, row), vocab_bit::type),
                     rank_key(key_input(view, vocab, fan_in, row)), view.pool.text(symbols.str(sym_f::path, row)), row});
   }
-  std::stable_sort(kept.begin(), kept.end(), [](const Kept& a, const Kept& b) {
+  // Kept is in row order: the row makes the order total, as a stable sort.
+  auto before = [](const Kept& a, const Kept& b) {
     if (a.callable != b.callable) return !a.callable;
     if (a.key != b.key) return a.key < b.key;
-    return a.path < b.path;
-  });
+    if (a.path != b.path) return a.path < b.path;
+    return a.row < b.row;
+  };
+  if (ordered < kept.size()) {
+    std::partial_sort(kept.begin(), kept.begin() + static_cast<std::ptrdiff_t>(ordered), kept.end(), before);
+  } else {
+    std::sort(kept.begin(), kept.end(), before);
+  }
   std::vector<Row> rows;
   rows.reserve(kept.size());
   for (const Kept& k : kept) rows.push_back(k.row);
@@ -246,7 +253,8 @@ std::string render_consumers(const FactsView& view, const Vocab& vocab, const Fa
     lines.push_back(std::string(kNoConsumers) +
                     (unresolved.empty() ? "through an `import` or `local` edge." : "by a unique name."));
   if (!counts.left_resolutions.empty()) lines.push_back(not_counted_line(view.pool, counts));
-  const std::vector<Row> unused = unused_outside(view, vocab, counts.used, fan_in);
+  const std::vector<Row> unused =
+      unused_outside(view, vocab, counts.used, fan_in, static_cast<std::size_t>(kUnusedNames));
   if (!unused.empty()) lines.push_back(unused_line(view, unused));
   std::string text;
   append_joined(text, lines, "\n");

@@ -17,8 +17,10 @@ namespace scope {
 // Rows of the public, exported, top-level types and callables whose slot is
 // not `used`: types first, then best first by rank key, then path.
 inline constexpr Needs kUnusedNeeds = kRankKeyNeeds | kPublicTopLevelNeeds | Needs{.symbols = bit(sym_f::path)};
+// Only the first `ordered` rows are in that order when fewer than all are
+// wanted; the others follow them in no particular order.
 std::vector<Row> unused_outside(const FactsView& view, const Vocab& vocab, const std::vector<bool>& used,
-                                const FanInSlots& fan_in);
+                                const FanInSlots& fan_in, std::size_t ordered = SIZE_MAX);
 
 // What the references from production files outside the page say.
 struct ConsumerCounts {
