@@ -128,6 +128,18 @@ void read_row(NativeFacts& native, Pending& column, PyObject* owner, const char*
   }
 }
 
+// Fetches, as a hint, where a record keeps its attributes apart from itself:
+// its instance dict at the offset its type gives, or the values of its
+// managed dict.
+void prefetch_attributes(PyObject* record) {
+  PyTypeObject* type = Py_TYPE(record);
+  if (type->tp_dictoffset > 0 && !PyType_HasFeature(type, Py_TPFLAGS_MANAGED_DICT)) {
+    __builtin_prefetch(*reinterpret_cast<PyObject**>(reinterpret_cast<char*>(record) + type->tp_dictoffset));
+  } else {
+    prefetch_managed_values(record);
+  }
+}
+
 // How many records ahead the conversion fetches a record's memory.
 constexpr Py_ssize_t kAhead = 8;
 
@@ -201,8 +213,10 @@ void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Tab
       column.strs.reserve(rows);
   }
   for (Py_ssize_t row = 0; row < rows; ++row) {
-    // The records lie scattered in memory: fetch one a few rows ahead.
+    // The records lie scattered in memory: fetch one a few rows ahead, and
+    // what it keeps apart (fetched earlier) half as many rows ahead.
     if (row + kAhead < rows) __builtin_prefetch(PyTuple_GET_ITEM(records, row + kAhead));
+    if (row + kAhead / 2 < rows) prefetch_attributes(PyTuple_GET_ITEM(records, row + kAhead / 2));
     PyObject* record = PyTuple_GET_ITEM(records, row);  // borrowed from the facts' own tuple
     for (Pending& column : columns) {
       if (column.failed) continue;
