@@ -76,11 +76,11 @@ STYLES = {
     "frozen dataclass, slots": grounding_queries,  # the host's own
 }
 
-# What the module reads of each record (src/core/schema.hpp), for the floor:
+# What the module keeps of each record (src/core/schema.hpp: its viewed fields), for the floor:
 # (table, attributes, attribute holding a nested record, its attributes).
 FLOOR_TABLES = (
-    ("files", ("id", "path", "language"), None, ()),
-    ("symbols", ("id", "path", "name", "fqn", "kind", "start_line", "end_line", "is_export"), None, ()),
+    ("files", ("path", "language"), None, ()),
+    ("symbols", ("id", "path", "name", "kind", "start_line", "end_line", "is_export"), None, ()),
     (
         "inbound",
         ("source_path", "target_id", "target_path", "target_name", "target_kind", "resolution", "refs"),

@@ -28,6 +28,7 @@ struct Field {
   Cell cell;
   bool of_target = false;  // read from the record's `target` instead of the record
   Term term = Term::none;
+  bool viewed = true;  // kept in the view; false: the loader alone reads it, from the record
 };
 
 struct Schema {
@@ -51,19 +52,18 @@ namespace file_f {
 enum : unsigned { id, path, language, count };
 }
 inline constexpr Field kFileFields[] = {
-    {"id", Cell::integer},
+    {"id", Cell::integer, false, Term::none, false},
     {"path", Cell::text},
     {"language", Cell::optional_text},
 };
 
 namespace sym_f {
-enum : unsigned { id, path, name, fqn, kind, start_line, end_line, is_export, count };
+enum : unsigned { id, path, name, kind, start_line, end_line, is_export, count };
 }
 inline constexpr Field kSymbolFields[] = {
     {"id", Cell::id},
     {"path", Cell::text},
     {"name", Cell::text},
-    {"fqn", Cell::text},
     {"kind", Cell::text, false, Term::kind},
     {"start_line", Cell::integer},
     {"end_line", Cell::integer},
@@ -97,6 +97,14 @@ inline constexpr Field kOutboundFields[] = {
     {"kind", Cell::text, true, Term::kind},
     {"fqn", Cell::text, true},
 };
+
+// The fields of a schema that the view keeps.
+constexpr Mask viewed_fields(const Schema& schema) {
+  Mask viewed = 0;
+  for (unsigned field = 0; field < schema.count; ++field)
+    if (schema.fields[field].viewed) viewed |= Mask{1} << field;
+  return viewed;
+}
 
 inline constexpr Schema kFileSchema{"ScopeFile", kFileFields, file_f::count};
 inline constexpr Schema kSymbolSchema{"ScopeSymbol", kSymbolFields, sym_f::count};

@@ -140,6 +140,9 @@ void prefetch_attributes(PyObject* record) {
   }
 }
 
+// The sizes of the cache of interned str objects by address (see intern()).
+constexpr std::size_t kSeenMost = std::size_t{1} << 16, kSeenKept = 1024;
+
 // How many records ahead the conversion fetches a record's memory.
 constexpr Py_ssize_t kAhead = 8;
 
@@ -331,8 +334,7 @@ StrId intern(StringPool& pool, std::vector<PyRef>& strings, PyObject* text, Wher
 StrId intern(NativeFacts& native, PyObject* text, Where where) {
   // Strings the records share are found by address, in a cache as large as
   // twice the distinct strings met, up to 2^16 entries (1 MiB) while a table
-  // is read.
-  constexpr std::size_t kSeenMost = std::size_t{1} << 16;
+  // is read, and up to kSeenKept entries after.
   const std::size_t size = std::min<std::size_t>(kSeenMost, std::bit_ceil(2 * native.strings.size() + 16));
   if (native.seen.size() < size) native.seen.assign(size, {nullptr, StrId::none});
   auto& cached = native.seen[(reinterpret_cast<std::uintptr_t>(text) >> 4) & (native.seen.size() - 1)];
@@ -370,8 +372,7 @@ void load_table(const ModuleState& state, FactsObject* facts, TableId table, Mas
   // field that could not be read waits, unread, for a call that needs it.
   UnreadFields& unread = native.unread[table];
   const Schema& schema = columns.schema();
-  const Mask every = bit(schema.count) - 1;
-  const Mask walk = every & ~columns.loaded() & ~unread.fields;
+  const Mask walk = viewed_fields(schema) & ~columns.loaded() & ~unread.fields;
   if (walk & wanted) read_columns(state, native, table, columns, facts->fields[table], walk, "facts", OnError::defer);
   enlist(state, facts);
   Mask missing = wanted & ~columns.loaded();
@@ -397,7 +398,8 @@ void load_table(const ModuleState& state, FactsObject* facts, TableId table, Mas
   // read anew (and kept, should they read well this time).
   load_columns(state, native, table, facts->fields[table], wanted, "facts");
   enlist(state, facts);
-  std::vector<std::pair<PyObject*, StrId>>().swap(native.seen);  // refilled by the next reading
+  // A large cache is dropped (the next reading fills it again); a small one stays.
+  if (native.seen.size() > kSeenKept) std::vector<std::pair<PyObject*, StrId>>().swap(native.seen);
 }
 
 void load_path_bits(const ModuleState& state, FactsObject* facts, std::uint8_t which) {
