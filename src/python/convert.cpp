@@ -143,6 +143,10 @@ void prefetch_attributes(PyObject* record) {
 // The sizes of the cache of interned str objects by address (see intern()).
 constexpr std::size_t kSeenMost = std::size_t{1} << 16, kSeenKept = 1024;
 
+// From how many records on the conversion fetches what they keep apart:
+// fewer stay in the cache anyway.
+constexpr Py_ssize_t kFetchApartRows = 4096;
+
 // How many records ahead the conversion fetches a record's memory.
 constexpr Py_ssize_t kAhead = 8;
 
@@ -215,11 +219,12 @@ void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Tab
     else
       column.strs.reserve(rows);
   }
+  const bool fetch_apart = rows >= kFetchApartRows;
   for (Py_ssize_t row = 0; row < rows; ++row) {
     // The records lie scattered in memory: fetch one a few rows ahead, and
     // what it keeps apart (fetched earlier) half as many rows ahead.
     if (row + kAhead < rows) __builtin_prefetch(PyTuple_GET_ITEM(records, row + kAhead));
-    if (row + kAhead / 2 < rows) prefetch_attributes(PyTuple_GET_ITEM(records, row + kAhead / 2));
+    if (fetch_apart && row + kAhead / 2 < rows) prefetch_attributes(PyTuple_GET_ITEM(records, row + kAhead / 2));
     PyObject* record = PyTuple_GET_ITEM(records, row);  // borrowed from the facts' own tuple
     for (Pending& column : columns) {
       if (column.failed) continue;
