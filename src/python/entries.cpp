@@ -427,14 +427,27 @@ PyRef neighbours_body(Call& c) {
 
 PyRef name_match_counts_body(Call& c) {
   Prepared p(c.module, c.state, c.facts(0), kNameMatchNeeds);
-  auto pairs = kept_for(p.native.name_matches, p.vocab, [&] { return name_match_counts(p.view); });
-  PyRef result = new_dict(static_cast<Py_ssize_t>(pairs->size()));
-  for (const PathPairCount& pair : *pairs) {
+  auto pair_key = [&](const PathPairCount& pair) {
     PyRef key = check(PyTuple_Pack(2, str_of(p.native, pair.source).get(), str_of(p.native, pair.target).get()));
     // A pair of str cannot be part of a cycle: the collector would untrack
     // it at its first pass; untracked now, neither it nor the dict costs a
     // collection anything.
     PyObject_GC_UnTrack(key.get());
+    return key;
+  };
+  auto matches = kept_for(p.native.name_matches, p.vocab, [&] {
+    NameMatches made{name_match_counts(p.view), {}};
+    for (const PathPairCount& pair : made.pairs) {
+      const bool plain = PyUnicode_CheckExact(str_of(p.native, pair.source).get()) &&
+                         PyUnicode_CheckExact(str_of(p.native, pair.target).get());
+      made.keys.push_back(plain ? pair_key(pair) : PyRef());
+    }
+    return made;
+  });
+  PyRef result = new_dict(static_cast<Py_ssize_t>(matches->pairs.size()));
+  for (std::size_t i = 0; i < matches->pairs.size(); ++i) {
+    const PathPairCount& pair = matches->pairs[i];
+    PyRef key = matches->keys[i] ? matches->keys[i] : pair_key(pair);
     check(PyDict_SetItem(result.get(), key.get(), new_int(pair.count).get()));
   }
   return result;

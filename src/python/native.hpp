@@ -63,6 +63,14 @@ struct UnreadFields {
   Unread unread[kMaxFields];
 };
 
+// The name-match counts by (source, target) path, with each pair's key: a
+// tuple of the two paths' str objects, made once, when both are plain strs
+// (such a tuple refers to nothing the collector must see), else null.
+struct NameMatches {
+  std::vector<PathPairCount> pairs;
+  std::vector<PyRef> keys;
+};
+
 // What was made from the view under `vocab`, kept for the calls that ask
 // under the same vocabulary (see kept_for).
 template <class T>
@@ -98,7 +106,7 @@ struct NativeFacts {
   KeptFor<FileUsers> users;
   KeptFor<FanInCounts> fan_in_counts;
   KeptFor<ConsumerCounts> consumers;
-  KeptFor<std::vector<PathPairCount>> name_matches;
+  KeptFor<NameMatches> name_matches;
   DenseIndex<> records;         // address of each declaration record, numbered
   std::vector<Row> record_row;  // by number: the first row that holds the record
   bool records_ready = false;
