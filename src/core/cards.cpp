@@ -61,10 +61,14 @@ std::vector<std::string> most_used(const FactsView& view, const FanInSlots& fan_
     }
   }
   count = used.size();
-  // The head of a stable sort by count, highest first: only `limit` are shown.
-  const auto shown = static_cast<std::ptrdiff_t>(std::min(limit, used.size()));
-  std::partial_sort(used.begin(), used.begin() + shown, used.end(),
-                    [](const Used& a, const Used& b) { return a.count != b.count ? a.count > b.count : a.at < b.at; });
+  // By count, highest first, equal counts in order (as a stable sort); only
+  // the `limit` shown need be in order.
+  auto before = [](const Used& a, const Used& b) { return a.count != b.count ? a.count > b.count : a.at < b.at; };
+  if (limit < used.size()) {
+    std::partial_sort(used.begin(), used.begin() + static_cast<std::ptrdiff_t>(limit), used.end(), before);
+  } else {
+    std::sort(used.begin(), used.end(), before);
+  }
   std::vector<std::string> items;
   for (std::size_t i = 0; i < used.size() && i < limit; ++i) {
     // "`name` L<line> (<label><count>)"
