@@ -277,7 +277,7 @@ FROM declarations AS d
 {where}
 ORDER BY d.file_id, d.start_line, d.id
 """
-_SYMBOLS_IN_BATCH = "WHERE d.file_id IN (SELECT value FROM json_each(?1))"
+_SYMBOLS_IN_BATCH = "WHERE d.file_id IN (SELECT value FROM json_each(?))"
 
 # The references from the batch's files and those to their declarations,
 # grouped by (source, target, resolution) as the pages' queries group them.
@@ -289,8 +289,8 @@ GROUP BY r.source_file_id, r.target_id, r.resolution
 ORDER BY r.source_file_id, r.target_id, r.resolution
 """
 _REFS_IN_BATCH = """
-WHERE r.source_file_id IN (SELECT value FROM json_each(?1))
-   OR r.target_id IN (SELECT d.id FROM declarations AS d WHERE d.file_id IN (SELECT value FROM json_each(?1)))
+WHERE r.source_file_id IN (SELECT value FROM json_each(?))
+   OR r.target_id IN (SELECT d.id FROM declarations AS d WHERE d.file_id IN (SELECT value FROM json_each(?)))
 """
 
 _BATCH_TARGETS = """
@@ -367,7 +367,7 @@ class PrefetchedIndex:
         # The references from the batch's files and to them, each row read
         # once: put in the order of their sources' paths, which is the order
         # of a page's records.
-        rows = db.query(_BATCH_REFS.format(where="" if whole else _REFS_IN_BATCH), batch)
+        rows = db.query(_BATCH_REFS.format(where="" if whole else _REFS_IN_BATCH), batch * 2)  # the ids twice
         by_source = _runs(list(map(_first, rows)), rows)
         outside = [source for source in by_source if source not in file_paths]
         if outside:
