@@ -38,7 +38,10 @@ def fail(*_, error=Host):
 
 # A record's field that raises: the facts may keep its error, unraised, for the calls that read that field.
 Kept = type("Kept", (Host,), {})
-fail_field = partial(fail, error=Kept)
+
+
+def fail_field(*_):
+    fail(error=Kept)
 
 
 # A value whose every protocol raises the host's error; str subclasses, one raising when hashed or compared; a dict
