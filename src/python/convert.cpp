@@ -197,9 +197,9 @@ void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Tab
                   Mask wanted, const char* argument, OnError on_error) {
   const Schema& schema = table.schema();
   std::vector<Pending> columns;
-  Pending* target = nullptr;  // the column of the target records, when this walk reads it
-  bool targets_kept = false;  // read by an earlier walk, as the facts' targets
-  columns.reserve(schema.count);
+  Pending* target = nullptr;      // the column of the target records, when this walk reads it
+  bool targets_kept = false;      // read by an earlier walk, as the facts' targets
+  columns.reserve(schema.count);  // never reallocated: `target` points into it
   for (unsigned field = 0; field < schema.count; ++field) {
     const Field& declared = schema.fields[field];
     if (declared.cell == Cell::record && table.has(bit(field))) targets_kept = true;
