@@ -98,12 +98,22 @@ inline constexpr Field kOutboundFields[] = {
     {"fqn", Cell::text, true},
 };
 
-// The fields of a schema that the view keeps.
-constexpr Mask viewed_fields(const Schema& schema) {
-  Mask viewed = 0;
+// The fields of a schema that `test` says yes to.
+constexpr Mask fields_where(const Schema& schema, bool (*test)(const Field&)) {
+  Mask fields = 0;
   for (unsigned field = 0; field < schema.count; ++field)
-    if (schema.fields[field].viewed) viewed |= Mask{1} << field;
-  return viewed;
+    if (test(schema.fields[field])) fields |= Mask{1} << field;
+  return fields;
+}
+// Those the view keeps; those read from the target; the target records.
+constexpr Mask viewed_fields(const Schema& schema) {
+  return fields_where(schema, [](const Field& field) { return field.viewed; });
+}
+constexpr Mask target_fields(const Schema& schema) {
+  return fields_where(schema, [](const Field& field) { return field.of_target; });
+}
+constexpr Mask record_fields(const Schema& schema) {
+  return fields_where(schema, [](const Field& field) { return field.cell == Cell::record; });
 }
 
 inline constexpr Schema kFileSchema{"ScopeFile", kFileFields, file_f::count};

@@ -354,14 +354,9 @@ void load_columns(const ModuleState& state, NativeFacts& native, TableId id, PyO
   Table& table = table_of(native.view, id);
   Mask missing = wanted & ~table.loaded();
   if (missing == 0) return;
-  const Schema& schema = table.schema();
-  Mask via_target = 0, record_fields = 0;
-  for (unsigned field = 0; field < schema.count; ++field) {
-    if (schema.fields[field].of_target) via_target |= bit(field);
-    if (schema.fields[field].cell == Cell::record) record_fields |= bit(field);
-  }
+  const Mask via_target = target_fields(table.schema());
   // The target records first: the target's fields are read from them.
-  if (missing & via_target) missing |= record_fields & ~table.loaded();
+  if (missing & via_target) missing |= record_fields(table.schema()) & ~table.loaded();
   read_columns(state, native, id, table, records, missing & ~via_target, argument, OnError::raise);
   if (missing & via_target)
     read_columns(state, native, id, table, records, missing & via_target & ~table.loaded(), argument, OnError::raise);
@@ -380,17 +375,14 @@ void load_table(const ModuleState& state, FactsObject* facts, TableId table, Mas
   const Mask walk = viewed_fields(schema) & ~columns.loaded() & ~unread.fields;
   if (walk & wanted) read_columns(state, native, table, columns, facts->fields[table], walk, "facts", OnError::defer);
   enlist(state, facts);
+  // A large cache is dropped (the next reading fills it again); a small one stays.
+  if (native.seen.size() > kSeenKept) std::vector<std::pair<PyObject*, StrId>>().swap(native.seen);
   Mask missing = wanted & ~columns.loaded();
   if (missing == 0) return;
   // The error a reading of just the missing fields would meet first: the
   // records' own fields row by row, then the target's; the target records
   // come first when a field of the target is missing.
-  Mask via_target = 0;
-  for (unsigned field = 0; field < schema.count; ++field)
-    if (schema.fields[field].of_target) via_target |= bit(field);
-  if (missing & via_target)
-    for (unsigned field = 0; field < schema.count; ++field)
-      if (schema.fields[field].cell == Cell::record && !columns.has(bit(field))) missing |= bit(field);
+  if (missing & target_fields(schema)) missing |= record_fields(schema) & ~columns.loaded();
   const Unread* first = nullptr;
   for (unsigned field = 0; field < schema.count; ++field) {
     const Unread& candidate = unread.unread[field];
@@ -403,8 +395,6 @@ void load_table(const ModuleState& state, FactsObject* facts, TableId table, Mas
   // read anew (and kept, should they read well this time).
   load_columns(state, native, table, facts->fields[table], wanted, "facts");
   enlist(state, facts);
-  // A large cache is dropped (the next reading fills it again); a small one stays.
-  if (native.seen.size() > kSeenKept) std::vector<std::pair<PyObject*, StrId>>().swap(native.seen);
 }
 
 void load_path_bits(const ModuleState& state, FactsObject* facts, std::uint8_t which) {
