@@ -41,7 +41,7 @@ inline bool public_top_level(const FactsView& view, const Vocab& vocab, Row row)
 
 // The counting half of the production fan-in.
 struct FanInCounts {
-  FanInSlots uses;                  // entry is left empty
+  FanInSlots uses;                  // entry all zeros: the entry points are found apart
   std::vector<Slot> outside_order;  // in first-counted order
   std::vector<Slot> inside_order;
   std::vector<bool> referenced;  // by slot: named by production code (not a legacy resolution)

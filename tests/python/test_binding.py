@@ -203,6 +203,33 @@ def test_any_real_share_is_taken_as_the_plain_implementation_takes_it(share, err
             scope.select_with_quota(ranked, NO_USES, total, 1, share)
 
 
+class Lazy(Exception):
+    """A record whose type keeps an instance dict at a fixed offset, made only when first needed: none here."""
+
+    id, path, name, fqn, kind, start_line, end_line, is_export = 7, "a", "f", "q", "function", 1, 2, True
+
+
+class Id(int):
+    def __bool__(self):
+        raise RuntimeError("an id is never asked for its truth")
+
+
+def test_values_are_read_only_as_python_reads_them_and_no_further():
+    """A record without an instance dict yet; an id that is no truth value; a quota that cannot take anything reads no
+    record; a fan-in the facts cannot keep is not held."""
+    assert [s.name for s in scope.ranked_by_file(make_facts(["a"], [Lazy()]), NO_USES)["a"]] == ["f"]
+    assert scope.ranked_by_file(make_facts(["a"], [sym(Id(3), "a", "f")]), NO_USES)["a"][0].id == 3
+    for ranked, total in [({"a": [object()]}, 0), ({"a": [object()]}, -1), ({"a": []}, 3), ({}, 3)]:
+        assert same("select_with_quota", ranked, NO_USES, total, 1, 0.5) == []
+    entry = type("Entry", (set,), {})({7})
+    alive = weakref.ref(entry)
+    fan_in = scope.FanIn({7: 1}, {}, entry)
+    scope.ranked_by_file(SEVEN, fan_in), scope.select_with_quota(scope.ranked_by_file(SEVEN, fan_in), fan_in, 1, 1, 1)
+    del fan_in, entry
+    gc.collect()
+    assert alive() is None
+
+
 def test_the_lists_of_a_facts_are_read_as_given_once_it_is_gone():
     records = [Counting(id=i, path=f"p{i % 3}", name=f"n{i}", kind="function", start_line=i, end_line=i + 2)
                for i in range(9)]
