@@ -99,7 +99,7 @@ struct NativeFacts {
   PyObject* new_id_object(Slot slot);
   // str objects already interned, by address: each is one of `strings`, so
   // no address is reused while it is here.
-  std::vector<std::pair<PyObject*, StrId>> seen;  // see intern(): emptied once a table was read
+  std::vector<std::pair<PyObject*, StrId>> seen;  // see intern(): a large one dropped after a walk
 
   std::vector<FanInCache> fan_ins;  // most recent first
   // Counts over the references that depend on the columns and one vocabulary.

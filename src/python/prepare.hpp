@@ -66,8 +66,8 @@ std::vector<bool> slots_in(NativeFacts& native, PyObject* container, Where where
 // The ranking under a fan-in, reused while the fan-in and the vocabulary are.
 std::shared_ptr<const Ranking> ranking_for(NativeFacts& native, const Vocab& vocab,
                                            const std::shared_ptr<const FanInSlots>& fan_in);
-// What `make()` makes of the view under `vocab` (C++ alone: no host code
-// runs meanwhile), reused while the vocabulary is the same.
+// What `make()` makes of the view under `vocab` (it reads nothing of the
+// host's), reused while the vocabulary is the same.
 template <class T, class Make>
 std::shared_ptr<const T> kept_for(KeptFor<T>& kept, const Vocab& vocab, Make make) {
   if (kept.value && kept.vocab == vocab) return kept.value;
