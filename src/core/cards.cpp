@@ -24,10 +24,9 @@ std::vector<std::size_t> first_by_count(std::span<const std::pair<StrId, std::in
   std::iota(order.begin(), order.end(), std::size_t{0});
   k = std::min(k, order.size());
   // Count, then position: a total order, so the partial sort is stable.
-  std::partial_sort(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(k), order.end(),
-                    [&](std::size_t a, std::size_t b) {
-                      return entries[a].second != entries[b].second ? entries[a].second > entries[b].second : a < b;
-                    });
+  sort_head(order.begin(), order.end(), k, [&](std::size_t a, std::size_t b) {
+    return entries[a].second != entries[b].second ? entries[a].second > entries[b].second : a < b;
+  });
   order.resize(k);
   return order;
 }
@@ -63,12 +62,8 @@ std::vector<std::string> most_used(const FactsView& view, const FanInSlots& fan_
   count = used.size();
   // By count, highest first, equal counts in order (as a stable sort); only
   // the `limit` shown need be in order.
-  auto before = [](const Used& a, const Used& b) { return a.count != b.count ? a.count > b.count : a.at < b.at; };
-  if (limit < used.size()) {
-    std::partial_sort(used.begin(), used.begin() + static_cast<std::ptrdiff_t>(limit), used.end(), before);
-  } else {
-    std::sort(used.begin(), used.end(), before);
-  }
+  sort_head(used.begin(), used.end(), limit,
+            [](const Used& a, const Used& b) { return a.count != b.count ? a.count > b.count : a.at < b.at; });
   std::vector<std::string> items;
   for (std::size_t i = 0; i < used.size() && i < limit; ++i) {
     // "`name` L<line> (<label><count>)"

@@ -193,11 +193,7 @@ std::vector<Row> unused_outside(const FactsView& view, const Vocab& vocab, const
     if (a.path != b.path) return a.path < b.path;
     return a.row < b.row;
   };
-  if (ordered < kept.size()) {
-    std::partial_sort(kept.begin(), kept.begin() + static_cast<std::ptrdiff_t>(ordered), kept.end(), before);
-  } else {
-    std::sort(kept.begin(), kept.end(), before);
-  }
+  sort_head(kept.begin(), kept.end(), ordered, before);
   std::vector<Row> rows;
   rows.reserve(kept.size());
   for (const Kept& k : kept) rows.push_back(k.row);

@@ -1,8 +1,10 @@
 // Flat containers for the hot loops: an interned string pool, an index that
-// numbers 64-bit keys densely in first-seen order, and first-seen grouping.
+// numbers 64-bit keys densely in first-seen order, first-seen grouping, and
+// a sort of the head of a list.
 // All are open-addressing tables or plain arrays: no allocation per element.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -58,6 +60,18 @@ struct RowRange {
   Iterator begin() const { return {0}; }
   Iterator end() const { return {count}; }
 };
+
+// Sorts [first, last) by `before`, which must be a total order, or, when
+// fewer than all are wanted, only its first `head` elements (the others
+// follow them in no particular order).
+template <class It, class Before>
+void sort_head(It first, It last, std::size_t head, Before before) {
+  if (head < static_cast<std::size_t>(last - first)) {
+    std::partial_sort(first, first + static_cast<std::ptrdiff_t>(head), last, before);
+  } else {
+    std::sort(first, last, before);
+  }
+}
 
 // Numbers 64-bit keys densely (0, 1, 2, ...) in the order they are first
 // added, as `Number`s: slots for symbol ids, plain positions otherwise. A
