@@ -280,7 +280,12 @@ ORDER BY d.file_id, d.start_line, d.id
 _SYMBOLS_IN_BATCH = "WHERE d.file_id IN (SELECT value FROM json_each(?))"
 
 # The references from the batch's files and those to their declarations,
-# grouped by (source, target, resolution) as the pages' queries group them.
+# grouped by (source, target, resolution) as the pages' queries group them
+# and ordered by source, then target and resolution.  Whole tables are read
+# in one statement; a batch's rows in two, each through the index made for
+# it: those from its files, then those from other files to its declarations
+# (sources the first statement does not have, so that each source's rows
+# stay together).
 _BATCH_REFS = """
 SELECT r.source_file_id, r.target_id, r.resolution, SUM(r.count)
 FROM refs AS r
@@ -288,9 +293,15 @@ FROM refs AS r
 GROUP BY r.source_file_id, r.target_id, r.resolution
 ORDER BY r.source_file_id, r.target_id, r.resolution
 """
-_REFS_IN_BATCH = """
-WHERE r.source_file_id IN (SELECT value FROM json_each(?))
-   OR r.target_id IN (SELECT d.id FROM declarations AS d WHERE d.file_id IN (SELECT value FROM json_each(?)))
+_REFS_FROM_BATCH = _BATCH_REFS.format(where="WHERE r.source_file_id IN (SELECT value FROM json_each(?))")
+_REFS_INTO_BATCH = """
+SELECT r.source_file_id, r.target_id, r.resolution, SUM(r.count)
+FROM declarations AS d
+JOIN refs AS r ON r.target_id = d.id
+WHERE d.file_id IN (SELECT value FROM json_each(?))
+  AND r.source_file_id NOT IN (SELECT value FROM json_each(?))
+GROUP BY r.source_file_id, r.target_id, r.resolution
+ORDER BY r.source_file_id, r.target_id, r.resolution
 """
 
 _BATCH_TARGETS = """
@@ -367,7 +378,10 @@ class PrefetchedIndex:
         # The references from the batch's files and to them, each row read
         # once: put in the order of their sources' paths, which is the order
         # of a page's records.
-        rows = db.query(_BATCH_REFS.format(where="" if whole else _REFS_IN_BATCH), batch * 2)  # the ids twice
+        if whole:
+            rows = db.query(_BATCH_REFS.format(where=""))
+        else:
+            rows = db.query(_REFS_FROM_BATCH, batch) + db.query(_REFS_INTO_BATCH, batch * 2)  # the ids twice
         by_source = _runs(list(map(_first, rows)), rows)
         outside = [source for source in by_source if source not in file_paths]
         if outside:
