@@ -12,9 +12,10 @@ holds indexed files.
 Every round runs, each in a fresh process with that side's host/ and module
 on PYTHONPATH: the earlier commit serially (it has no wiki command: a small
 driver calls its `load_scope_facts` and the same pipeline page by page), this
-tree serially, and this tree with two worker processes (`ground wiki`'s
-own pool, its start included).  Each process grounds every page once to warm
-up and once timed; no files are written.  The best of the rounds counts, and
+tree serially, and this tree with two processes (`ground wiki --jobs 2`:
+the process itself and one worker of its pool, the pool's start included).
+Each process grounds every page once to warm up and once timed; no files
+are written.  The best of the rounds counts, and
 the spread is printed beside it.  The time split sums, over the workers, the
 index's queries, reading and summarising files, and the module's own calls.
 The documents of both sides are compared (all but their first line, the

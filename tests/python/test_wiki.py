@@ -65,26 +65,28 @@ def test_the_same_bytes_for_any_number_of_workers_and_an_index_page_whose_links_
     assert 'p0["(top level)"]' in graph
 
 
-def interrupt_at_second_page(monkeypatch):
-    ground_page, calls = tool.ground_page, []
+def interrupt_at_page(monkeypatch, page):
+    """Ctrl-C at the `page`-th page this process grounds (with workers, it grounds pages too,
+    at least one); forked workers ground theirs undisturbed."""
+    ground_page, calls, here = tool.ground_page, [], os.getpid()
 
     def interrupted(*args):
         calls.append(1)
-        if len(calls) == 2:
+        if len(calls) == page and os.getpid() == here:
             raise KeyboardInterrupt
         return ground_page(*args)
 
     monkeypatch.setattr(tool, "ground_page", interrupted)
 
 
-@pytest.mark.parametrize("before", [False, True])
-def test_an_interrupted_run_leaves_the_previous_wiki_or_none(tree, capsys, monkeypatch, before):
+@pytest.mark.parametrize("before, jobs", [(False, 1), (True, 1), (True, 2)])
+def test_an_interrupted_run_leaves_the_previous_wiki_or_none(tree, capsys, monkeypatch, before, jobs):
     out = tree.parent / "wiki"
     if before:
         assert run(capsys, tree, out)[0] == 0
     previous = snapshot(out) if before else None
-    interrupt_at_second_page(monkeypatch)
-    status, said, err = run(capsys, tree, out, "--jobs", "1")
+    interrupt_at_page(monkeypatch, 2 if jobs == 1 else 1)
+    status, said, err = run(capsys, tree, out, "--jobs", str(jobs))
     kept = f"the previous wiki {out} was kept" if before else "no wiki was written"
     assert (status, said, err) == (130, "", [f"ground: interrupted; {kept}"])
     assert (snapshot(out) if out.exists() else None) == previous

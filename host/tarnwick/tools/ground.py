@@ -331,8 +331,11 @@ def ground(args: argparse.Namespace) -> str:
 def main(argv: list[str] | None = None) -> int:
     argv = sys.argv[1:] if argv is None else argv
     if argv[:1] == ["wiki"]:
-        from tarnwick.tools import wiki
-
+        try:
+            from tarnwick.tools import wiki
+        except KeyboardInterrupt:
+            _say("interrupted")
+            return 130
         return wiki.main(argv[1:])
     if argv[:1] == ["page"]:
         argv = argv[1:]

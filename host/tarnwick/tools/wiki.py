@@ -10,9 +10,9 @@ title, then the paths or glob patterns of its files.
     "Email parsing" = ["email/parser.py", "email/feedparser.py"]
     Storage = ["storage/*.py"]
 
-Pages are grounded in worker processes, each of which opens the index
-read-only once; every page goes through `ground_page`, the function that
-the one-page command prints.  The folder gets `index.md`, which lists every
+Pages are grounded by `--jobs` processes, this one and worker processes
+beside it, each of which opens the index read-only once; every page goes
+through `ground_page`, the function that the one-page command prints.  The folder gets `index.md`, which lists every
 page and draws the strongest uses between pages, and one document per page
 under `pages/`.  Nothing in them changes from run to run: the same index
 gives the same bytes, whatever the number of workers.  The wiki is written
@@ -22,11 +22,14 @@ beside the output folder and moved into place only when complete.
 from __future__ import annotations
 
 import argparse
+import collections
+import contextlib
 import fnmatch
 import functools
 import gc
 import multiprocessing
 import os
+import queue
 import re
 import shutil
 import signal
@@ -131,7 +134,11 @@ def parse_args(argv: list[str]) -> argparse.Namespace:
     parser.add_argument("--out", type=Path, required=True, metavar="DIR", help="folder of the wiki")
     parser.add_argument("--pages", type=Path, metavar="FILE", help="TOML page map (default: one page per folder)")
     parser.add_argument(
-        "--jobs", type=_jobs, default=default_jobs(), metavar="N", help="worker processes (default: one per core)"
+        "--jobs",
+        type=_jobs,
+        default=default_jobs(),
+        metavar="N",
+        help="processes that ground pages, this one and N-1 workers (default: one per core)",
     )
     tool.add_tree_options(parser)
     args = parser.parse_args(argv)
@@ -363,18 +370,12 @@ def batches(tasks: list[tuple[int, str, list[str]]], jobs: int) -> list[list[tup
 def ground_pages(
     index: Path, tree: Path, quota: tool.Quota, tasks: list[tuple[int, str, list[str]]], jobs: int
 ) -> Iterator[Result]:
-    """Ground the pages, in this process with one job, else in `jobs` worker processes; the
-    results come as they are done, a batch at a time.  The largest pages are handed out first."""
-    work = batches(tasks, jobs)
-    if jobs <= 1:
-        worker = Worker(index, tree, quota)
-        restore = worker.patch_siblings()
-        try:
-            for batch in work:
-                yield from worker.ground(batch)
-        finally:
-            restore()
-            worker.close()
+    """Ground the pages in `jobs` processes, this one and `jobs - 1` workers; the results come
+    as they are done, a batch at a time.  The largest pages are handed out first."""
+    work = collections.deque(batches(tasks, jobs))
+    total = len(work)
+    if jobs <= 1 or total <= 1:
+        yield from _ground_here(index, tree, quota, work, total, None)
         return
     # Forked workers start in milliseconds, with the module already imported
     # here; they are forked before this process starts any thread (the
@@ -386,9 +387,73 @@ def ground_pages(
     methods = multiprocessing.get_all_start_methods()
     forkable = "fork" in methods and threading.active_count() == 1
     context = multiprocessing.get_context("fork" if forkable else "spawn")
-    with context.Pool(jobs, _start_worker, (index, tree, quota)) as pool:
-        for results in pool.imap_unordered(_ground_in_worker, work):
+    with _sigint_held():
+        pool = context.Pool(jobs - 1, _start_worker, (index, tree, quota))
+    with pool:
+        # A worker is handed its next batch when it gives one back (in the
+        # pool's thread that collects results); the batches left wait here,
+        # for this process to take between the workers' results.
+        finished: queue.SimpleQueue = queue.SimpleQueue()
+
+        def hand_out(results: list[Result] | None = None) -> None:
+            if results is not None:
+                finished.put(results)
+            try:
+                batch = work.popleft()
+                pool.apply_async(_ground_in_worker, (batch,), callback=hand_out, error_callback=finished.put)
+            except (IndexError, ValueError):  # no batch left, or the pool is closing
+                pass
+
+        for _ in range(jobs - 1):
+            hand_out()
+        yield from _ground_here(index, tree, quota, work, total, finished)
+
+
+@contextlib.contextmanager
+def _sigint_held() -> Iterator[None]:
+    """Ctrl-C waits while the block runs, and processes started in it never see it: a worker
+    ignores it only once its start has run (the parent handles it), and one that died of it
+    before would be replaced behind the parent's back.  Where signals cannot be held, it
+    comes at once."""
+    if not hasattr(signal, "pthread_sigmask"):
+        yield
+        return
+    held = signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT})
+    try:
+        yield
+    finally:
+        signal.pthread_sigmask(signal.SIG_SETMASK, held)
+
+
+def _ground_here(
+    index: Path,
+    tree: Path,
+    quota: tool.Quota,
+    work: collections.deque,
+    total: int,
+    finished: queue.SimpleQueue | None,
+) -> Iterator[Result]:
+    """Ground batches of `work` in this process, and yield the workers' results from
+    `finished` as they come (a worker's error is raised here), until `total` batches are done."""
+    worker = Worker(index, tree, quota)
+    restore = worker.patch_siblings()
+    try:
+        for _ in range(total):
+            results = None
+            if finished is None or finished.empty():
+                try:
+                    results = worker.ground(work.popleft())
+                except IndexError:  # every batch is out: wait for a worker's
+                    pass
+            if results is None:
+                assert finished is not None
+                results = finished.get()
+                if isinstance(results, BaseException):
+                    raise results
             yield from results
+    finally:
+        restore()
+        worker.close()
 
 
 # -- progress ------------------------------------------------------------------
@@ -533,9 +598,9 @@ def write_wiki(args: argparse.Namespace) -> str:
     out = args.out.absolute()
     out.parent.mkdir(parents=True, exist_ok=True)
     partial = out.parent / f".{out.name}.partial-{os.getpid()}"
-    shutil.rmtree(partial, ignore_errors=True)
-    (partial / "pages").mkdir(parents=True)
     try:
+        shutil.rmtree(partial, ignore_errors=True)
+        (partial / "pages").mkdir(parents=True)
         grounded: list[tool.Page | None] = [None] * len(pages)
         split = Split()
         tasks = [(number, title, paths) for number, (title, paths) in enumerate(pages)]
