@@ -6,9 +6,10 @@ from types import SimpleNamespace
 import pytest
 from test_indexer import write_tree
 
+from tarnwick.indexer.index_file import TreeSettings, current_index
 from tarnwick.utils.path_filter import is_test_path
 from tarnwick.workers.wiki import scope_tests
-from tarnwick.workers.wiki.checkout import checkout_reader
+from tarnwick.workers.wiki.checkout import IndexedLines, checkout_reader, indexed_reader, indexed_summary
 from tarnwick.workers.wiki.file_summary import file_summary
 
 
@@ -77,6 +78,52 @@ def test_checkout_reader(tmp_path):
     if os.geteuid() != 0:  # root reads files without permission
         (tmp_path / "latin.py").chmod(0)
         assert read("latin.py") is None
+
+
+def test_the_index_keeps_each_files_line_count_and_summary_and_the_wiki_reads_only_files_changed_since(tmp_path):
+    latin = "# coding: latin-1\n# Caf\u00e9 au lait.\nx = 1\n".encode("latin-1")
+    tree = write_tree(tmp_path / "src", {}, {
+        "pkg/doc.py": b'"""Reads the shop.\n\nMore."""\nX = 1\n', "pkg/latin.py": latin,
+        "pkg/bom.py": b"\xef\xbb\xbf# Keeps the bom.\r\nY = 2\r\n", "pkg/bad.py": b"x = '\xff'\n",
+        "lib/store.c": b"/* Stores things. */\nint store(void) { return 1; }\n", "lib/bad.c": b"int \xff;\n",
+        "cmd/main.go": b"// Package main runs it.\npackage main\n\nfunc main() {}\n"})
+
+    def index():
+        return current_index(tmp_path / "index.sqlite", TreeSettings(tree), log=lambda _: None, progress=None,
+                             workers=1)
+
+    real = checkout_reader(tree)
+
+    def check(db):
+        facts = db.text_facts()
+        assert sorted(path for path, *_ in facts) == sorted(p.relative_to(tree).as_posix() for p in tree.rglob("*.*"))
+        for path, _size, _mtime, count, summary in facts:
+            lines = real(path)
+            assert (count, summary) == ((None, None) if lines is None else (len(lines), file_summary(lines))), path
+        return facts
+
+    with index() as db:
+        check(db)
+    write_tree(tree, {"pkg/doc.py": '"""Reads the shop again, and more."""\n', "lib/store.c": "// Stores.\n"})
+    with index() as db:  # brought up to date: two files read again, the others' facts kept
+        facts = check(db)
+    assert {path: summary for path, *_, summary in facts}["pkg/doc.py"] == "Reads the shop again, and more."
+
+    read, summarise = indexed_reader(tree, facts), indexed_summary(file_summary)
+    for path, *_ in facts:
+        lines, expected = read(path), real(path)
+        assert (type(lines) is IndexedLines) == (expected is not None), path  # an unchanged text comes from the index
+        if expected is not None:
+            assert (len(lines), list(lines), lines[:2], summarise(lines)) == (
+                len(expected), expected, expected[:2], file_summary(expected))
+    # Changed since (a new size, or only a new time), gone, or never indexed: read as they are now.
+    write_tree(tree, {"pkg/doc.py": '"""Changed."""\n', "extra.py": '"""New."""\n'})
+    os.utime(tree / "lib/store.c", ns=(1, 10**9))
+    os.remove(tree / "cmd/main.go")
+    for path in ["pkg/doc.py", "lib/store.c", "extra.py"]:
+        lines = read(path)
+        assert type(lines) is list and lines == real(path) and summarise(lines) == file_summary(lines)
+    assert read("cmd/main.go") is None
 
 
 def ref(source, target, resolution="import", kind="function"):

@@ -54,6 +54,7 @@ from tarnwick.indexer.python_tree import OUTPUT_DIRS, SKIPPED_DIRS, IndexStats, 
 from tarnwick.indexer.resolver import Candidate, family_of, resolve_name
 from tarnwick.storage.database import Database
 from tarnwick.utils.path_filter import is_test_path
+from tarnwick.workers.wiki.checkout import text_facts
 
 PYTHON = "python"
 # Rows gathered before they are written with one statement.
@@ -142,21 +143,23 @@ def _parse_in_worker(item: tuple[str, str]) -> tuple:
 
 
 def parse_file(root: Path, path: str, language: str) -> tuple:
-    """(problem, declarations, uses) of one file: `problem` says why it
+    """(problem, declarations, uses, text) of one file: `problem` says why it
     could not be read (None when it was); `uses` is a tuple of (name,
-    count), every kind of use summed."""
+    count), every kind of use summed; `text` its (lines, summary) as a wiki
+    page shows them, (None, None) when it is no text."""
     try:
         source = (root / path).read_bytes()
     except OSError as error:
-        return f"cannot be read: {error.strerror or error}", (), ()
+        return f"cannot be read: {error.strerror or error}", (), (), (None, None)
+    text = text_facts(path, source)
     try:
         decls, refs = languages.extract(language, path, source)
     except (RecursionError, MemoryError, ValueError) as error:
-        return f"cannot be parsed: {error.__class__.__name__}", (), ()
+        return f"cannot be parsed: {error.__class__.__name__}", (), (), text
     counts: dict[str, int] = {}
     for name, _use, count in refs:
         counts[name] = counts.get(name, 0) + count
-    return None, tuple(tuple(decl) for decl in decls), tuple(counts.items())
+    return None, tuple(tuple(decl) for decl in decls), tuple(counts.items()), text
 
 
 def default_workers() -> int:
@@ -197,7 +200,9 @@ _INSERT_DECL = (
 )
 _INSERT_REF = "INSERT INTO refs (source_file_id, target_id, resolution, count) VALUES (?, ?, ?, ?)"
 _INSERT_USE = "INSERT INTO uses (name, file_id, count) VALUES (?, ?, ?)"
-_INSERT_SOURCE = "INSERT INTO sources (file_id, size, mtime_ns, problem, analysis) VALUES (?, ?, ?, ?, NULL)"
+_INSERT_SOURCE = (
+    "INSERT INTO sources (file_id, size, mtime_ns, problem, analysis, lines, summary) VALUES (?, ?, ?, ?, NULL, ?, ?)"
+)
 
 
 def build(
@@ -247,13 +252,13 @@ def _load(connection: sqlite3.Connection, root: Path, todo: list, stats: IndexSt
     source_rows: list = []
     bar = Progress(progress, len(todo), "parsing")
     items = [(path, entry[0]) for path, entry in todo]
-    for i, (problem, decls, uses) in enumerate(parse_files(root, items, workers)):
+    for i, (problem, decls, uses, text) in enumerate(parse_files(root, items, workers)):
         file_id = first + i
         for name, fqn, kind, start, end, exported, definition in decls:
             decl_rows.append((decl_id, file_id, name, fqn, kind, start, end, int(exported), int(definition)))
             decl_id += 1
         use_rows.extend((name, file_id, count) for name, count in uses)
-        source_rows.append((file_id, *todo[i][1][1:], problem))
+        source_rows.append((file_id, *todo[i][1][1:], problem, *text))
         if problem is not None:
             stats.unparsable[todo[i][0]] = problem
         stats.declarations += len(decls)
@@ -410,7 +415,7 @@ def refresh(
     for path in changed + added:
         language = files[path][0]
         family = family_of(language)
-        problem, decls, _uses = parsed[path]
+        problem, decls, _uses, _text = parsed[path]
         now: dict[str, list[tuple]] = {}
         for decl in sorted(decls, key=lambda d: d[3]):
             now.setdefault(decl[0], []).append(decl)
@@ -452,7 +457,7 @@ def refresh(
     )
     connection.executemany("UPDATE files SET language = ? WHERE id = ?", [(files[p][0], file_ids[p]) for p in changed])
     connection.executemany("DELETE FROM sources WHERE file_id = ?", [(file_ids[p],) for p in changed])
-    connection.executemany(_INSERT_SOURCE, [(file_ids[p], *files[p][1:], parsed[p][0]) for p in todo])
+    connection.executemany(_INSERT_SOURCE, [(file_ids[p], *files[p][1:], parsed[p][0], *parsed[p][3]) for p in todo])
     for path in todo:
         if parsed[path][0] is not None:
             stats.unparsable[path] = parsed[path][0]
@@ -565,8 +570,13 @@ def _copy_rows(source: sqlite3.Connection, target: sqlite3.Connection) -> None:
         ((i + files, path, language) for i, path, language in source.execute("SELECT id, path, language FROM files")),
     )
     target.executemany(
-        "INSERT INTO sources (file_id, size, mtime_ns, problem, analysis) VALUES (?, ?, ?, ?, ?)",
-        ((i + files, *rest) for i, *rest in source.execute("SELECT * FROM sources")),
+        "INSERT INTO sources (file_id, size, mtime_ns, problem, analysis, lines, summary) VALUES (?, ?, ?, ?, ?, ?, ?)",
+        (
+            (i + files, *rest)
+            for i, *rest in source.execute(
+                "SELECT file_id, size, mtime_ns, problem, analysis, lines, summary FROM sources"
+            )
+        ),
     )
     target.executemany(
         "INSERT INTO declarations (id, file_id, name, fqn, kind, start_line, end_line, exported, definition)"

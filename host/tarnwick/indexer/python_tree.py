@@ -123,6 +123,7 @@ from pathlib import Path
 from tarnwick.storage.grounding_queries import NAME_MATCH_KINDS
 from tarnwick.utils.path_filter import is_test_path
 from tarnwick.utils.source_text import python_source_text
+from tarnwick.workers.wiki.checkout import text_facts
 
 LANGUAGE = "python"
 SKIPPED_DIRS = frozenset({"__pycache__", "site-packages", "dist-packages", "node_modules"})
@@ -1226,14 +1227,14 @@ class _Indexer:
 
         self.name_modules(files)
         stored = previous.file_analyses() if previous is not None else {}
-        sources = []  # per file: (size, mtime_ns, problem, analysis)
+        sources = []  # per file: (size, mtime_ns, problem, analysis, lines, summary)
         for index, source in enumerate(files):
             stamp = _stamp(self.root / source.path)
-            problem, analysis, walk = self.walk_of(source, stamp, stored.get(source.path), stats)
+            problem, analysis, walk, text = self.walk_of(source, stamp, stored.get(source.path), stats)
             if problem is not None:
                 stats.unparsable[source.path] = problem
             self.join(index, walk)
-            sources.append((*stamp, problem, analysis))
+            sources.append((*stamp, problem, analysis, *text))
             tick("declared", index + 1)
         self.resolve(lambda done: tick("resolved", done))
         self.write(db, sources)
@@ -1267,18 +1268,19 @@ class _Indexer:
 
     def walk_of(
         self, source: _Source, stamp: tuple[int, int], stored: tuple | None, stats: IndexStats
-    ) -> tuple[str | None, bytes | None, _Walk]:
-        """A file's problem (why it has no declarations), stored analysis and
-        walk: those of the previous index while the file is unchanged, else new."""
+    ) -> tuple[str | None, bytes | None, _Walk, tuple]:
+        """A file's problem (why it has no declarations), stored analysis, walk
+        and (lines, summary): those of the previous index while the file is
+        unchanged, else new."""
         if stored is not None and tuple(stored[:2]) == stamp:
-            problem, analysis = stored[2], stored[3]
+            problem, analysis, text = stored[2], stored[3], tuple(stored[4:6])
             walk = _Walk.load(analysis) if analysis is not None else _Walk(source.module)
             if walk.module == source.module:
                 stats.reused += 1
-                return problem, analysis, walk
+                return problem, analysis, walk, text
         stats.parsed += 1
-        problem, walk = _analyse(self.root / source.path, source)
-        return problem, None if problem is not None else walk.dump(), walk
+        problem, walk, text = _analyse(self.root / source.path, source)
+        return problem, None if problem is not None else walk.dump(), walk, text
 
     def resolve(self, tick) -> None:
         """Follow every use chain of every file, counting references."""
@@ -1307,12 +1309,14 @@ class _Indexer:
         )
 
 
-def _analyse(path: Path, source: _Source) -> tuple[str | None, _Walk]:
+def _analyse(path: Path, source: _Source) -> tuple[str | None, _Walk, tuple]:
     """Read, parse and walk one file: (None, its walk), or (why it cannot
-    be, an empty walk)."""
+    be, an empty walk); then its (lines, summary) as a wiki page shows them."""
+    text: tuple = (None, None)
     try:
-        text = python_source_text(path.read_bytes())
-        return None, _FileWalker(source.module, ast.parse(text, filename=source.path)).walk
+        data = path.read_bytes()
+        text = text_facts(source.path, data)
+        return None, _FileWalker(source.module, ast.parse(python_source_text(data), filename=source.path)).walk, text
     except OSError as error:
         problem = f"cannot be read: {error.strerror or error}"
     except UnicodeDecodeError as error:
@@ -1324,7 +1328,7 @@ def _analyse(path: Path, source: _Source) -> tuple[str | None, _Walk]:
         problem = f"cannot be parsed: {error}"
     except (RecursionError, MemoryError):
         problem = "nested too deeply to parse"
-    return problem, _Walk(source.module)
+    return problem, _Walk(source.module), text
 
 
 def tree_stamps(root, exclude=(), keep=()) -> dict[str, tuple[int, int]]:

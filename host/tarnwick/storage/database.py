@@ -45,7 +45,10 @@ user_version`` is then 3); reopening an existing index leaves its rows alone.
     ``problem`` TEXT: why it yielded no declarations (it could not be read,
     decoded or parsed), NULL when it did;
     ``analysis`` BLOB: the indexer's own record of the file, reused while
-    the file is unchanged; opaque to everyone else.
+    the file is unchanged; opaque to everyone else;
+    ``lines`` INTEGER, ``summary`` TEXT: its number of lines and its
+    summary as a wiki page shows them, read with the file; NULL when it is
+    no text, or was not read.
 
 ``uses``
     ``name`` TEXT, ``file_id`` INTEGER, ``count`` INTEGER > 0: how often a
@@ -115,7 +118,9 @@ CREATE TABLE IF NOT EXISTS sources (
     size     INTEGER NOT NULL,
     mtime_ns INTEGER NOT NULL,
     problem  TEXT,
-    analysis BLOB
+    analysis BLOB,
+    lines    INTEGER,
+    summary  TEXT
 );
 CREATE TABLE IF NOT EXISTS uses (
     name    TEXT NOT NULL,
@@ -273,13 +278,19 @@ class Database:
 
     def add_sources(self, sources: Iterable[Sequence[Any]]) -> None:
         """Record what the indexer saw of files, each
-        ``(file, size, mtime_ns, problem, analysis)``."""
+        ``(file, size, mtime_ns, problem, analysis[, lines, summary])``."""
         rows = [tuple(row) for row in sources]
+        for row in rows:
+            if len(row) not in (5, 7):
+                raise ValueError(
+                    f"a source is (file, size, mtime_ns, problem, analysis[, lines, summary]), got {row!r}"
+                )
         file_ids = self._file_ids(row[0] for row in rows)
         with self.connection:
             self.connection.executemany(
-                "INSERT INTO sources (file_id, size, mtime_ns, problem, analysis) VALUES (?, ?, ?, ?, ?)",
-                [(file_ids[row[0]], *row[1:]) for row in rows],
+                "INSERT INTO sources (file_id, size, mtime_ns, problem, analysis, lines, summary)"
+                " VALUES (?, ?, ?, ?, ?, ?, ?)",
+                [(file_ids[row[0]], *row[1:], *(None, None)[: 7 - len(row)]) for row in rows],
             )
 
     def set_info(self, info: dict[str, str]) -> None:
@@ -317,13 +328,20 @@ class Database:
         )
         return {path: (size, mtime_ns) for path, size, mtime_ns in rows}
 
-    def file_analyses(self) -> dict[str, tuple[int, int, str | None, bytes | None]]:
-        """(size, mtime_ns, problem, analysis) of every file the indexer saw, by path."""
+    def file_analyses(self) -> dict[str, tuple[int, int, str | None, bytes | None, int | None, str | None]]:
+        """(size, mtime_ns, problem, analysis, lines, summary) of every file the indexer saw, by path."""
         rows = self.connection.execute(
-            "SELECT f.path, s.size, s.mtime_ns, s.problem, s.analysis"
+            "SELECT f.path, s.size, s.mtime_ns, s.problem, s.analysis, s.lines, s.summary"
             " FROM sources AS s JOIN files AS f ON f.id = s.file_id"
         )
         return {row[0]: row[1:] for row in rows}
+
+    def text_facts(self) -> list[tuple[str, int, int, int | None, str | None]]:
+        """(path, size, mtime_ns, lines, summary) of every file the indexer read."""
+        return self.connection.execute(
+            "SELECT f.path, s.size, s.mtime_ns, s.lines, s.summary"
+            " FROM sources AS s JOIN files AS f ON f.id = s.file_id"
+        ).fetchall()
 
     # -- lifecycle ---------------------------------------------------------
 

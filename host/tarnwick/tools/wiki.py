@@ -258,7 +258,7 @@ class Worker:
     def __init__(self, index: Path, tree: Path, quota: tool.Quota) -> None:
         import scope
         from tarnwick.storage.database import Database
-        from tarnwick.workers.wiki.checkout import checkout_reader
+        from tarnwick.workers.wiki.checkout import indexed_reader
 
         self.scope = scope
         self.db = Database(index, readonly=True)
@@ -266,18 +266,25 @@ class Worker:
         self.quota = quota
         self.split = Split()
         self.timer = tool.Timer()
-        self.read_lines = _timed(checkout_reader(tree), self.split, "files")
+        # The index read every file it holds as it indexed it, and kept the
+        # line count and summary a page shows: a file unchanged since is not
+        # read again.
+        self.read_lines = _timed(indexed_reader(tree, self.db.text_facts()), self.split, "files")
 
     def patch_siblings(self) -> Callable[[], None]:
         """Time the sibling functions that the module calls through its own
         attributes, and remember `is_test_path`'s answers (it is asked of the
         same source files page after page); returns the function that puts
         the originals back."""
+        from tarnwick.workers.wiki.checkout import indexed_summary
+
         originals = {name: getattr(self.scope, name) for name in (*QUERY_FUNCTIONS, *FILE_FUNCTIONS, "is_test_path")}
         for name, function in originals.items():
             if name == "is_test_path":
                 setattr(self.scope, name, functools.cache(function))
                 continue
+            if name == "file_summary":  # the summaries of unchanged files come from the index
+                function = indexed_summary(function)
             setattr(self.scope, name, _timed(function, self.split, "queries" if name in QUERY_FUNCTIONS else "files"))
 
         def restore() -> None:
