@@ -255,7 +255,7 @@ def file_names(titles: Iterable[str]) -> list[str]:
 class Worker:
     """Grounds pages from one read-only handle on the index; one per worker process."""
 
-    def __init__(self, index: Path, tree: Path, quota: tool.Quota) -> None:
+    def __init__(self, index: Path, tree: Path, quota: tool.Quota, text: list | None = None) -> None:
         import scope
         from tarnwick.storage.database import Database
         from tarnwick.workers.wiki.checkout import indexed_reader
@@ -267,9 +267,10 @@ class Worker:
         self.split = Split()
         self.timer = tool.Timer()
         # The index read every file it holds as it indexed it, and kept the
-        # line count and summary a page shows: a file unchanged since is not
-        # read again.
-        self.read_lines = _timed(indexed_reader(tree, self.db.text_facts()), self.split, "files")
+        # line count and summary a page shows (`text`, when the caller has
+        # them already): a file unchanged since is not read again.
+        text = self.db.text_facts() if text is None else text
+        self.read_lines = _timed(indexed_reader(tree, text), self.split, "files")
 
     def patch_siblings(self) -> Callable[[], None]:
         """Time the sibling functions that the module calls through its own
@@ -341,11 +342,11 @@ def _timed(function: Callable, split: Split, bucket: str) -> Callable:
 _worker: Worker | None = None
 
 
-def _start_worker(index: Path, tree: Path, quota: tool.Quota) -> None:
+def _start_worker(index: Path, tree: Path, quota: tool.Quota, text: list) -> None:
     """A worker process's start: Ctrl-C is the parent's to handle."""
     global _worker
     signal.signal(signal.SIGINT, signal.SIG_IGN)
-    _worker = Worker(index, tree, quota)
+    _worker = Worker(index, tree, quota, text)
     _worker.patch_siblings()  # for the process's whole life
 
 
@@ -382,7 +383,7 @@ def ground_pages(
     work = collections.deque(batches(tasks, jobs))
     total = len(work)
     if jobs <= 1 or total <= 1:
-        yield from _ground_here(index, tree, quota, work, total, None)
+        yield from _ground_here(Worker(index, tree, quota), work, total, None)
         return
     # Forked workers start in milliseconds, with the module already imported
     # here; they are forked before this process starts any thread (the
@@ -390,12 +391,15 @@ def ground_pages(
     # threads (a host that calls this from a threaded program) starts fresh
     # interpreters instead: a fork could copy a lock another thread holds.
     import scope  # noqa: F401
+    from tarnwick.storage.database import Database
 
+    with Database(index, readonly=True) as db:  # read once, for every process
+        text = db.text_facts()
     methods = multiprocessing.get_all_start_methods()
     forkable = "fork" in methods and threading.active_count() == 1
     context = multiprocessing.get_context("fork" if forkable else "spawn")
     with _sigint_held():
-        pool = context.Pool(jobs - 1, _start_worker, (index, tree, quota))
+        pool = context.Pool(jobs - 1, _start_worker, (index, tree, quota, text))
     with pool:
         # A worker is handed its next batch when it gives one back (in the
         # pool's thread that collects results); the batches left wait here,
@@ -413,7 +417,7 @@ def ground_pages(
 
         for _ in range(jobs - 1):
             hand_out()
-        yield from _ground_here(index, tree, quota, work, total, finished)
+        yield from _ground_here(Worker(index, tree, quota, text), work, total, finished)
 
 
 @contextlib.contextmanager
@@ -433,16 +437,11 @@ def _sigint_held() -> Iterator[None]:
 
 
 def _ground_here(
-    index: Path,
-    tree: Path,
-    quota: tool.Quota,
-    work: collections.deque,
-    total: int,
-    finished: queue.SimpleQueue | None,
+    worker: Worker, work: collections.deque, total: int, finished: queue.SimpleQueue | None
 ) -> Iterator[Result]:
-    """Ground batches of `work` in this process, and yield the workers' results from
-    `finished` as they come (a worker's error is raised here), until `total` batches are done."""
-    worker = Worker(index, tree, quota)
+    """Ground batches of `work` with `worker` in this process, and yield the workers' results
+    from `finished` as they come (a worker's error is raised here), until `total` batches are
+    done."""
     restore = worker.patch_siblings()
     try:
         for _ in range(total):
