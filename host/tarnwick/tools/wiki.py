@@ -12,7 +12,9 @@ title, then the paths or glob patterns of its files.
 
 Pages are grounded by `--jobs` processes, this one and worker processes
 beside it, each of which opens the index read-only once; every page goes
-through `ground_page`, the function that the one-page command prints.  The folder gets `index.md`, which lists every
+through `ground_page`, the function that the one-page command prints.
+A file unchanged since it was indexed is not read again: its line count
+and summary are the index's.  The folder gets `index.md`, which lists every
 page and draws the strongest uses between pages, and one document per page
 under `pages/`.  Nothing in them changes from run to run: the same index
 gives the same bytes, whatever the number of workers.  The wiki is written
