@@ -95,7 +95,7 @@ def test_the_index_keeps_each_files_line_count_and_summary_and_the_wiki_reads_on
     real = checkout_reader(tree)
 
     def check(db):
-        facts = db.text_facts()
+        facts = db.file_texts()
         assert sorted(path for path, *_ in facts) == sorted(p.relative_to(tree).as_posix() for p in tree.rglob("*.*"))
         for path, _size, _mtime, count, summary in facts:
             lines = real(path)

@@ -336,7 +336,7 @@ class Database:
         )
         return {row[0]: row[1:] for row in rows}
 
-    def text_facts(self) -> list[tuple[str, int, int, int | None, str | None]]:
+    def file_texts(self) -> list[tuple[str, int, int, int | None, str | None]]:
         """(path, size, mtime_ns, lines, summary) of every file the indexer read."""
         return self.connection.execute(
             "SELECT f.path, s.size, s.mtime_ns, s.lines, s.summary"

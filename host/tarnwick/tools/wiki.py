@@ -271,7 +271,7 @@ class Worker:
         # The index read every file it holds as it indexed it, and kept the
         # line count and summary a page shows (`text`, when the caller has
         # them already): a file unchanged since is not read again.
-        text = self.db.text_facts() if text is None else text
+        text = self.db.file_texts() if text is None else text
         self.read_lines = _timed(indexed_reader(tree, text), self.split, "files")
 
     def patch_siblings(self) -> Callable[[], None]:
@@ -396,7 +396,7 @@ def ground_pages(
     from tarnwick.storage.database import Database
 
     with Database(index, readonly=True) as db:  # read once, for every process
-        text = db.text_facts()
+        text = db.file_texts()
     methods = multiprocessing.get_all_start_methods()
     forkable = "fork" in methods and threading.active_count() == 1
     context = multiprocessing.get_context("fork" if forkable else "spawn")
