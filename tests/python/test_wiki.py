@@ -93,6 +93,23 @@ def test_an_interrupted_run_leaves_the_previous_wiki_or_none(tree, capsys, monke
     assert sorted(os.listdir(tree.parent)) == ["index.sqlite", "src"] + ["wiki"] * before
 
 
+def test_an_error_in_a_worker_reaches_the_caller_as_raised_and_the_previous_wiki_stays(tree, capsys, monkeypatch):
+    out = tree.parent / "wiki"
+    assert run(capsys, tree, out)[0] == 0
+    previous, here, ground = snapshot(out), os.getpid(), wiki.Worker.ground
+
+    def broken(self, batch):
+        if os.getpid() != here:
+            raise LookupError("a worker's own error")
+        return ground(self, batch)
+
+    monkeypatch.setattr(wiki.Worker, "ground", broken)
+    with pytest.raises(LookupError, match="a worker's own error"):
+        run(capsys, tree, out, "--jobs", "2")
+    assert snapshot(out) == previous
+    assert sorted(os.listdir(tree.parent)) == ["index.sqlite", "src", "wiki"]
+
+
 @pytest.mark.parametrize("text, message", [
     (None, "cannot read it: No such file or directory"),
     ("shop = [shop/*.py]\n", "it is no TOML: Invalid value (at line 1"),
