@@ -127,7 +127,10 @@ def indexed_reader(
 
 
 def indexed_summary(summarise: Callable[[Sequence[str]], str]) -> Callable[[Sequence[str]], str]:
-    """``file_summary`` that takes the summary of `IndexedLines` from the index."""
+    """``summarise``, taking the summary of `IndexedLines` from the index when it is the
+    `file_summary` the index used; any other summariser reads the lines themselves."""
+    if summarise is not file_summary:
+        return summarise
 
     def summary(lines: Sequence[str]) -> str:
         return lines.summary if type(lines) is IndexedLines else summarise(lines)
