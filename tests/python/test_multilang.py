@@ -3,6 +3,7 @@ kept current by in-place updates, the same with any number of workers, and groun
 
 import io
 import os
+import threading
 
 import pytest
 from test_indexer import write_tree
@@ -196,12 +197,14 @@ class Terminal(io.StringIO):
 ])
 def test_progress_is_a_bar_on_a_terminal_and_plain_lines_elsewhere(monkeypatch, stream_type, shown):
     monkeypatch.setattr(progress, "EVERY", 0.0)
-    stream = stream_type()
+    stream, threads = stream_type(), set(threading.enumerate())
     bar = progress.Progress(stream, progress.MIN_FILES, "parsing")
     for done in range(1, progress.MIN_FILES + 1):
         bar.update(done)
     bar.close()
     assert all(piece in stream.getvalue() for piece in shown)
+    # No thread stays behind: the wiki's workers are forked only from a process without one.
+    assert set(threading.enumerate()) <= threads
     quiet = io.StringIO()
     progress.Progress(quiet, progress.MIN_FILES - 1, "parsing").close()  # small runs say nothing
     assert quiet.getvalue() == ""

@@ -4,12 +4,27 @@ for a stream of None or for small runs."""
 
 from __future__ import annotations
 
+import functools
 import time
 
 # Runs of fewer files finish before a bar would be worth seeing.
 MIN_FILES = 200
 # Seconds between two plain lines.
 EVERY = 5.0
+
+
+@functools.cache
+def _bar_type() -> type:
+    from tqdm import tqdm
+
+    # tqdm's monitor thread outlives every bar, and a process that runs a
+    # thread starts its workers as fresh interpreters instead of forking them.
+    return type("Bar", (tqdm,), {"monitor_interval": 0})
+
+
+def terminal_bar(**options):
+    """A tqdm progress bar that starts no thread of its own."""
+    return _bar_type()(**options)
 
 
 class Progress:
@@ -27,11 +42,8 @@ class Progress:
         if self.stream is None:
             return
         if self.terminal and self.bar is None:
-            # Made at the first update, once the worker processes are
-            # forked: the bar's own thread must not exist when they are.
-            from tqdm import tqdm
-
-            self.bar = tqdm(
+            # Made at the first update: small runs never show one.
+            self.bar = terminal_bar(
                 total=self.total, desc=self.what, unit=" files", file=self.stream, dynamic_ncols=True, smoothing=0.05
             )
         if self.bar is not None:

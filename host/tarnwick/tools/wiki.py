@@ -44,6 +44,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 from tarnwick.indexer.index_file import IndexingInterrupted, printable
+from tarnwick.indexer.progress import terminal_bar
 from tarnwick.tools import ground as tool
 
 # The title of the page of the files at the top of the tree.
@@ -477,15 +478,13 @@ class Progress:
         self.start = self.last = time.monotonic()
         self.bar = None
         if self.stream.isatty():
+            columns, rows = _size(self.stream)
             try:
-                from tqdm import tqdm
-            except ImportError:
-                pass
-            else:
-                columns, rows = _size(self.stream)
-                self.bar = tqdm(
+                self.bar = terminal_bar(
                     total=total, unit="page", desc="ground", file=self.stream, leave=False, ncols=columns, nrows=rows
                 )
+            except ImportError:
+                pass
 
     def update(self) -> None:
         self.done += 1
