@@ -65,6 +65,18 @@ def test_the_same_bytes_for_any_number_of_workers_and_an_index_page_whose_links_
     assert 'p0["(top level)"]' in graph
 
 
+def test_without_jobs_a_process_per_core_grounds_pages_but_none_for_fewer_files_than_pay(tree, capsys, monkeypatch):
+    asked, ground_pages = [], wiki.ground_pages
+    monkeypatch.setattr(wiki, "ground_pages", lambda *args: asked.append(args[-1]) or ground_pages(*args))
+    monkeypatch.setattr(wiki, "default_jobs", lambda: 8)
+    runs = {(): 1, ("--jobs", "3"): 3, ("--jobs", "9"): 5}  # 6 files, 5 pages
+    for args in runs:
+        assert run(capsys, tree, tree.parent / "wiki", *args)[0] == 0
+    monkeypatch.setattr(wiki, "FILES_PER_JOB", 2)
+    assert run(capsys, tree, tree.parent / "wiki")[0] == 0
+    assert asked == [*runs.values(), 3]
+
+
 def interrupt_at_page(monkeypatch, page):
     """Ctrl-C at the `page`-th page this process grounds (with workers, it grounds pages too,
     at least one); forked workers ground theirs undisturbed."""

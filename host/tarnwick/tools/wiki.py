@@ -56,6 +56,10 @@ MAX_EDGES = 40
 BATCH_FILES = 1000
 # With several workers, batches are made small enough for each to get about this many.
 BATCHES_PER_WORKER = 4
+# Unless --jobs says otherwise, a process per this many files at most: on
+# fewer, a second process costs more than it saves (its start, and the rows
+# that the processes' batches both read).
+FILES_PER_JOB = 200
 # Seconds between two progress lines when stderr is no terminal.
 PROGRESS_EVERY = 3.0
 # The index page's first words, by which a folder is known as a wiki this command wrote.
@@ -139,9 +143,9 @@ def parse_args(argv: list[str]) -> argparse.Namespace:
     parser.add_argument(
         "--jobs",
         type=_jobs,
-        default=default_jobs(),
         metavar="N",
-        help="processes that ground pages, this one and N-1 workers (default: one per core)",
+        help=f"processes that ground pages, this one and N-1 workers (default: one per core, and at most one per "
+        f"{FILES_PER_JOB} files)",
     )
     tool.add_tree_options(parser)
     args = parser.parse_args(argv)
@@ -611,7 +615,8 @@ def write_wiki(args: argparse.Namespace) -> str:
         grounded: list[tool.Page | None] = [None] * len(pages)
         split = Split()
         tasks = [(number, title, paths) for number, (title, paths) in enumerate(pages)]
-        jobs = min(args.jobs, len(pages))
+        files = len({path for _, paths in pages for path in paths})
+        jobs = min(args.jobs or max(1, min(default_jobs(), files // FILES_PER_JOB)), len(pages))
         results = ground_pages(index, args.tree, tool.quota(args), tasks, jobs)
         progress = None
         try:
@@ -634,7 +639,6 @@ def write_wiki(args: argparse.Namespace) -> str:
         shutil.rmtree(partial, ignore_errors=True)
         raise
     seconds = time.perf_counter() - started
-    files = len({path for _, paths in pages for path in paths})
     summed = " summed over the workers" if jobs > 1 else ""
     return (
         f"Wrote the wiki of {tool.plural(len(pages), 'page')} ({tool.plural(files, 'file')}) to "
