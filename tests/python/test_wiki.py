@@ -123,6 +123,16 @@ def test_an_error_in_a_worker_reaches_the_caller_as_raised_and_the_previous_wiki
     assert sorted(os.listdir(tree.parent)) == ["index.sqlite", "src", "wiki"]
 
 
+@pytest.mark.parametrize("jobs", ["1", "2"])
+def test_an_error_met_grounding_a_page_here_is_raised_as_it_was(tree, capsys, monkeypatch, jobs):
+    def broken(*args):
+        raise IndexError("a page's own error")
+
+    monkeypatch.setattr(tool, "ground_page", broken)
+    with pytest.raises(IndexError, match="a page's own error"):
+        run(capsys, tree, tree.parent / "wiki", "--jobs", jobs)
+
+
 @pytest.mark.parametrize("text, message", [
     (None, "cannot read it: No such file or directory"),
     ("shop = [shop/*.py]\n", "it is no TOML: Invalid value (at line 1"),

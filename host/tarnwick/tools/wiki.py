@@ -453,11 +453,13 @@ def _ground_here(
     try:
         for _ in range(total):
             results = None
-            if finished is None or finished.empty():
+            if (finished is None or finished.empty()) and work:
                 try:
-                    results = worker.ground(work.popleft())
-                except IndexError:  # every batch is out: wait for a worker's
-                    pass
+                    batch = work.popleft()
+                except IndexError:  # a worker took the last batch meanwhile: wait for its results
+                    batch = None
+                if batch is not None:
+                    results = worker.ground(batch)
             if results is None:
                 assert finished is not None
                 results = finished.get()
