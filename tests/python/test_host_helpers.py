@@ -4,6 +4,7 @@ import os
 from types import SimpleNamespace
 
 import pytest
+from test_host_queries import assert_kept_rows_are_current
 from test_indexer import write_tree
 
 from tarnwick.indexer.index_file import TreeSettings, current_index
@@ -95,6 +96,7 @@ def test_the_index_keeps_each_files_line_count_and_summary_and_the_wiki_reads_on
     real = checkout_reader(tree)
 
     def check(db):
+        assert_kept_rows_are_current(db.connection)
         facts = db.file_texts()
         assert sorted(path for path, *_ in facts) == sorted(p.relative_to(tree).as_posix() for p in tree.rglob("*.*"))
         for path, _size, _mtime, count, summary in facts:

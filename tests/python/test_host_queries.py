@@ -1,11 +1,13 @@
 """The host's index database, its grounding queries and the import-reach query."""
 
+import marshal
 import random
 import sqlite3
 
 import pytest
 
 import scope
+from tarnwick.storage import file_rows, grounding_queries
 from tarnwick.storage.database import Database
 from tarnwick.storage.grounding_queries import (
     InboundReference,
@@ -22,6 +24,7 @@ from tarnwick.storage.grounding_queries import (
 from tarnwick.workers.wiki.scope_tests import importing_tests
 
 PAGE = ["pkg/b.py", "pkg/a.py", "pkg/missing.py"]
+rows_of = grounding_queries._rows_of
 
 
 @pytest.fixture
@@ -133,11 +136,65 @@ def test_a_file_index_survives_reopening_and_opens_read_only(tmp_path):
 TREE = ["a.py", "pkg/b.py", "pkg/c.py", "pkg/é.py", "pkg/z/d.py", "tests/test_b.py", "tests/test_c.py", "Z.md"]
 
 
-@pytest.mark.parametrize("seed", range(12))
-def test_a_batch_answers_every_page_as_the_index_does(seed):
+def change_rows(rng, db):
+    """A few random changes to the rows, written as any SQLite client would write them."""
+    sql = db.connection.execute
+    files = [row[0] for row in sql("SELECT id FROM files")]
+    for _ in range(rng.randint(1, 4)):
+        decls = [row[0] for row in sql("SELECT id FROM declarations")]
+        refs = [row[0] for row in sql("SELECT id FROM refs")]
+        change = rng.randrange(9)
+        if change == 0 and decls:
+            sql("INSERT INTO refs (source_file_id, target_id, resolution, count) VALUES (?, ?, 'local', 2)",
+                (rng.choice(files), rng.choice(decls)))
+        elif change == 1 and refs:
+            sql("UPDATE refs SET count = count + 1, resolution = 'import' WHERE id = ?", (rng.choice(refs),))
+        elif change == 2 and refs:
+            sql("DELETE FROM refs WHERE id = ?", (rng.choice(refs),))
+        elif change == 3 and decls:
+            sql("UPDATE declarations SET start_line = 0, name = 'moved' WHERE id = ?", (rng.choice(decls),))
+        elif change == 4 and decls:
+            sql("UPDATE declarations SET file_id = ? WHERE id = ?", (rng.choice(files), rng.choice(decls)))
+        elif change == 5:
+            sql("INSERT INTO declarations (file_id, name, fqn, kind, start_line, end_line) VALUES (?, 'new', 'm.new',"
+                " 'function', 2, 3)", (rng.choice(files),))
+        elif change == 6 and len(files) > 1:
+            gone = files.pop(rng.randrange(len(files)))
+            sql("DELETE FROM refs WHERE source_file_id = ? OR target_id IN (SELECT id FROM declarations"
+                " WHERE file_id = ?)", (gone, gone))
+            sql("DELETE FROM declarations WHERE file_id = ?", (gone,))
+            sql("DELETE FROM files WHERE id = ?", (gone,))
+        elif change == 7 and decls:
+            gone = rng.choice(decls)
+            sql("DELETE FROM refs WHERE target_id = ?", (gone,))
+            sql("DELETE FROM declarations WHERE id = ?", (gone,))
+        elif change == 8:  # a file without rows, kept, then gone
+            late = sql("INSERT INTO files (path) VALUES (?)", (f"late{rng.random()}.py",)).lastrowid
+            file_rows.fill(db.connection)
+            sql("DELETE FROM files WHERE id = ?", (late,))
+
+
+def assert_kept_rows_are_current(connection):
+    """Every file of the index has its rows kept, as they would be kept now: no blob outlived its rows."""
+    connection.commit()  # a copy waits for the writer's transaction to end
+    with sqlite3.connect(":memory:") as copy:
+        connection.backup(copy)
+        copy.execute("DELETE FROM file_rows")
+        file_rows.fill(copy)
+        kept, now = ([(file_id, marshal.loads(data)) for file_id, data in db.execute("SELECT * FROM file_rows")]
+                     for db in (connection, copy))
+    assert kept == now
+
+
+@pytest.mark.parametrize("seed", range(16))
+def test_a_batch_answers_every_page_as_the_index_does(seed, monkeypatch):
     """Random trees and batches of pages: overlapping, with paths twice, unknown or unindexed; a page read
-    from the batch gets the records, their order and the facts that the page's own queries give."""
+    from the batch gets the records, their order and the facts that the page's own queries give, whether
+    the index keeps each file's rows or not, after any change to the rows, and with a kept blob damaged."""
     rng = random.Random(seed)
+    kept = seed % 4  # none kept; every file's kept; kept, then rows changed and the missing ones kept again; damaged
+    from_tables = []
+    monkeypatch.setattr(grounding_queries, "_rows_of", lambda *args: from_tables.append(1) or rows_of(*args))
     with Database() as db:
         tree = rng.sample(TREE, rng.randint(3, len(TREE)))
         db.add_files([(path, rng.choice(["python", "go", None])) for path in tree])
@@ -150,7 +207,18 @@ def test_a_batch_answers_every_page_as_the_index_does(seed):
                                 rng.randint(0, 3)) for _ in range(rng.randint(0, 80))])
         pages = [rng.sample(tree + ["nowhere.py"], rng.randint(0, 4)) for _ in range(rng.randint(1, 5))]
         pages.append(pages[0] + pages[0][:1])
+        if kept:
+            assert file_rows.fill(db.connection) == len(tree) and file_rows.fill(db.connection) == 0
+        for _ in range(8 if kept == 2 else 0):
+            change_rows(rng, db)
+            file_rows.fill(db.connection)
+            assert_kept_rows_are_current(db.connection)
+        if kept == 3:
+            db.connection.execute("UPDATE file_rows SET data = ? WHERE file_id = (SELECT MIN(file_id) FROM file_rows)",
+                                  (rng.choice([b"", b"\x00", marshal.dumps((file_rows.LAYOUT + 1,)), b"\xff" * 9]),))
         batch = PrefetchedIndex(db, pages[: rng.randint(1, len(pages))])
+        if kept in (1, 2):
+            assert not from_tables
         for paths in pages:
             files = scope_files(db, paths)
             ids = [f.id for f in files]

@@ -25,12 +25,13 @@ from pathlib import Path
 
 from tarnwick.indexer import engine
 from tarnwick.indexer.python_tree import IndexStats
+from tarnwick.storage import file_rows
 from tarnwick.storage.database import Database
 
 # What the stored analyses depend on: this indexer's format and the
 # interpreter that wrote them. The files' summaries are stored too: a change
 # to `file_summary`, or to how files are read, needs a new format.
-FORMAT = f"tree 4, python-tree 3, Python {sys.version_info.major}.{sys.version_info.minor}"
+FORMAT = f"tree 6, python-tree 3, Python {sys.version_info.major}.{sys.version_info.minor}"
 # SQLite's page cache while an index is written (KiB).
 CACHE_KIB = 256 * 1024
 # How many changed or unindexed files are named before the rest is counted.
@@ -194,6 +195,7 @@ def _build(
                 engine.index_python(db, settings.root, stats, settings.exclude, settings.keep, previous, progress)
             with db.connection:
                 engine.build(db, settings.root, files, stats, workers, progress)
+                file_rows.fill(db.connection)
             db.set_info({**settings.info(), "complete": "yes"})
         _flush(temporary)
         os.replace(temporary, path)
@@ -219,6 +221,7 @@ def _refresh(path: Path, settings: TreeSettings, files: dict, progress, workers:
         try:
             connection.execute("BEGIN IMMEDIATE")
             engine.refresh(db, settings.root, files, stats, settings.exclude, settings.keep, workers, progress)
+            file_rows.fill(connection)
             connection.execute("COMMIT")
         except BaseException as error:
             if connection.in_transaction:

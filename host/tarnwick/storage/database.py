@@ -44,11 +44,17 @@ user_version`` is then 3); reopening an existing index leaves its rows alone.
     modification time in nanoseconds when it was indexed;
     ``problem`` TEXT: why it yielded no declarations (it could not be read,
     decoded or parsed), NULL when it did;
-    ``analysis`` BLOB: the indexer's own record of the file, reused while
-    the file is unchanged; opaque to everyone else;
     ``lines`` INTEGER, ``summary`` TEXT: its number of lines and its
     summary as a wiki page shows them, read with the file; NULL when it is
-    no text, or was not read.
+    no text, or was not read;
+    ``analysis`` BLOB: the indexer's own record of the file, reused while
+    the file is unchanged; opaque to everyone else.
+
+``file_rows``
+    ``file_id`` INTEGER PRIMARY KEY, ``data`` BLOB: a copy of a file's
+    declarations and summed references in one blob, which a wiki reads in
+    one go; dropped by triggers when those rows change (see
+    ``tarnwick.storage.file_rows``).
 
 ``uses``
     ``name`` TEXT, ``file_id`` INTEGER, ``count`` INTEGER > 0: how often a
@@ -75,9 +81,12 @@ from collections.abc import Iterable, Sequence
 from pathlib import Path
 from typing import Any
 
+from tarnwick.storage import file_rows
+
 SCHEMA_VERSION = 3
 
-_SCHEMA = """
+_SCHEMA = (
+    """
 CREATE TABLE IF NOT EXISTS files (
     id       INTEGER PRIMARY KEY,
     path     TEXT NOT NULL UNIQUE,
@@ -118,9 +127,10 @@ CREATE TABLE IF NOT EXISTS sources (
     size     INTEGER NOT NULL,
     mtime_ns INTEGER NOT NULL,
     problem  TEXT,
-    analysis BLOB,
     lines    INTEGER,
-    summary  TEXT
+    summary  TEXT,
+    -- Last: a row's columns are read in order, and this one is large.
+    analysis BLOB
 );
 CREATE TABLE IF NOT EXISTS uses (
     name    TEXT NOT NULL,
@@ -134,6 +144,8 @@ CREATE TABLE IF NOT EXISTS index_info (
     value TEXT NOT NULL
 );
 """
+    + file_rows.SCHEMA
+)
 
 # A file given to the loaders either by its path or by its id.
 FileRef = str | int

@@ -18,6 +18,7 @@ from itertools import chain, compress, repeat
 from operator import attrgetter, itemgetter
 from typing import Any
 
+from tarnwick.storage import file_rows
 from tarnwick.storage.database import Database
 
 # Kinds of attributes and constants: their short names are common enough that
@@ -335,6 +336,37 @@ def _kept(columns: Sequence[Iterable[Any]], keep: list[bool] | None) -> list[Ite
     return list(columns) if keep is None else [compress(column, keep) for column in columns]
 
 
+def _by_source(rows: list[tuple]) -> dict[int, tuple]:
+    """(source, target, resolution, refs) rows in runs of one source, as (targets,
+    resolutions, refs) columns by source."""
+    return {source: tuple(zip(*run, strict=True))[1:] for source, run in _runs(list(map(_first, rows)), rows).items()}
+
+
+def _rows_of(db: Any, whole: bool, batch: tuple[str, ...], file_paths: dict[int, str]) -> tuple[list, dict]:
+    """The declaration records and the references by source, from the index's tables: every
+    table whole, or the rows of the batch (its files' ids, in ``batch``)."""
+    statement = _BATCH_SYMBOLS.format(where="" if whole else _SYMBOLS_IN_BATCH)
+    made = _symbols(db.query(statement, batch), file_paths.__getitem__)
+    if whole:
+        rows = db.query(_BATCH_REFS.format(where=""))
+    else:
+        rows = db.query(_REFS_FROM_BATCH, batch) + db.query(_REFS_INTO_BATCH, batch * 2)  # the ids twice
+    return made, _by_source(rows)
+
+
+def _kept_rows(kept: dict[int, tuple], file_paths: dict[int, str]) -> tuple[list, dict]:
+    """The declaration records and the references by source, from the rows the index keeps
+    for each file read."""
+    files = sorted(kept)
+    rows = list(map(kept.__getitem__, files))
+    columns = [list(chain.from_iterable(map(itemgetter(at), rows))) for at in range(7)]
+    counts = list(map(len, map(_first, rows)))
+    paths = chain.from_iterable(map(repeat, map(file_paths.__getitem__, files), counts))
+    id_, name, fqn, kind, start, end, exported = columns
+    made = _records(ScopeSymbol, len(id_), id_, paths, name, fqn, kind, start, end, exported)
+    return made, {file: kept[file][7:] for file in files if kept[file][7]}
+
+
 class PrefetchedIndex:
     """An open index whose grounding queries for a batch of pages are answered from a few
     bulk reads.
@@ -368,26 +400,28 @@ class PrefetchedIndex:
             batch = (json.dumps(list(path_of)),)
             file_paths = dict(path_of)
 
-        # Every file's declarations, in line order; the records are shared by
-        # the pages and by the references that reach them.
-        statement = _BATCH_SYMBOLS.format(where="" if whole else _SYMBOLS_IN_BATCH)
-        made = _symbols(db.query(statement, batch), file_paths.__getitem__)
+        # Every file's declarations, in line order, and the references from
+        # the files read, summed per (source, target, resolution): from the
+        # rows the index keeps per file when it keeps them for every file read.
+        kept = file_rows.read(db, None if whole else list(path_of))
+        if kept is None:
+            made, by_source = _rows_of(db, whole, batch, file_paths)
+        else:
+            made, by_source = _kept_rows(kept, file_paths)
+            if not whole:  # the references to the batch's declarations from other files
+                by_source.update(_by_source(db.query(_REFS_INTO_BATCH, batch * 2)))  # the ids twice
         symbols: dict[int, ScopeSymbol] = dict(zip(map(_id, made), made, strict=True))
         symbols_of = _runs(list(map(_by_path, made)), made)
 
-        # The references from the batch's files and to them, each row read
-        # once: put in the order of their sources' paths, which is the order
-        # of a page's records.
-        if whole:
-            rows = db.query(_BATCH_REFS.format(where=""))
-        else:
-            rows = db.query(_REFS_FROM_BATCH, batch) + db.query(_REFS_INTO_BATCH, batch * 2)  # the ids twice
-        by_source = _runs(list(map(_first, rows)), rows)
+        # The references put in the order of their sources' paths, which is
+        # the order of a page's records; each row is read once.
         outside = [source for source in by_source if source not in file_paths]
         if outside:
             file_paths.update(db.query(_FILE_PATHS, (json.dumps(outside),)))
         order = sorted(by_source, key=file_paths.__getitem__)
-        source_id, target_id, resolution, refs = _columns(list(chain.from_iterable(map(by_source.get, order))), 4)
+        parts = list(map(by_source.__getitem__, order))
+        source_id = list(chain.from_iterable(map(repeat, order, map(len, map(_first, parts)))))
+        target_id, resolution, refs = (list(chain.from_iterable(map(itemgetter(at), parts))) for at in range(3))
         missing = sorted(set(target_id).difference(symbols))
         if missing:
             more = _symbols(db.query(_BATCH_TARGETS, (json.dumps(missing),)))
@@ -403,6 +437,7 @@ class PrefetchedIndex:
         for held, records in zip(page_files, inbound, strict=True):
             for file in held:
                 pages_of[file.path].append(records)
+        one_page_each = all(len(lists) == 1 for lists in pages_of.values())
         into = list(map(pages_of.get, target_paths))
         keep = None if all(into) else list(map(bool, into))
         columns = _kept(
@@ -411,9 +446,12 @@ class PrefetchedIndex:
         )
         into = list(columns[0])
         made = _records(InboundReference, len(into), *columns[1:])
-        for lists, record in zip(into, made, strict=True):
-            for records in lists:
-                records.append(record)
+        if one_page_each:
+            deque(map(list.append, map(_first, into), made), maxlen=0)
+        else:
+            for lists, record in zip(into, made, strict=True):
+                for records in lists:
+                    records.append(record)
 
         # Outbound records are the references from the batch's files, by source
         # file in (target id, resolution) order; a page's are its files' in path order.

@@ -304,11 +304,18 @@ def _consumer_files(facts) -> tuple[dict[str, int], set[int]]:
     users: dict[str, int] = {}
     used: set[int] = set()
     inside, tests, resolved = facts.paths, facts.test_sources, facts.import_resolved
+    # The rule's answers by what it reads: a page's references take a few
+    # (resolution, kind, resolved) values, asked once each.
+    evidence: dict[tuple[str, str, bool], bool] = {}
     for ref in facts.inbound:
         source = ref.source_path
         if source in inside or source in tests:
             continue
-        if scope.is_use(ref.resolution, ref.target_kind, resolved(ref.target_path)):
+        key = (ref.resolution, ref.target_kind, resolved(ref.target_path))
+        use = evidence.get(key)
+        if use is None:
+            use = evidence[key] = scope.is_use(*key)
+        if use:
             users[source] = users.get(source, 0) + ref.refs
             used.add(ref.target_id)
     return users, used

@@ -1,0 +1,162 @@
+"""Each file's grounding rows, kept in the index in a form that is read in one go.
+
+A wiki grounds every file of a tree, and turning SQLite's rows into Python
+values costs more than anything else it does with them.  So the index also
+keeps, per file, its declarations (in line order) and its references
+summed per (target, resolution), as one ``marshal`` blob of columns in
+``file_rows``, which a reader loads with one call.  They are a copy of what
+``declarations`` and ``refs`` hold, never a source of truth:
+
+- triggers drop a file's blob whenever a row of its declarations or of its
+  references is inserted, changed or deleted, or the file itself goes, so
+  no blob outlives the rows it was made from, whoever writes them;
+- `fill` writes the blobs that are missing (the indexer calls it when it
+  has built or brought up to date an index);
+- readers use blobs only for files that have one, and a blob that does not
+  load as this module wrote it counts as missing.
+"""
+
+from __future__ import annotations
+
+import json
+import marshal
+import sqlite3
+from collections.abc import Iterator, Sequence
+from itertools import groupby
+from operator import itemgetter
+from typing import Any
+
+# The layout of a blob, its first item: a blob of another layout is not read.
+LAYOUT = 1
+# (layout, ids, names, fqns, kinds, start lines, end lines, exported (bool),
+#  target ids, resolutions, summed counts)
+_ITEMS = 11
+# Files whose rows are made at once (bounds the memory `fill` uses).
+CHUNK_FILES = 2000
+
+SCHEMA = """
+CREATE TABLE IF NOT EXISTS file_rows (
+    file_id INTEGER PRIMARY KEY,
+    data    BLOB NOT NULL
+);
+CREATE TRIGGER IF NOT EXISTS file_rows_declaration_added AFTER INSERT ON declarations
+BEGIN DELETE FROM file_rows WHERE file_id = NEW.file_id; END;
+CREATE TRIGGER IF NOT EXISTS file_rows_declaration_changed AFTER UPDATE ON declarations
+BEGIN DELETE FROM file_rows WHERE file_id IN (OLD.file_id, NEW.file_id); END;
+CREATE TRIGGER IF NOT EXISTS file_rows_declaration_gone AFTER DELETE ON declarations
+BEGIN DELETE FROM file_rows WHERE file_id = OLD.file_id; END;
+CREATE TRIGGER IF NOT EXISTS file_rows_reference_added AFTER INSERT ON refs
+BEGIN DELETE FROM file_rows WHERE file_id = NEW.source_file_id; END;
+CREATE TRIGGER IF NOT EXISTS file_rows_reference_changed AFTER UPDATE ON refs
+BEGIN DELETE FROM file_rows WHERE file_id IN (OLD.source_file_id, NEW.source_file_id); END;
+CREATE TRIGGER IF NOT EXISTS file_rows_reference_gone AFTER DELETE ON refs
+BEGIN DELETE FROM file_rows WHERE file_id = OLD.source_file_id; END;
+CREATE TRIGGER IF NOT EXISTS file_rows_file_changed AFTER UPDATE OF id ON files
+BEGIN DELETE FROM file_rows WHERE file_id IN (OLD.id, NEW.id); END;
+CREATE TRIGGER IF NOT EXISTS file_rows_file_gone AFTER DELETE ON files
+BEGIN DELETE FROM file_rows WHERE file_id = OLD.id; END;
+"""
+
+_MISSING = """
+SELECT f.id
+FROM files AS f
+WHERE NOT EXISTS (SELECT 1 FROM file_rows AS r WHERE r.file_id = f.id)
+ORDER BY f.id
+"""
+
+_DECLARATIONS = """
+SELECT d.file_id, d.id, d.name, d.fqn, d.kind, d.start_line, d.end_line, d.exported
+FROM declarations AS d
+WHERE d.file_id IN (SELECT value FROM json_each(?))
+ORDER BY d.file_id, d.start_line, d.id
+"""
+
+_REFERENCES = """
+SELECT r.source_file_id, r.target_id, r.resolution, SUM(r.count)
+FROM refs AS r
+WHERE r.source_file_id IN (SELECT value FROM json_each(?))
+GROUP BY r.source_file_id, r.target_id, r.resolution
+ORDER BY r.source_file_id, r.target_id, r.resolution
+"""
+
+_first = itemgetter(0)
+
+
+def fill(connection: sqlite3.Connection) -> int:
+    """Write the blob of every indexed file that has none; returns how many were written."""
+    missing = [row[0] for row in connection.execute(_MISSING)]
+    for begin in range(0, len(missing), CHUNK_FILES):
+        chunk = missing[begin : begin + CHUNK_FILES]
+        ids = (json.dumps(chunk),)
+        declarations = _by_file(connection.execute(_DECLARATIONS, ids))
+        references = _by_file(connection.execute(_REFERENCES, ids))
+        connection.executemany(
+            "INSERT INTO file_rows (file_id, data) VALUES (?, ?)",
+            ((file_id, _blob(declarations.get(file_id, ()), references.get(file_id, ()))) for file_id in chunk),
+        )
+    return len(missing)
+
+
+def _by_file(rows: Iterator[tuple]) -> dict[int, list[tuple]]:
+    return {file_id: list(group) for file_id, group in groupby(rows, _first)}
+
+
+def _blob(declarations: Sequence[tuple], references: Sequence[tuple]) -> bytes:
+    # Equal strings are made one object, which marshal then writes once: a
+    # reader makes one str per distinct kind, resolution and name of a file.
+    shared: dict[str, str] = {}
+
+    def column(rows: Sequence[tuple], at: int) -> tuple:
+        return tuple(shared.setdefault(row[at], row[at]) if isinstance(row[at], str) else row[at] for row in rows)
+
+    columns = [column(declarations, at) for at in range(1, 7)]
+    columns.append(tuple(bool(row[7]) for row in declarations))
+    columns += [column(references, at) for at in range(1, 4)]
+    return marshal.dumps((LAYOUT, *columns))
+
+
+def read(db: Any, file_ids: Sequence[int] | None) -> dict[int, tuple] | None:
+    """The kept rows of the files with these ids (of every indexed file for None), by id:
+    (ids, names, fqns, kinds, start lines, end lines, exported, target ids, resolutions,
+    summed counts), the declarations in line order and the references in (target,
+    resolution) order.  None when some file has no blob, or the index keeps none."""
+    if not db.query("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'file_rows'"):
+        return None
+    if file_ids is None:
+        rows = db.query("SELECT r.file_id, r.data FROM file_rows AS r JOIN files AS f ON f.id = r.file_id")
+        if len(rows) != db.query("SELECT COUNT(*) FROM files")[0][0]:
+            return None
+    else:
+        rows = db.query(
+            "SELECT file_id, data FROM file_rows WHERE file_id IN (SELECT value FROM json_each(?))",
+            (json.dumps(list(file_ids)),),
+        )
+        if len(rows) != len(set(file_ids)):
+            return None
+    kept: dict[int, tuple] = {}
+    for file_id, data in rows:
+        columns = _loaded(data)
+        if columns is None:
+            return None
+        kept[file_id] = columns
+    return kept
+
+
+def _loaded(data: object) -> tuple | None:
+    """A blob's columns, or None when it is not one this module wrote."""
+    if not isinstance(data, bytes):
+        return None
+    try:
+        loaded = marshal.loads(data)
+    except (EOFError, ValueError, TypeError):
+        return None
+    if type(loaded) is not tuple or len(loaded) != _ITEMS or loaded[0] != LAYOUT:
+        return None
+    columns = loaded[1:]
+    if (
+        set(map(type, columns)) != {tuple}
+        or len(set(map(len, columns[:7]))) != 1
+        or len(set(map(len, columns[7:]))) != 1
+    ):
+        return None
+    return columns
