@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import functools
 import re
 
 # Folders whose contents are tests or test data: pytest/unittest and most
@@ -39,6 +40,8 @@ _TEST_FILE = re.compile(
 )
 
 
+# A wiki asks about the same source files page after page.
+@functools.lru_cache(maxsize=1 << 16)
 def is_test_path(path: str) -> bool:
     """Whether the repository-relative ``path`` ("/"-separated) is a test file.
 
