@@ -268,7 +268,8 @@ WHERE f.path IN (SELECT value FROM json_each(?))
 ORDER BY f.path
 """
 
-# The statements below read a batch's rows.  A batch that holds most of the
+# The statements below read a batch's rows when the index keeps no blob for
+# some of its files.  A batch that holds most of the
 # indexed files (the wiki of a whole tree in one process) reads whole tables,
 # which costs less than finding its rows: the filter ``{where}`` and its
 # parameter are then left out, and the rows it does not need are dropped here.
@@ -371,8 +372,12 @@ class PrefetchedIndex:
     """An open index whose grounding queries for a batch of pages are answered from a few
     bulk reads.
 
-    A wiki grounds every page, so a batch's files are read with one statement
-    per table instead of five per page, and every row becomes a record once.
+    A wiki grounds every page, so a batch's files are read in bulk instead of
+    with five statements per page, and every row becomes a record once: the
+    declarations and the references from the batch's files come from the
+    blobs the index keeps per file (`tarnwick.storage.file_rows`) when every
+    file read has one, else from one statement per table; the references
+    from other files to the batch's declarations come from one statement.
     The queries of this module answer a page of the batch (asked for by its
     paths, or by the ids of its files, as `load_scope_facts` asks) from here,
     with the same records in the same order as a query of the index would
