@@ -34,28 +34,27 @@ _ITEMS = 11
 # Files whose rows are made at once (bounds the memory `fill` uses).
 CHUNK_FILES = 2000
 
+# A blob goes when a row of its file's declarations or references is added,
+# changed or deleted, or when the file itself goes.
+_DROP = "DELETE FROM file_rows WHERE file_id IN ({})"
+_TRIGGERS = [
+    (f"{what}_{event}", f"AFTER {event.upper()} ON {table}", _DROP.format(", ".join(f"{row}.{column}" for row in rows)))
+    for what, table, column in [("declaration", "declarations", "file_id"), ("reference", "refs", "source_file_id")]
+    for event, rows in [("insert", ["NEW"]), ("update", ["OLD", "NEW"]), ("delete", ["OLD"])]
+]
+_TRIGGERS += [
+    ("file_renumbered", "AFTER UPDATE OF id ON files", _DROP.format("OLD.id, NEW.id")),
+    ("file_delete", "AFTER DELETE ON files", _DROP.format("OLD.id")),
+]
+
 SCHEMA = """
 CREATE TABLE IF NOT EXISTS file_rows (
     file_id INTEGER PRIMARY KEY,
     data    BLOB NOT NULL
 );
-CREATE TRIGGER IF NOT EXISTS file_rows_declaration_added AFTER INSERT ON declarations
-BEGIN DELETE FROM file_rows WHERE file_id = NEW.file_id; END;
-CREATE TRIGGER IF NOT EXISTS file_rows_declaration_changed AFTER UPDATE ON declarations
-BEGIN DELETE FROM file_rows WHERE file_id IN (OLD.file_id, NEW.file_id); END;
-CREATE TRIGGER IF NOT EXISTS file_rows_declaration_gone AFTER DELETE ON declarations
-BEGIN DELETE FROM file_rows WHERE file_id = OLD.file_id; END;
-CREATE TRIGGER IF NOT EXISTS file_rows_reference_added AFTER INSERT ON refs
-BEGIN DELETE FROM file_rows WHERE file_id = NEW.source_file_id; END;
-CREATE TRIGGER IF NOT EXISTS file_rows_reference_changed AFTER UPDATE ON refs
-BEGIN DELETE FROM file_rows WHERE file_id IN (OLD.source_file_id, NEW.source_file_id); END;
-CREATE TRIGGER IF NOT EXISTS file_rows_reference_gone AFTER DELETE ON refs
-BEGIN DELETE FROM file_rows WHERE file_id = OLD.source_file_id; END;
-CREATE TRIGGER IF NOT EXISTS file_rows_file_changed AFTER UPDATE OF id ON files
-BEGIN DELETE FROM file_rows WHERE file_id IN (OLD.id, NEW.id); END;
-CREATE TRIGGER IF NOT EXISTS file_rows_file_gone AFTER DELETE ON files
-BEGIN DELETE FROM file_rows WHERE file_id = OLD.id; END;
-"""
+""" + "".join(
+    f"CREATE TRIGGER IF NOT EXISTS file_rows_{name} {when} BEGIN {action}; END;\n" for name, when, action in _TRIGGERS
+)
 
 _MISSING = """
 SELECT f.id
