@@ -21,7 +21,7 @@ from __future__ import annotations
 import json
 import marshal
 import sqlite3
-from collections.abc import Iterator, Sequence
+from collections.abc import Callable, Iterator, Sequence
 from itertools import groupby
 from operator import itemgetter
 from typing import Any
@@ -82,7 +82,11 @@ _first = itemgetter(0)
 
 
 def fill(connection: sqlite3.Connection) -> int:
-    """Write the blob of every indexed file that has none; returns how many were written."""
+    """Write the blob of every indexed file that has none; returns how many were written.
+
+    The rows are read file by file as SQLite gives them, so that no more than
+    one file's rows are held at once (a generated header of the Linux kernel
+    declares 300,000 names)."""
     missing = [row[0] for row in connection.execute(_MISSING)]
     for begin in range(0, len(missing), CHUNK_FILES):
         chunk = missing[begin : begin + CHUNK_FILES]
@@ -91,27 +95,43 @@ def fill(connection: sqlite3.Connection) -> int:
         references = _by_file(connection.execute(_REFERENCES, ids))
         connection.executemany(
             "INSERT INTO file_rows (file_id, data) VALUES (?, ?)",
-            ((file_id, _blob(declarations.get(file_id, ()), references.get(file_id, ()))) for file_id in chunk),
+            ((file_id, _blob(declarations(file_id), references(file_id))) for file_id in chunk),
         )
     return len(missing)
 
 
-def _by_file(rows: Iterator[tuple]) -> dict[int, list[tuple]]:
-    return {file_id: list(group) for file_id, group in groupby(rows, _first)}
+def _by_file(rows: Iterator[tuple]) -> Callable[[int], list[tuple]]:
+    """The rows of each file in turn, from rows in runs by file id, asked for in increasing id order."""
+    runs = groupby(rows, _first)
+    run = next(runs, None)
+
+    def rows_of(file_id: int) -> list[tuple]:
+        nonlocal run
+        if run is None or run[0] != file_id:
+            return []
+        held = list(run[1])
+        run = next(runs, None)
+        return held
+
+    return rows_of
 
 
 def _blob(declarations: Sequence[tuple], references: Sequence[tuple]) -> bytes:
-    # Equal strings are made one object, which marshal then writes once: a
-    # reader makes one str per distinct kind, resolution and name of a file.
+    _, ids, names, fqns, kinds, starts, ends, exported = _columns(declarations, 8)
+    _, targets, resolutions, counts = _columns(references, 4)
+    # Equal names, kinds and resolutions are made one object, which marshal
+    # then writes once: a reader makes one str for each of them.
     shared: dict[str, str] = {}
+    names, kinds, resolutions = (
+        tuple(map(shared.setdefault, column, column)) for column in (names, kinds, resolutions)
+    )
+    return marshal.dumps(
+        (LAYOUT, ids, names, fqns, kinds, starts, ends, tuple(map(bool, exported)), targets, resolutions, counts)
+    )
 
-    def column(rows: Sequence[tuple], at: int) -> tuple:
-        return tuple(shared.setdefault(row[at], row[at]) if isinstance(row[at], str) else row[at] for row in rows)
 
-    columns = [column(declarations, at) for at in range(1, 7)]
-    columns.append(tuple(bool(row[7]) for row in declarations))
-    columns += [column(references, at) for at in range(1, 4)]
-    return marshal.dumps((LAYOUT, *columns))
+def _columns(rows: Sequence[tuple], width: int) -> list[tuple]:
+    return list(zip(*rows, strict=True)) if rows else [()] * width
 
 
 def read(db: Any, file_ids: Sequence[int] | None) -> dict[int, tuple] | None:
