@@ -19,6 +19,7 @@ import json
 import os
 import sqlite3
 import sys
+import time
 from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
@@ -195,7 +196,7 @@ def _build(
                 engine.index_python(db, settings.root, stats, settings.exclude, settings.keep, previous, progress)
             with db.connection:
                 engine.build(db, settings.root, files, stats, workers, progress)
-                file_rows.fill(db.connection)
+                _keep_rows(db.connection, progress)
             db.set_info({**settings.info(), "complete": "yes"})
         _flush(temporary)
         os.replace(temporary, path)
@@ -221,7 +222,7 @@ def _refresh(path: Path, settings: TreeSettings, files: dict, progress, workers:
         try:
             connection.execute("BEGIN IMMEDIATE")
             engine.refresh(db, settings.root, files, stats, settings.exclude, settings.keep, workers, progress)
-            file_rows.fill(connection)
+            _keep_rows(connection, progress)
             connection.execute("COMMIT")
         except BaseException as error:
             if connection.in_transaction:
@@ -234,6 +235,18 @@ def _refresh(path: Path, settings: TreeSettings, files: dict, progress, workers:
                 raise IndexFileError(f"cannot write the index {printable(path)}: {error}") from None
             raise
     return stats
+
+
+def _keep_rows(connection: sqlite3.Connection, progress) -> None:
+    """Keep the rows of the files whose rows changed (all of them in a new index) as the wiki reads them."""
+    started = time.perf_counter()
+    count = file_rows.fill(connection)
+    if progress is not None and count >= engine.MIN_FILES:
+        print(
+            f"kept the rows of {count} files for the wiki in {time.perf_counter() - started:.1f} s",
+            file=progress,
+            flush=True,
+        )
 
 
 def _flush(path: Path) -> None:
