@@ -31,7 +31,7 @@ LAYOUT = 1
 # (layout, ids, names, fqns, kinds, start lines, end lines, exported (bool),
 #  target ids, resolutions, summed counts)
 _ITEMS = 11
-# Files whose rows are made at once (bounds the memory `fill` uses).
+# Files whose rows `fill` asks for with one pair of statements.
 CHUNK_FILES = 2000
 
 # A blob goes when a row of its file's declarations or references is added,
