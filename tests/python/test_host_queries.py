@@ -168,10 +168,12 @@ def change_rows(rng, db):
             gone = rng.choice(decls)
             sql("DELETE FROM refs WHERE target_id = ?", (gone,))
             sql("DELETE FROM declarations WHERE id = ?", (gone,))
-        elif change == 8:  # a file without rows, kept, then gone
-            late = sql("INSERT INTO files (path) VALUES (?)", (f"late{rng.random()}.py",)).lastrowid
+        elif change == 8:  # two files without rows, kept, then one gone and one renumbered
+            gone, moved = (sql("INSERT INTO files (path) VALUES (?)", (f"late{rng.random()}.py",)).lastrowid
+                           for _ in range(2))
             file_rows.fill(db.connection)
-            sql("DELETE FROM files WHERE id = ?", (late,))
+            sql("DELETE FROM files WHERE id = ?", (gone,))
+            sql("UPDATE files SET id = (SELECT MAX(id) + 1 FROM files) WHERE id = ?", (moved,))
 
 
 def assert_kept_rows_are_current(connection):
