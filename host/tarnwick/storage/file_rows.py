@@ -182,7 +182,7 @@ def read(db: Any, file_ids: Sequence[int] | None, inbound: bool = False) -> dict
     resolution) order.  None when some file has no blobs, or the index keeps none."""
     if not db.query("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'file_rows'"):
         return None
-    columns = "r.file_id, r.data, r.inbound" if inbound else "r.file_id, r.data, NULL"
+    columns = "r.file_id, r.data, r.inbound" if inbound else "r.file_id, r.data"
     if file_ids is None:
         rows = db.query(f"SELECT {columns} FROM file_rows AS r JOIN files AS f ON f.id = r.file_id")
         if len(rows) != db.query("SELECT COUNT(*) FROM files")[0][0]:
@@ -195,12 +195,14 @@ def read(db: Any, file_ids: Sequence[int] | None, inbound: bool = False) -> dict
         if len(rows) != len(set(file_ids)):
             return None
     kept: dict[int, tuple] = {}
-    for file_id, data, references in rows:
-        own = _loaded(data, _ITEMS)
-        into = _loaded(references, _INBOUND_ITEMS) if inbound else ()
-        if own is None or into is None:
+    for file_id, data, *references in rows:
+        columns = _loaded(data, _ITEMS)
+        if columns is not None and references:
+            into = _loaded(references[0], _INBOUND_ITEMS)
+            columns = None if into is None else columns + into
+        if columns is None:
             return None
-        kept[file_id] = own + into
+        kept[file_id] = columns
     return kept
 
 
