@@ -32,7 +32,7 @@ from tarnwick.storage.database import Database
 # What the stored analyses depend on: this indexer's format and the
 # interpreter that wrote them. The files' summaries are stored too: a change
 # to `file_summary`, or to how files are read, needs a new format.
-FORMAT = f"tree 7, python-tree 3, Python {sys.version_info.major}.{sys.version_info.minor}"
+FORMAT = f"tree 6, python-tree 3, Python {sys.version_info.major}.{sys.version_info.minor}"
 # SQLite's page cache while an index is written (KiB).
 CACHE_KIB = 256 * 1024
 # How many changed or unindexed files are named before the rest is counted.

@@ -4,16 +4,12 @@ A wiki grounds every file of a tree, and turning SQLite's rows into Python
 values costs more than anything else it does with them.  So the index also
 keeps, per file, its declarations (in line order) and its references
 summed per (target, resolution), as one ``marshal`` blob of columns in
-``file_rows``, which a reader loads with one call; and in a second blob
-the references to its declarations, summed per (source, target,
-resolution), for a batch that needs those from files it does not read.
-They are a copy of what ``declarations`` and ``refs`` hold, never a
-source of truth:
+``file_rows``, which a reader loads with one call.  They are a copy of what
+``declarations`` and ``refs`` hold, never a source of truth:
 
-- triggers drop a file's blobs whenever a row of its declarations, of its
-  references or of the references to its declarations is inserted,
-  changed or deleted, or the file itself goes, so no blob outlives the
-  rows it was made from, whoever writes them;
+- triggers drop a file's blob whenever a row of its declarations or of its
+  references is inserted, changed or deleted, or the file itself goes, so
+  no blob outlives the rows it was made from, whoever writes them;
 - `fill` writes the blobs that are missing (the indexer calls it when it
   has built or brought up to date an index);
 - readers use blobs only for files that have one, and a blob that does not
@@ -33,32 +29,17 @@ from typing import Any
 # The layout of a blob, its first item: a blob of another layout is not read.
 LAYOUT = 1
 # (layout, ids, names, fqns, kinds, start lines, end lines, exported (bool),
-#  target ids, resolutions, summed counts); the inbound blob: (layout,
-#  source file ids, target ids, resolutions, summed counts)
+#  target ids, resolutions, summed counts)
 _ITEMS = 11
-_INBOUND_ITEMS = 5
 # Files whose rows `fill` asks for with one pair of statements.
 CHUNK_FILES = 2000
 
-# A file's blobs go when a row of its declarations, of its references or of
-# the references to its declarations is added, changed or deleted, or when
-# the file itself goes.
+# A blob goes when a row of its file's declarations or references is added,
+# changed or deleted, or when the file itself goes.
 _DROP = "DELETE FROM file_rows WHERE file_id IN ({})"
-
-
-def _reference_files(row: str) -> str:
-    return f"{row}.source_file_id, (SELECT file_id FROM declarations WHERE id = {row}.target_id)"
-
-
 _TRIGGERS = [
-    (f"declaration_{event}", f"AFTER {event.upper()} ON declarations", _DROP.format(", ".join(rows)))
-    for event, rows in [
-        ("insert", ["NEW.file_id"]),
-        ("update", ["OLD.file_id", "NEW.file_id"]),
-        ("delete", ["OLD.file_id"]),
-    ]
-] + [
-    (f"reference_{event}", f"AFTER {event.upper()} ON refs", _DROP.format(", ".join(map(_reference_files, rows))))
+    (f"{what}_{event}", f"AFTER {event.upper()} ON {table}", _DROP.format(", ".join(f"{row}.{column}" for row in rows)))
+    for what, table, column in [("declaration", "declarations", "file_id"), ("reference", "refs", "source_file_id")]
     for event, rows in [("insert", ["NEW"]), ("update", ["OLD", "NEW"]), ("delete", ["OLD"])]
 ]
 _TRIGGERS += [
@@ -69,8 +50,7 @@ _TRIGGERS += [
 SCHEMA = """
 CREATE TABLE IF NOT EXISTS file_rows (
     file_id INTEGER PRIMARY KEY,
-    data    BLOB NOT NULL,
-    inbound BLOB NOT NULL
+    data    BLOB NOT NULL
 );
 """ + "".join(
     f"CREATE TRIGGER IF NOT EXISTS file_rows_{name} {when} BEGIN {action}; END;\n" for name, when, action in _TRIGGERS
@@ -98,15 +78,6 @@ GROUP BY r.source_file_id, r.target_id, r.resolution
 ORDER BY r.source_file_id, r.target_id, r.resolution
 """
 
-_INBOUND = """
-SELECT d.file_id, r.source_file_id, r.target_id, r.resolution, SUM(r.count)
-FROM declarations AS d
-JOIN refs AS r ON r.target_id = d.id
-WHERE d.file_id IN (SELECT value FROM json_each(?))
-GROUP BY d.file_id, r.source_file_id, r.target_id, r.resolution
-ORDER BY d.file_id, r.source_file_id, r.target_id, r.resolution
-"""
-
 _first = itemgetter(0)
 
 
@@ -122,13 +93,9 @@ def fill(connection: sqlite3.Connection) -> int:
         ids = (json.dumps(chunk),)
         declarations = _by_file(connection.execute(_DECLARATIONS, ids))
         references = _by_file(connection.execute(_REFERENCES, ids))
-        inbound = _by_file(connection.execute(_INBOUND, ids))
         connection.executemany(
-            "INSERT INTO file_rows (file_id, data, inbound) VALUES (?, ?, ?)",
-            (
-                (file_id, _blob(declarations(file_id), references(file_id)), _inbound_blob(inbound(file_id)))
-                for file_id in chunk
-            ),
+            "INSERT INTO file_rows (file_id, data) VALUES (?, ?)",
+            ((file_id, _blob(declarations(file_id), references(file_id))) for file_id in chunk),
         )
     return len(missing)
 
@@ -163,63 +130,52 @@ def _blob(declarations: Sequence[tuple], references: Sequence[tuple]) -> bytes:
     )
 
 
-def _inbound_blob(references: Sequence[tuple]) -> bytes:
-    _, sources, targets, resolutions, counts = _columns(references, 5)
-    shared: dict[str, str] = {}
-    return marshal.dumps((LAYOUT, sources, targets, tuple(map(shared.setdefault, resolutions, resolutions)), counts))
-
-
 def _columns(rows: Sequence[tuple], width: int) -> list[tuple]:
     return list(zip(*rows, strict=True)) if rows else [()] * width
 
 
-def read(db: Any, file_ids: Sequence[int] | None, inbound: bool = False) -> dict[int, tuple] | None:
+def read(db: Any, file_ids: Sequence[int] | None) -> dict[int, tuple] | None:
     """The kept rows of the files with these ids (of every indexed file for None), by id:
     (ids, names, fqns, kinds, start lines, end lines, exported, target ids, resolutions,
     summed counts), the declarations in line order and the references in (target,
-    resolution) order; with ``inbound``, then (source file ids, target ids, resolutions,
-    summed counts) of the references to the file's declarations, in (source, target,
-    resolution) order.  None when some file has no blobs, or the index keeps none."""
+    resolution) order.  None when some file has no blob, or the index keeps none."""
     if not db.query("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'file_rows'"):
         return None
-    columns = "r.file_id, r.data, r.inbound" if inbound else "r.file_id, r.data"
     if file_ids is None:
-        rows = db.query(f"SELECT {columns} FROM file_rows AS r JOIN files AS f ON f.id = r.file_id")
+        rows = db.query("SELECT r.file_id, r.data FROM file_rows AS r JOIN files AS f ON f.id = r.file_id")
         if len(rows) != db.query("SELECT COUNT(*) FROM files")[0][0]:
             return None
     else:
         rows = db.query(
-            f"SELECT {columns} FROM file_rows AS r WHERE r.file_id IN (SELECT value FROM json_each(?))",
+            "SELECT file_id, data FROM file_rows WHERE file_id IN (SELECT value FROM json_each(?))",
             (json.dumps(list(file_ids)),),
         )
         if len(rows) != len(set(file_ids)):
             return None
     kept: dict[int, tuple] = {}
-    for file_id, data, *references in rows:
-        columns = _loaded(data, _ITEMS)
-        if columns is not None and references:
-            into = _loaded(references[0], _INBOUND_ITEMS)
-            columns = None if into is None else columns + into
+    for file_id, data in rows:
+        columns = _loaded(data)
         if columns is None:
             return None
         kept[file_id] = columns
     return kept
 
 
-def _loaded(data: object, items: int) -> tuple | None:
-    """A blob's columns, or None when it is not one this module wrote: a tuple of
-    ``items``, the layout first, then tuples of as many items each in each of its groups
-    (the declarations' columns, then the references' ones)."""
+def _loaded(data: object) -> tuple | None:
+    """A blob's columns, or None when it is not one this module wrote."""
     if not isinstance(data, bytes):
         return None
     try:
         loaded = marshal.loads(data)
     except (EOFError, ValueError, TypeError):
         return None
-    if type(loaded) is not tuple or len(loaded) != items or loaded[0] != LAYOUT:
+    if type(loaded) is not tuple or len(loaded) != _ITEMS or loaded[0] != LAYOUT:
         return None
     columns = loaded[1:]
-    groups = (columns[:7], columns[7:]) if items == _ITEMS else (columns,)
-    if set(map(type, columns)) != {tuple} or any(len(set(map(len, group))) != 1 for group in groups):
+    if (
+        set(map(type, columns)) != {tuple}
+        or len(set(map(len, columns[:7]))) != 1
+        or len(set(map(len, columns[7:]))) != 1
+    ):
         return None
     return columns

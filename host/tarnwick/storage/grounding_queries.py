@@ -15,7 +15,7 @@ from collections import Counter, deque
 from collections.abc import Callable, Iterable, Sequence
 from dataclasses import dataclass, fields
 from itertools import chain, compress, repeat
-from operator import attrgetter, itemgetter, not_
+from operator import attrgetter, itemgetter
 from typing import Any
 
 from tarnwick.storage import file_rows
@@ -365,19 +365,7 @@ def _kept_rows(kept: dict[int, tuple], file_paths: dict[int, str]) -> tuple[list
     paths = chain.from_iterable(map(repeat, map(file_paths.__getitem__, files), counts))
     id_, name, fqn, kind, start, end, exported = columns
     made = _records(ScopeSymbol, len(id_), id_, paths, name, fqn, kind, start, end, exported)
-    return made, {file: kept[file][7:10] for file in files if kept[file][7]}
-
-
-def _kept_references_into(kept: dict[int, tuple]) -> dict[int, tuple]:
-    """The references to the declarations of the files read from other files, by source as
-    `_by_source` gives them, from the rows the index keeps for each file read."""
-    rows: list[tuple] = []
-    for columns in kept.values():
-        sources, *rest = columns[10:]
-        outside = list(map(not_, map(kept.__contains__, sources)))
-        rows += zip(*(compress(column, outside) for column in (sources, *rest)), strict=True)
-    rows.sort()  # each file's in (source, target, resolution) order; a source's may come from several
-    return _by_source(rows)
+    return made, {file: kept[file][7:] for file in files if kept[file][7]}
 
 
 class PrefetchedIndex:
@@ -386,10 +374,10 @@ class PrefetchedIndex:
 
     A wiki grounds every page, so a batch's files are read in bulk instead of
     with five statements per page, and every row becomes a record once: the
-    declarations, the references from the batch's files and those from
-    other files to its declarations come from the blobs the index keeps per
-    file (`tarnwick.storage.file_rows`) when every file read has them, else
-    from one statement per table.
+    declarations and the references from the batch's files come from the
+    blobs the index keeps per file (`tarnwick.storage.file_rows`) when every
+    file read has one, else from one statement per table; the references
+    from other files to the batch's declarations come from one statement.
     The queries of this module answer a page of the batch (asked for by its
     paths, or by the ids of its files, as `load_scope_facts` asks) from here,
     with the same records in the same order as a query of the index would
@@ -420,13 +408,13 @@ class PrefetchedIndex:
         # Every file's declarations, in line order, and the references from
         # the files read, summed per (source, target, resolution): from the
         # rows the index keeps per file when it keeps them for every file read.
-        kept = file_rows.read(db, None if whole else list(path_of), inbound=not whole)
+        kept = file_rows.read(db, None if whole else list(path_of))
         if kept is None:
             made, by_source = _rows_of(db, whole, batch, file_paths)
         else:
             made, by_source = _kept_rows(kept, file_paths)
-            if not whole:
-                by_source.update(_kept_references_into(kept))
+            if not whole:  # the references to the batch's declarations from other files
+                by_source.update(_by_source(db.query(_REFS_INTO_BATCH, batch * 2)))  # the ids twice
         symbols: dict[int, ScopeSymbol] = dict(zip(map(_id, made), made, strict=True))
         symbols_of = _runs(list(map(_by_path, made)), made)
 
