@@ -343,29 +343,48 @@ def _by_source(rows: list[tuple]) -> dict[int, tuple]:
     return {source: tuple(zip(*run, strict=True))[1:] for source, run in _runs(list(map(_first, rows)), rows).items()}
 
 
-def _rows_of(db: Any, whole: bool, batch: tuple[str, ...], file_paths: dict[int, str]) -> tuple[list, dict]:
-    """The declaration records and the references by source, from the index's tables: every
-    table whole, or the rows of the batch (its files' ids, in ``batch``)."""
+def _rows_of(db: Any, whole: bool, batch: tuple[str, ...], file_paths: dict[int, str]) -> tuple[dict, dict, dict]:
+    """The declaration records by id and by path, and the references by source, from the
+    index's tables: every table whole, or the rows of the batch (its files' ids, in ``batch``)."""
     statement = _BATCH_SYMBOLS.format(where="" if whole else _SYMBOLS_IN_BATCH)
     made = _symbols(db.query(statement, batch), file_paths.__getitem__)
     if whole:
         rows = db.query(_BATCH_REFS.format(where=""))
     else:
         rows = db.query(_REFS_FROM_BATCH, batch) + db.query(_REFS_INTO_BATCH, batch * 2)  # the ids twice
-    return made, _by_source(rows)
+    symbols = dict(zip(map(_id, made), made, strict=True))
+    return symbols, _runs(list(map(_by_path, made)), made), _by_source(rows)
 
 
-def _kept_rows(kept: dict[int, tuple], file_paths: dict[int, str]) -> tuple[list, dict]:
-    """The declaration records and the references by source, from the rows the index keeps
-    for each file read."""
+def _kept_rows(kept: dict[int, tuple], file_paths: dict[int, str]) -> tuple[dict, dict, dict]:
+    """The declaration records by id and by path, and the references by source, from the rows
+    the index keeps for each file read."""
     files = sorted(kept)
     rows = list(map(kept.__getitem__, files))
     columns = [list(chain.from_iterable(map(itemgetter(at), rows))) for at in range(7)]
     counts = list(map(len, map(_first, rows)))
-    paths = chain.from_iterable(map(repeat, map(file_paths.__getitem__, files), counts))
+    paths = list(map(file_paths.__getitem__, files))
     id_, name, fqn, kind, start, end, exported = columns
-    made = _records(ScopeSymbol, len(id_), id_, paths, name, fqn, kind, start, end, exported)
-    return made, {file: kept[file][7:] for file in files if kept[file][7]}
+    made = _records(
+        ScopeSymbol,
+        len(id_),
+        id_,
+        chain.from_iterable(map(repeat, paths, counts)),
+        name,
+        fqn,
+        kind,
+        start,
+        end,
+        exported,
+    )
+    symbols_of: dict[str, list] = {}
+    begin = 0
+    for path, count in zip(paths, counts, strict=True):
+        if count:
+            symbols_of[path] = made[begin : begin + count]
+            begin += count
+    symbols = dict(zip(id_, made, strict=True))
+    return symbols, symbols_of, {file: kept[file][7:] for file in files if kept[file][7]}
 
 
 class PrefetchedIndex:
@@ -410,13 +429,11 @@ class PrefetchedIndex:
         # rows the index keeps per file when it keeps them for every file read.
         kept = file_rows.read(db, None if whole else list(path_of))
         if kept is None:
-            made, by_source = _rows_of(db, whole, batch, file_paths)
+            symbols, symbols_of, by_source = _rows_of(db, whole, batch, file_paths)
         else:
-            made, by_source = _kept_rows(kept, file_paths)
+            symbols, symbols_of, by_source = _kept_rows(kept, file_paths)
             if not whole:  # the references to the batch's declarations from other files
                 by_source.update(_by_source(db.query(_REFS_INTO_BATCH, batch * 2)))  # the ids twice
-        symbols: dict[int, ScopeSymbol] = dict(zip(map(_id, made), made, strict=True))
-        symbols_of = _runs(list(map(_by_path, made)), made)
 
         # The references put in the order of their sources' paths, which is
         # the order of a page's records; each row is read once.
@@ -427,7 +444,8 @@ class PrefetchedIndex:
         parts = list(map(by_source.__getitem__, order))
         source_id = list(chain.from_iterable(map(repeat, order, map(len, map(_first, parts)))))
         target_id, resolution, refs = (list(chain.from_iterable(map(itemgetter(at), parts))) for at in range(3))
-        missing = sorted(set(target_id).difference(symbols))
+        # Whole tables hold every declaration; a batch's references may reach others.
+        missing = [] if whole else sorted(set(target_id).difference(symbols))
         if missing:
             more = _symbols(db.query(_BATCH_TARGETS, (json.dumps(missing),)))
             symbols.update(zip(map(_id, more), more, strict=True))
