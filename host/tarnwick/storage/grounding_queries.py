@@ -296,15 +296,31 @@ GROUP BY r.source_file_id, r.target_id, r.resolution
 ORDER BY r.source_file_id, r.target_id, r.resolution
 """
 _REFS_FROM_BATCH = _BATCH_REFS.format(where="WHERE r.source_file_id IN (SELECT value FROM json_each(?))")
+# The references from other files to the batch's declarations, found by
+# ranges of declaration ids: a file's declarations are numbered in a run, so
+# a few range scans of the index by target replace one lookup per
+# declaration.  The first parameter holds the [first, last] runs of the
+# batch's declaration ids, the second the batch's file ids.
 _REFS_INTO_BATCH = """
 SELECT r.source_file_id, r.target_id, r.resolution, SUM(r.count)
-FROM declarations AS d
-JOIN refs AS r ON r.target_id = d.id
-WHERE d.file_id IN (SELECT value FROM json_each(?))
-  AND r.source_file_id NOT IN (SELECT value FROM json_each(?))
+FROM json_each(?) AS run
+JOIN refs AS r ON r.target_id BETWEEN json_extract(run.value, '$[0]') AND json_extract(run.value, '$[1]')
+WHERE r.source_file_id NOT IN (SELECT value FROM json_each(?))
 GROUP BY r.source_file_id, r.target_id, r.resolution
 ORDER BY r.source_file_id, r.target_id, r.resolution
 """
+
+
+def _id_runs(ids: Iterable[int]) -> str:
+    """The ids as JSON [first, last] runs of consecutive numbers, each id in exactly one run."""
+    runs: list[list[int]] = []
+    for number in sorted(ids):
+        if runs and runs[-1][1] + 1 == number:
+            runs[-1][1] = number
+        else:
+            runs.append([number, number])
+    return json.dumps(runs)
+
 
 _BATCH_TARGETS = """
 SELECT d.id, f.path, d.name, d.fqn, d.kind, d.start_line, d.end_line, d.exported
@@ -351,7 +367,7 @@ def _rows_of(db: Any, whole: bool, batch: tuple[str, ...], file_paths: dict[int,
     if whole:
         rows = db.query(_BATCH_REFS.format(where=""))
     else:
-        rows = db.query(_REFS_FROM_BATCH, batch) + db.query(_REFS_INTO_BATCH, batch * 2)  # the ids twice
+        rows = db.query(_REFS_FROM_BATCH, batch) + db.query(_REFS_INTO_BATCH, (_id_runs(map(_id, made)), *batch))
     symbols = dict(zip(map(_id, made), made, strict=True))
     return symbols, _runs(list(map(_by_path, made)), made), _by_source(rows)
 
@@ -433,7 +449,7 @@ class PrefetchedIndex:
         else:
             symbols, symbols_of, by_source = _kept_rows(kept, file_paths)
             if not whole:  # the references to the batch's declarations from other files
-                by_source.update(_by_source(db.query(_REFS_INTO_BATCH, batch * 2)))  # the ids twice
+                by_source.update(_by_source(db.query(_REFS_INTO_BATCH, (_id_runs(symbols), *batch))))
 
         # The references put in the order of their sources' paths, which is
         # the order of a page's records; each row is read once.
