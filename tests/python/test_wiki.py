@@ -168,8 +168,37 @@ def test_a_page_map_chooses_titles_and_files_and_an_existing_folder_must_be_a_wi
 def test_pages_are_the_folders_that_hold_files_and_file_names_stay_apart():
     assert wiki.folder_pages(["b/x.py", "a.py", "b/c/y.py", "b/a.py"]) == [
         ("(top level)", ["a.py"]), ("b", ["b/a.py", "b/x.py"]), ("b/c", ["b/c/y.py"])]
-    assert wiki.file_names(["a/b", "a-b", "A_B", "a_b", "..", "(top level)"]) == [
-        "a-b.md", "a-b-2.md", "A_B.md", "a_b-2.md", "page.md", "top-level.md"]
+    assert wiki.file_names(["a/b", "a-b", "A_B", "a_b", "..", "(top level)", "ünï", "ÜNÏ", "数据"]) == [
+        "a-b.md", "a-b-2.md", "A_B.md", "a_b-2.md", "page.md", "top-level.md", "ünï.md", "ÜNÏ-2.md", "数据.md"]
+
+
+def test_paths_and_titles_that_hold_markdown_stay_inside_their_spans_cells_and_lines(tmp_path, capsys):
+    tree = write_tree(tmp_path / "src", {"back`tick/d.py": "def d():\n    return 1\n", "a|b/c.py": "C = 1\n",
+                                         "__init__/e.py": "from d import d\n\nd()\n", "new\nline.py": "x = 1\n",
+                                         "a\\b.py": "y = 2\n"})
+    out = tmp_path / "wiki"
+    assert run(capsys, tree, out)[0] == 0
+    index = (out / "index.md").read_text()
+    rows = [line for line in index.splitlines() if line.startswith("| [")]
+    # Five cells each: no bar but the escaped ones splits a row.
+    assert [len(re.findall(r"(?<!\\)\|", row)) for row in rows] == [6] * 4
+    assert "| [(top level)](pages/top-level.md) | `a\\b.py`, `new line.py` |" in index
+    assert "| [\\_\\_init\\_\\_](pages/__init__.md) |" in index  # no bold "init"
+    assert "| [a\\|b](pages/a-b.md) | `a\\|b/c.py` |" in index
+    assert "| [back\\`tick](pages/back-tick.md) | ``back`tick/d.py`` |" in index
+    page = (out / "pages" / "back-tick.md").read_text()
+    assert "- `d` (function, ``back`tick/d.py:L1-2``)" in page and "- ``back`tick/d.py``: lines 1-2" in page
+    top = (out / "pages" / "top-level.md").read_text()
+    assert top.startswith("# (top level): grounding of 2 files in ") and "- `new line.py`: lines 1-1" in top
+    assert tool.code("`a") == "`` `a ``" and tool.code(" a ") == "`  a  `" and tool.code(" ") == "` `"
+
+
+def test_a_wiki_that_cannot_be_written_is_one_line_and_status_1(tree, capsys):
+    (tree.parent / "file").write_text("")
+    status, said, err = run(capsys, tree, tree.parent / "file" / "wiki")
+    assert (status, said) == (1, "")
+    assert len(err) == 1
+    assert err[0].startswith(f"ground: error: cannot write the wiki {tree.parent / 'file' / 'wiki'}: ")
 
 
 def test_progress_is_a_line_now_and_then_when_stderr_is_no_terminal(monkeypatch):

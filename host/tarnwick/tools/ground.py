@@ -25,6 +25,7 @@ import argparse
 import fnmatch
 import hashlib
 import os
+import re
 import sys
 import textwrap
 import time
@@ -213,6 +214,21 @@ def plural(count: int, word: str) -> str:
     return f"{count} {word}" if count == 1 else f"{count} {word}s"
 
 
+def one_line(text: str) -> str:
+    """`text` with each line break made a space, so that it stays inside one Markdown line."""
+    return " ".join(text.splitlines()) if "\n" in text or "\r" in text else text
+
+
+def code(text: str) -> str:
+    """`text` as a Markdown code span, on one line: fenced by one backtick more than its
+    longest run of backticks, with a space inside the fences where the text would
+    otherwise lose or merge with one (a path may hold backticks)."""
+    text = one_line(text)
+    fence = "`" * (max(map(len, re.findall("`+", text)), default=0) + 1)
+    pad = text[:1] == "`" or text[-1:] == "`" or (text[:1] == text[-1:] == " " and text.strip(" ") != "")
+    return f"{fence} {text} {fence}" if pad else f"{fence}{text}{fence}"
+
+
 class Timer:
     """Sums the time spent in the module's calls."""
 
@@ -274,7 +290,7 @@ def ground_page(db, read_lines, paths: list[str], heading: str, quota: Quota, ti
     users, used = _consumer_files(facts)
     unused = call(scope._unused_outside, facts, used, fan_in)
 
-    out = [f"# {heading}", "", cards, consumers]
+    out = [f"# {one_line(heading)}", "", cards, consumers]
     out += [
         "## Declaration blocks",
         "",
@@ -282,13 +298,16 @@ def ground_page(db, read_lines, paths: list[str], heading: str, quota: Quota, ti
         f"max share {quota.max_share}), every file's best first:",
         "",
     ]
-    out += [f"- `{s.name}` ({s.kind}, `{s.path}:L{s.start_line}-{s.end_line}`)" for s in blocks]
+    out += [f"- {code(s.name)} ({s.kind}, {code(f'{s.path}:L{s.start_line}-{s.end_line}')})" for s in blocks]
     out += ["", "## Seeds", ""]
-    out += [f"- `{path}`: lines {start}-{end}" for path, (start, end) in seeds.items()]
+    out += [f"- {code(path)}: lines {start}-{end}" for path, (start, end) in seeds.items()]
     out += ["", "## Neighbours", "", NEIGHBOURS_NOTE, ""]
-    out += [f"- `{s.fqn}` (`{s.path}`, {s.kind}): {plural(count, 'ref')}" for s, count in closest] or ["None."]
+    out += [f"- {code(s.fqn)} ({code(s.path)}, {s.kind}): {plural(count, 'ref')}" for s, count in closest] or ["None."]
     out += ["", "## Name matches", "", NAME_MATCHES_NOTE, ""]
-    out += [f"- `{source}` -> `{target}`: {plural(count, 'ref')}" for (source, target), count in name_matches.items()]
+    out += [
+        f"- {code(source)} -> {code(target)}: {plural(count, 'ref')}"
+        for (source, target), count in name_matches.items()
+    ]
     if not name_matches:
         out.append("None.")
     out.append("")
@@ -328,7 +347,7 @@ def ground(args: argparse.Namespace) -> str:
     timer = Timer()
     with open_index(args) as db:
         paths = page_paths(db, args.page or DEFAULT_PAGE)
-        heading = f"Grounding of {plural(len(paths), 'file')} in `{printable(args.tree)}`"
+        heading = f"Grounding of {plural(len(paths), 'file')} in {code(printable(args.tree))}"
         page = ground_page(db, checkout_reader(args.tree), paths, heading, quota(args), timer)
     total = sum(timer.spent.values())
     detail = ", ".join(f"{name} {seconds * 1e3:.1f} ms" for name, seconds in timer.spent.items())

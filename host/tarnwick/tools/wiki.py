@@ -246,12 +246,12 @@ def file_names(titles: Iterable[str]) -> list[str]:
     taken: set[str] = set()
     names = []
     for title in titles:
-        base = re.sub(r"[^A-Za-z0-9._-]+", "-", title).strip(".-") or "page"
+        base = re.sub(r"[^\w.-]+", "-", title).strip(".-") or "page"
         name, number = base, 1
-        while name.lower() in taken:
+        while name.casefold() in taken:
             number += 1
             name = f"{base}-{number}"
-        taken.add(name.lower())
+        taken.add(name.casefold())
         names.append(f"{name}.md")
     return names
 
@@ -325,7 +325,7 @@ class Worker:
     def _ground_page(self, db, task: tuple[int, str, list[str]]) -> Result:
         number, title, paths = task
         before = Split(self.split.queries, self.split.files, sum(self.timer.spent.values()))
-        heading = f"{title}: grounding of {tool.plural(len(paths), 'file')} in `{printable(self.tree)}`"
+        heading = f"{title}: grounding of {tool.plural(len(paths), 'file')} in {tool.code(printable(self.tree))}"
         page = tool.ground_page(db, self.read_lines, paths, heading, self.quota, self.timer)
         queries, files = self.split.queries - before.queries, self.split.files - before.files
         module = sum(self.timer.spent.values()) - before.module - queries - files
@@ -542,21 +542,22 @@ def page_uses(pages: list[tuple[str, list[str]]], grounded: list[tool.Page]) -> 
 
 
 def _cell(text: str) -> str:
-    return text.replace("\\", "\\\\").replace("|", "\\|").replace("\n", " ")
+    """`text` inside one table cell: its bars escaped (the table's escape, which holds in code spans too)."""
+    return tool.one_line(text).replace("|", "\\|")
 
 
 def _link_text(text: str) -> str:
-    return re.sub(r"([\[\]\\`*<>])", r"\\\1", text).replace("|", "\\|").replace("\n", " ")
+    return re.sub(r"([\[\]\\`*_<>])", r"\\\1", tool.one_line(text)).replace("|", "\\|")
 
 
 def _label(text: str) -> str:
-    return text.replace('"', "#quot;")
+    return tool.one_line(text).replace('"', "#quot;")
 
 
 def index_page(tree: Path, pages: list[tuple[str, list[str]]], names: list[str], grounded: list[tool.Page]) -> str:
     files = {path for _, paths in pages for path in paths}
     out = [
-        f"{INDEX_TITLE}`{printable(tree)}`",
+        f"{INDEX_TITLE}{tool.code(printable(tree))}",
         "",
         f"{tool.plural(len(pages), 'page')}, {tool.plural(len(files), 'file')}. "
         "Each page links to its grounding: file cards, consumers, declaration blocks, seeds, neighbours "
@@ -567,7 +568,7 @@ def index_page(tree: Path, pages: list[tuple[str, list[str]]], names: list[str],
         "|---|---|---|---|---|",
     ]
     for (title, paths), name, page in zip(pages, names, grounded, strict=True):
-        listed = ", ".join(f"`{_cell(path)}`" for path in paths)
+        listed = ", ".join(_cell(tool.code(path)) for path in paths)
         out.append(
             f"| [{_link_text(title)}](pages/{name}) | {listed} | {page.declarations} | {len(page.consumers)} "
             f"| {page.unused} |"
@@ -609,11 +610,11 @@ def write_wiki(args: argparse.Namespace) -> str:
 
     started = time.perf_counter()  # the index is up to date: from here on, the wiki's own time
     out = args.out.absolute()
-    out.parent.mkdir(parents=True, exist_ok=True)
     partial = out.parent / f".{out.name}.partial-{os.getpid()}"
     try:
-        shutil.rmtree(partial, ignore_errors=True)
-        (partial / "pages").mkdir(parents=True)
+        with _writing(out):
+            shutil.rmtree(partial, ignore_errors=True)
+            (partial / "pages").mkdir(parents=True)
         grounded: list[tool.Page | None] = [None] * len(pages)
         split = Split()
         tasks = [(number, title, paths) for number, (title, paths) in enumerate(pages)]
@@ -627,7 +628,8 @@ def write_wiki(args: argparse.Namespace) -> str:
                     progress = Progress(len(pages))
                 grounded[result.number] = result.page
                 split.add(result.split)
-                (partial / "pages" / names[result.number]).write_text(result.page.document, encoding="utf-8")
+                with _writing(out):
+                    (partial / "pages" / names[result.number]).write_text(result.page.document, encoding="utf-8")
                 result.page.document = ""  # written: keep only the counts
                 progress.update()
         finally:
@@ -635,8 +637,9 @@ def write_wiki(args: argparse.Namespace) -> str:
                 progress.close()
             results.close()  # stops the workers, even when interrupted
         pages_done = [page for page in grounded if page is not None]
-        (partial / "index.md").write_text(index_page(args.tree, pages, names, pages_done), encoding="utf-8")
-        _move_into_place(partial, out)
+        with _writing(out):
+            (partial / "index.md").write_text(index_page(args.tree, pages, names, pages_done), encoding="utf-8")
+            _move_into_place(partial, out)
     except BaseException:
         shutil.rmtree(partial, ignore_errors=True)
         raise
@@ -648,6 +651,15 @@ def write_wiki(args: argparse.Namespace) -> str:
         f"index queries {split.queries:.2f} s, reading files {split.files:.2f} s, "
         f"module calls {split.module:.2f} s{summed}."
     )
+
+
+@contextlib.contextmanager
+def _writing(out: Path) -> Iterator[None]:
+    """An error of the file system while the block writes the wiki says so in one line."""
+    try:
+        yield
+    except OSError as error:
+        raise tool.GroundError(f"cannot write the wiki {printable(out)}: {error}") from None
 
 
 def _move_into_place(partial: Path, out: Path) -> None:
