@@ -317,6 +317,14 @@ def test_module_names_and_resolution(tmp_path, layout, root, expected):
     assert everything(index(write_tree(tmp_path, layout) / root))[1] == expected
 
 
+def test_only_files_are_read_a_named_pipe_or_a_dangling_link_is_left_out(tmp_path):
+    root = write_tree(tmp_path, {"a.py": "def f():\n    pass\n"})
+    os.mkfifo(root / "pipe.py")  # a reader would wait for a writer forever
+    (root / "gone.py").symlink_to(root / "nowhere.py")
+    (root / "alias.py").symlink_to(root / "a.py")
+    assert sorted(everything(index(root))[0]) == ["a.f", "alias.f"]
+
+
 def index(root, **options):
     db = Database()
     index_tree(root, db, progress=None, **options)

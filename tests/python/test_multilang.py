@@ -178,11 +178,14 @@ def test_the_files_of_every_language_and_the_folders_skipped(tmp_path):
         ["a.c", "b.go", "c.ts", "d.py", "e.rs", "f.java", "g.mjs", "h.hpp", "notes.md", "Makefile", ".hidden/x.c",
          "node_modules/m/x.js", "venv/pyvenv.cfg", "venv/lib/x.c", "build/x.c", "sub/build/y.c", "sub/z.test.ts"], ""),
         {os.fsdecode(b"bad\xff.c"): b""})
+    os.mkfifo(tree / "pipe.c")  # a reader would wait for a writer forever
+    (tree / "gone.go").symlink_to(tree / "nowhere.go")
+    (tree / "link.c").symlink_to(tree / "a.c")
     unnamed = []
     found = engine.tree_files(tree, exclude=("sub/*",), keep=("sub/build/*",), unnamed=unnamed)
     assert {path: entry[0] for path, entry in found.items()} == {
         "a.c": "c", "b.go": "go", "c.ts": "typescript", "d.py": "python", "e.rs": "rust", "f.java": "java",
-        "g.mjs": "javascript", "h.hpp": "cpp", "sub/build/y.c": "c"}
+        "g.mjs": "javascript", "h.hpp": "cpp", "link.c": "c", "sub/build/y.c": "c"}
     assert unnamed == [os.fsdecode(b"bad\xff.c")]
 
 

@@ -99,6 +99,11 @@ def tree_files(root: Path, exclude=(), keep=(), unnamed: list[str] | None = None
                 continue
             if language is None:
                 continue
+            try:
+                if not entry.is_file():  # a named pipe would block its reader; a dangling link holds nothing
+                    continue
+            except OSError:
+                continue
             path = relative + name
             if not path.isascii():
                 try:

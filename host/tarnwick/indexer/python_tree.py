@@ -358,8 +358,8 @@ def _python_files(root: Path, exclude=(), keep=(), unnamed=None) -> list[_Source
         package = packages[relative]
         folder = ".".join(prefix + (relative.split("/") if relative else []))
         for name in files:
-            if not name.endswith(".py"):
-                continue
+            if not name.endswith(".py") or not os.path.isfile(os.path.join(directory, name)):
+                continue  # not Python, or no file to read: a named pipe would block its reader
             path = f"{relative}/{name}" if relative else name
             try:
                 path.encode()
