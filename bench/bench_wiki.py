@@ -1,6 +1,7 @@
 """The wiki of the standard library, grounded by this tree and by an earlier commit, side by side.
 
     python3 bench/bench_wiki.py --old 600c772 [--rounds 5]
+    python3 bench/bench_wiki.py --tree DIR [--rounds 5]
 
 The earlier commit's files are taken with `git archive` into
 build/bench-old-<commit>/, and its module is built there in Release, as this
@@ -20,6 +21,13 @@ the spread is printed beside it.  The time split sums, over the workers, the
 index's queries, reading and summarising files, and the module's own calls.
 The documents of both sides are compared (all but their first line, the
 heading, which differs).
+
+With --tree DIR instead of --old, this tree alone grounds the wiki of DIR
+(one page per folder that holds indexed files), serially and with two
+processes, alternating in the same way; the index is build/bench-wiki/
+tree-<hash of DIR>.sqlite.  Trees from the registries serve, such as
+Debian's golang-src (/usr/share/go-1.19/src) or an sdist from the package
+index.
 """
 
 from __future__ import annotations
@@ -59,11 +67,15 @@ def old_checkout(commit: str) -> tuple[str, Path]:
     return sha, folder
 
 
-def start(host: Path, module: Path, index: Path, pages: Path | None, jobs: int) -> subprocess.Popen:
+def start(
+    host: Path, module: Path, index: Path, pages: Path | None, jobs: int, tree: Path | None = None
+) -> subprocess.Popen:
     env = dict(os.environ, PYTHONPATH=f"{module}{os.pathsep}{host}")
     command = [sys.executable, __file__, "--drive", str(index), "--jobs", str(jobs)]
     if pages is not None:
         command += ["--pages", str(pages)]
+    if tree is not None:
+        command += ["--tree", str(tree)]
     return subprocess.Popen(command, env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, cwd=WORK)
 
 
@@ -74,8 +86,8 @@ def finish(process: subprocess.Popen) -> dict:
     return json.loads(out.splitlines()[-1])
 
 
-def drive(host: Path, module: Path, index: Path, pages: Path | None, jobs: int) -> dict:
-    return finish(start(host, module, index, pages, jobs))
+def drive(host: Path, module: Path, index: Path, pages: Path | None, jobs: int, tree: Path | None = None) -> dict:
+    return finish(start(host, module, index, pages, jobs, tree))
 
 
 def drive_pair(host: Path, module: Path, index: Path, pages: Path) -> dict:
@@ -87,10 +99,10 @@ def drive_pair(host: Path, module: Path, index: Path, pages: Path) -> dict:
 # -- the driver, run with one side's host/ and module on the path ------------------------------------------
 
 
-def driver(index: Path, pages_file: Path | None, jobs: int) -> dict:
+def driver(index: Path, pages_file: Path | None, jobs: int, tree: Path | None = None) -> dict:
     from tarnwick.tools import ground
 
-    args = ground.parse_args(["--index", str(index)])
+    args = ground.parse_args(["--index", str(index), *(["--tree", str(tree)] if tree is not None else [])])
     with ground.open_index(args) as db:  # built on the first call, checked afterwards
         indexed = [row[0] for row in db.query("SELECT path FROM files ORDER BY path")]
     if pages_file is None:
@@ -217,16 +229,20 @@ def _summary(seconds: float, cpu: float, queries: float, files: float, module: f
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--old", metavar="COMMIT", help="the earlier commit to compare with")
+    parser.add_argument("--tree", type=Path, help="instead: this tree alone, serially and with 2 workers, on DIR")
     parser.add_argument("--rounds", type=int, default=5, help="rounds; the best counts (default 5)")
     parser.add_argument("--drive", type=Path, help=argparse.SUPPRESS)
     parser.add_argument("--pages", type=Path, help=argparse.SUPPRESS)
     parser.add_argument("--jobs", type=int, default=1, help=argparse.SUPPRESS)
     args = parser.parse_args()
     if args.drive:
-        print(json.dumps(driver(args.drive, args.pages, args.jobs)))
+        print(json.dumps(driver(args.drive, args.pages, args.jobs, args.tree)))
+        return
+    if args.tree is not None:
+        workers_on_tree(args.tree.resolve(), args.rounds)
         return
     if args.old is None:
-        parser.error("the earlier commit (--old COMMIT) is required")
+        parser.error("the earlier commit (--old COMMIT) or a tree (--tree DIR) is required")
 
     WORK.mkdir(parents=True, exist_ok=True)
     sha, old = old_checkout(args.old)
@@ -287,6 +303,43 @@ def main() -> None:
         f"two serial processes at once / one alone: {2 * two_at_once / serial:.2f}x the work done per second "
         "(2.00x when two cores are free)"
     )
+
+
+def workers_on_tree(tree: Path, rounds: int) -> None:
+    """This tree's wiki of `tree`, serially and with two workers, alternating; prints the ratio."""
+    WORK.mkdir(parents=True, exist_ok=True)
+    print("building the module of this tree (Release) ...", file=sys.stderr, flush=True)
+    side = (ROOT / "host", build(ROOT, ROOT / "build" / "rel"))
+    index = WORK / f"tree-{hashlib.sha256(os.fsencode(tree)).hexdigest()[:12]}.sqlite"
+    indexed = drive(*side, index, None, 1, tree)["indexed"]
+    sys.path[:0] = [str(ROOT / "host")]
+    from tarnwick.tools.wiki import folder_pages
+
+    pages = folder_pages(indexed)
+    pages_file = WORK / f"{index.stem}-pages.json"
+    pages_file.write_text(json.dumps(pages))
+    results: dict[int, list[dict]] = {1: [], 2: []}
+    for round_number in range(rounds):
+        for jobs, runs_of in results.items():
+            runs_of.append(drive(*side, index, pages_file, jobs, tree))
+        print(f"round {round_number + 1} of {rounds} done", file=sys.stderr, flush=True)
+    digests = {result["digest"] for runs_of in results.values() for result in runs_of}
+    print(f"The wiki of {tree}: {len(pages)} pages, {len(indexed)} files; best of {rounds} rounds, each")
+    same = "identical" if len(digests) == 1 else "DIFFERENT"
+    print(f"configuration in a fresh process, alternating. Documents {same}.")
+    print()
+    print("| configuration | pages/s (best) | spread over the rounds | seconds | CPU seconds |")
+    print("|---|---|---|---|---|")
+    best = {}
+    for jobs, runs_of in results.items():
+        rates = sorted(len(pages) / run["seconds"] for run in runs_of)
+        top = min(runs_of, key=lambda run: run["seconds"])
+        best[jobs] = rates[-1]
+        label = "serial" if jobs == 1 else f"{jobs} workers"
+        spread = f"{rates[0]:.1f} to {rates[-1]:.1f} (median {statistics.median(rates):.1f})"
+        print(f"| {label} | {rates[-1]:.1f} | {spread} | {top['seconds']:.3f} | {top['cpu']:.3f} |")
+    print()
+    print(f"2 workers / 1 worker: {best[2] / best[1]:.2f}x")
 
 
 if __name__ == "__main__":
