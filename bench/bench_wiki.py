@@ -287,12 +287,9 @@ def main() -> None:
     print("|---|---|---|---|---|---|---|---|")
     best = {}
     for label, runs_of in results.items():
-        rates = sorted(len(pages) / run["seconds"] for run in runs_of)
-        top = min(runs_of, key=lambda run: run["seconds"])
-        best[label] = rates[-1]
-        spread = f"{rates[0]:.1f} to {rates[-1]:.1f} (median {statistics.median(rates):.1f})"
+        best[label], spread, top = _rates(len(pages), runs_of)
         print(
-            f"| {label} | {rates[-1]:.1f} | {spread} | {top['seconds']:.3f} | {top['cpu']:.3f} | "
+            f"| {label} | {best[label]:.1f} | {spread} | {top['seconds']:.3f} | {top['cpu']:.3f} | "
             f"{top['queries']:.3f} | {top['files']:.3f} | {top['module']:.3f} |"
         )
     old_rate, serial, workers, two_at_once = best.values()
@@ -303,6 +300,13 @@ def main() -> None:
         f"two serial processes at once / one alone: {2 * two_at_once / serial:.2f}x the work done per second "
         "(2.00x when two cores are free)"
     )
+
+
+def _rates(pages: int, runs: list[dict]) -> tuple[float, str, dict]:
+    """The best pages a second of the runs, their spread as text, and the fastest run."""
+    rates = sorted(pages / run["seconds"] for run in runs)
+    spread = f"{rates[0]:.1f} to {rates[-1]:.1f} (median {statistics.median(rates):.1f})"
+    return rates[-1], spread, min(runs, key=lambda run: run["seconds"])
 
 
 def workers_on_tree(tree: Path, rounds: int) -> None:
@@ -332,12 +336,9 @@ def workers_on_tree(tree: Path, rounds: int) -> None:
     print("|---|---|---|---|---|")
     best = {}
     for jobs, runs_of in results.items():
-        rates = sorted(len(pages) / run["seconds"] for run in runs_of)
-        top = min(runs_of, key=lambda run: run["seconds"])
-        best[jobs] = rates[-1]
+        best[jobs], spread, top = _rates(len(pages), runs_of)
         label = "serial" if jobs == 1 else f"{jobs} workers"
-        spread = f"{rates[0]:.1f} to {rates[-1]:.1f} (median {statistics.median(rates):.1f})"
-        print(f"| {label} | {rates[-1]:.1f} | {spread} | {top['seconds']:.3f} | {top['cpu']:.3f} |")
+        print(f"| {label} | {best[jobs]:.1f} | {spread} | {top['seconds']:.3f} | {top['cpu']:.3f} |")
     print()
     print(f"2 workers / 1 worker: {best[2] / best[1]:.2f}x")
 
