@@ -170,6 +170,12 @@ def test_pages_are_the_folders_that_hold_files_and_file_names_stay_apart():
         ("(top level)", ["a.py"]), ("b", ["b/a.py", "b/x.py"]), ("b/c", ["b/c/y.py"])]
     assert wiki.file_names(["a/b", "a-b", "A_B", "a_b", "..", "(top level)", "ünï", "ÜNÏ", "数据"]) == [
         "a-b.md", "a-b-2.md", "A_B.md", "a_b-2.md", "page.md", "top-level.md", "ünï.md", "ÜNÏ-2.md", "数据.md"]
+    deep = "/".join(f"segment_{i:02}" for i in range(40))  # 439 characters; a file name holds 255 bytes
+    names = wiki.file_names([deep, deep + "x", "数据/" * 100, deep])
+    assert [len(name.encode()) <= wiki.MAX_NAME_BYTES + 5 for name in names] == [True] * 4
+    assert names[0].startswith("segment_00-segment_01-") and len(set(names)) == 4
+    assert names[3] == names[0][:-3] + "-2.md"
+    assert names == wiki.file_names([deep, deep + "x", "数据/" * 100, deep])
 
 
 def test_paths_and_titles_that_hold_markdown_stay_inside_their_spans_cells_and_lines(tmp_path, capsys):

@@ -29,6 +29,7 @@ import contextlib
 import fnmatch
 import functools
 import gc
+import hashlib
 import multiprocessing
 import os
 import queue
@@ -64,6 +65,8 @@ FILES_PER_JOB = 200
 PROGRESS_EVERY = 3.0
 # The index page's first words, by which a folder is known as a wiki this command wrote.
 INDEX_TITLE = "# Wiki of "
+# Bytes of a page's file name at most before its number and ".md" (file systems allow 255).
+MAX_NAME_BYTES = 120
 
 # The module's sibling functions that query the index, and those that read or
 # summarise files: the time spent in them is told apart from the module's own.
@@ -247,6 +250,10 @@ def file_names(titles: Iterable[str]) -> list[str]:
     names = []
     for title in titles:
         base = re.sub(r"[^\w.-]+", "-", title).strip(".-") or "page"
+        if len(base.encode()) > MAX_NAME_BYTES:  # a folder deep down: its head, and a digest of the whole title
+            digest = hashlib.sha256(title.encode("utf-8", "surrogatepass")).hexdigest()[:12]
+            head = base.encode()[: MAX_NAME_BYTES - len(digest) - 1].decode("utf-8", "ignore")
+            base = f"{head.rstrip('.-')}-{digest}"
         name, number = base, 1
         while name.casefold() in taken:
             number += 1
