@@ -1,6 +1,7 @@
 #include "convert.hpp"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <string>
 #include <tuple>
@@ -86,7 +87,7 @@ struct Pending {
   unsigned field;
   const Field& declared;
   AttributeReader reader;
-  std::string label;  // "ScopeSymbol.kind", for messages
+  const char* label;  // "ScopeSymbol.kind", for messages (see label_of)
   IntColumn ints;
   StrColumn strs;
   std::vector<PyRef> objects;
@@ -101,7 +102,7 @@ void read_row(NativeFacts& native, Pending& column, PyObject* owner, const char*
     PyErr_Clear();  // an absent optional field reads as None
     value = PyRef::borrow(Py_None);
   }
-  const Where where{argument, column.label.c_str()};
+  const Where where{argument, column.label};
   switch (column.declared.cell) {
     case Cell::integer:
       column.ints.push(integer_of(value.get(), where));
@@ -126,6 +127,24 @@ void read_row(NativeFacts& native, Pending& column, PyObject* owner, const char*
       column.objects.push_back(std::move(value));
       break;
   }
+}
+
+// A field's name in messages, "ScopeSymbol.kind" or
+// "OutboundReference.target.id", made once for every walk.
+const char* label_of(TableId id, unsigned field) {
+  static const auto labels = [] {
+    std::array<std::array<std::string, kMaxFields>, kTableCount> made;
+    for (int table = 0; table < kTableCount; ++table) {
+      const Schema& schema = schema_of(static_cast<TableId>(table));
+      for (unsigned at = 0; at < schema.count; ++at) {
+        const Field& declared = schema.fields[at];
+        made[table][at] = std::string(schema.record) + "." + (declared.of_target ? "target." : "") +
+                          std::string(declared.attr);
+      }
+    }
+    return made;
+  }();
+  return labels[id][field].c_str();
 }
 
 // Fetches, as a hint, where a record keeps its attributes apart from itself:
@@ -204,10 +223,8 @@ void read_columns(const ModuleState& state, NativeFacts& native, TableId id, Tab
     const Field& declared = schema.fields[field];
     if (declared.cell == Cell::record && table.has(bit(field))) targets_kept = true;
     if (!(wanted & bit(field))) continue;
-    std::string label =
-        std::string(schema.record) + "." + (declared.of_target ? "target." : "") + std::string(declared.attr);
     columns.push_back(
-        {field, declared, AttributeReader(state.attrs[id][field]), std::move(label), {}, {}, {}, false, {}});
+        {field, declared, AttributeReader(state.attrs[id][field]), label_of(id, field), {}, {}, {}, false, {}});
     if (declared.cell == Cell::record) target = &columns.back();
   }
   const Py_ssize_t rows = PyTuple_GET_SIZE(records);
