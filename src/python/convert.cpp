@@ -138,8 +138,8 @@ const char* label_of(TableId id, unsigned field) {
       const Schema& schema = schema_of(static_cast<TableId>(table));
       for (unsigned at = 0; at < schema.count; ++at) {
         const Field& declared = schema.fields[at];
-        made[table][at] = std::string(schema.record) + "." + (declared.of_target ? "target." : "") +
-                          std::string(declared.attr);
+        made[table][at] =
+            std::string(schema.record) + "." + (declared.of_target ? "target." : "") + std::string(declared.attr);
       }
     }
     return made;

@@ -98,6 +98,7 @@ int facts_traverse(PyObject* self, visitproc visit, void* arg) {
       if (!PyUnicode_CheckExact(text.get())) Py_VISIT(text.get());  // a plain str refers to nothing
     for (const PyRef& target : native->targets) Py_VISIT(target.get());
     for (const FanInCache& cached : native->fan_ins) Py_VISIT(cached.entry.get());
+    for (const PyRef& set : native->kept_vocab.sets) Py_VISIT(set.get());
     for (const UnreadFields& table : native->unread)
       for (const Unread& unread : table.unread) {
         Py_VISIT(unread.error.get());

@@ -79,6 +79,21 @@ struct KeptFor {
   Vocab vocab;
 };
 
+// The vocabulary last asked of the module's sets, with the sets it was
+// asked of (null: not looked up, for want of texts to ask about) and how
+// many kinds and resolutions the view had then; kept only when every set
+// was an exact frozenset of exact strs and every text an exact str, so that
+// the same sets give the same answers (see vocab_for).
+struct KeptVocab {
+  static constexpr std::size_t kSets = 5;
+  static constexpr Name kNames[kSets] = {kNameMatchKinds, kTypeKinds, kCallableKinds, kEvidenceResolutions, kTrusted};
+  static constexpr std::uint16_t kBits[kSets] = {vocab_bit::name_match, vocab_bit::type, vocab_bit::callable,
+                                                 vocab_bit::evidence, vocab_bit::trusted};
+  std::array<PyRef, kSets> sets;
+  std::size_t kinds = 0, resolutions = 0;
+  std::shared_ptr<const Vocab> vocab;
+};
+
 struct NativeFacts {
   FactsView view;
   std::vector<PyRef> strings;     // the str object of each StrId (the first one seen)
@@ -102,6 +117,7 @@ struct NativeFacts {
   std::vector<std::pair<PyObject*, StrId>> seen;  // see intern(): a large one dropped after a walk
 
   std::vector<FanInCache> fan_ins;  // most recent first
+  KeptVocab kept_vocab;
   // Counts over the references that depend on the columns and one vocabulary.
   KeptFor<FileUsers> users;
   KeptFor<FanInCounts> fan_in_counts;

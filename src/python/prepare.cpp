@@ -1,6 +1,7 @@
 #include "prepare.hpp"
 
 #include <algorithm>
+#include <array>
 #include <tuple>
 
 namespace scope::py {
@@ -91,28 +92,72 @@ void keep(NativeFacts& native, FanInCache cached) {
 
 }  // namespace
 
-Vocab vocab_for(PyObject* module, const ModuleState& state, const NativeFacts& native) {
+namespace {
+
+// Whether asking `set` for a text can run no host code and never changes
+// its answer: an exact frozenset of exact strs. Iterating a frozenset runs
+// no host code either.
+bool pure_set(PyObject* set) {
+  if (!PyFrozenSet_CheckExact(set)) return false;
+  PyRef iterator = check(PyObject_GetIter(set));
+  while (PyRef member = PyRef::steal(PyIter_Next(iterator.get())))
+    if (!PyUnicode_CheckExact(member.get())) return false;
+  return true;
+}
+
+}  // namespace
+
+Vocab vocab_for(PyObject* module, const ModuleState& state, NativeFacts& native) {
   // Copies: asking a host set may convert more of the same facts meanwhile.
   const std::vector<StrId> kinds = native.view.kind_ids, resolutions = native.view.resolution_ids;
+  // The sets are looked up, and asked, as each group of texts needs them.
+  // Asking a pure set (see pure_set) for an exact str runs no host code and
+  // cannot fail, so such asking waits until the kept vocabulary is known not
+  // to serve: it serves while the same objects are bound to every set looked
+  // up (it holds them) and no kind or resolution was added since.
+  KeptVocab& kept = native.kept_vocab;
+  std::array<PyRef, KeptVocab::kSets> sets;
+  bool pure = true;
   Vocab vocab;
-  auto ask = [&](const std::vector<StrId>& ids, std::initializer_list<std::pair<Name, std::uint16_t>> sets) {
-    if (ids.empty()) return;
-    std::vector<std::tuple<PyRef, std::uint16_t, Name>> bound;
-    for (auto [name, which] : sets) bound.emplace_back(module_attr(module, state, name), which, name);
+  auto ask = [&](const std::vector<StrId>& ids, std::size_t first, std::size_t count) {
     for (StrId id : ids) {
       PyRef text = native.string(id);  // held while the host's sets are asked
-      for (const auto& [set, which, name] : bound)
-        if (contains(set.get(), text.get(), module_set(name))) vocab.set(id, which);
+      for (std::size_t at = first; at < first + count; ++at)
+        if (contains(sets[at].get(), text.get(), module_set(KeptVocab::kNames[at])))
+          vocab.set(id, KeptVocab::kBits[at]);
       vocab.set_literals(native.view.pool, id);
     }
   };
-  ask(kinds,
-      {{kNameMatchKinds, vocab_bit::name_match}, {kTypeKinds, vocab_bit::type}, {kCallableKinds, vocab_bit::callable}});
-  ask(resolutions, {{kEvidenceResolutions, vocab_bit::evidence}, {kTrusted, vocab_bit::trusted}});
+  auto group = [&](const std::vector<StrId>& ids, std::size_t first, std::size_t count) {
+    if (ids.empty()) return false;
+    bool waits = pure;
+    for (std::size_t at = first; at < first + count; ++at) {
+      sets[at] = module_attr(module, state, KeptVocab::kNames[at]);
+      // A set kept is pure; another is looked at.
+      if (waits && !(kept.vocab && sets[at].get() == kept.sets[at].get())) waits = pure_set(sets[at].get());
+    }
+    // The texts counted when the vocabulary was kept were exact strs then and are the same now.
+    const std::size_t known = kept.vocab ? (first == 0 ? kept.kinds : kept.resolutions) : 0;
+    if (waits && ids.size() != known)
+      waits =
+          std::all_of(ids.begin(), ids.end(), [&](StrId id) { return PyUnicode_CheckExact(native.string(id).get()); });
+    pure = waits;
+    if (!waits) ask(ids, first, count);
+    return waits;
+  };
+  const bool kinds_wait = group(kinds, 0, 3);
+  const bool resolutions_wait = group(resolutions, 3, 2);
+  if (pure && kept.vocab && kept.kinds == kinds.size() && kept.resolutions == resolutions.size() &&
+      std::equal(sets.begin(), sets.end(), kept.sets.begin(),
+                 [](const PyRef& a, const PyRef& b) { return a.get() == b.get(); }))
+    return *kept.vocab;
+  if (kinds_wait) ask(kinds, 0, 3);
+  if (resolutions_wait) ask(resolutions, 3, 2);
   // Cover every kind and resolution, with bits or without.
   for (const std::vector<StrId>* ids : {&kinds, &resolutions})
     for (StrId id : *ids)
       if (index(id) >= vocab.bits.size()) vocab.bits.resize(index(id) + 1, 0);
+  if (pure) kept = {std::move(sets), kinds.size(), resolutions.size(), std::make_shared<const Vocab>(vocab)};
   return vocab;
 }
 

@@ -15,7 +15,7 @@ namespace scope::py {
 
 // The kind and resolution strings of the view, asked of the module's sets
 // as they are bound now.
-Vocab vocab_for(PyObject* module, const ModuleState& state, const NativeFacts& native);
+Vocab vocab_for(PyObject* module, const ModuleState& state, NativeFacts& native);
 
 class Prepared {
  public:

@@ -334,6 +334,42 @@ def test_data_derived_under_sets_rebound_meanwhile_is_never_filed_under_the_call
         assert norm(getattr(scope, name)(facts, *args)) == norm(getattr(scope, name)(fresh, *args)), name
 
 
+def test_a_set_that_can_change_or_asks_host_code_is_asked_again_by_every_call(monkeypatch):
+    facts = make_facts(*VOCABULARY_PAGE)  # app/x.py imports lib/a.py's run
+    evidence = set(scope.EVIDENCE_RESOLUTIONS)
+    monkeypatch.setattr(scope, "EVIDENCE_RESOLUTIONS", evidence)
+    assert scope.file_users(facts) == {"lib/a.py": {"app/x.py": 1}}
+    evidence.clear()  # the same set, changed in place
+    assert scope.file_users(facts) == {}
+
+    class Resolution(str):  # a member whose equality is host code
+        __hash__ = str.__hash__
+        asked = 0
+
+        def __eq__(self, other):
+            Resolution.asked += 1
+            return str.__eq__(self, other)
+
+    monkeypatch.setattr(scope, "EVIDENCE_RESOLUTIONS", frozenset({Resolution("import")}))
+    for _ in range(3):
+        assert scope.file_users(facts) == {"lib/a.py": {"app/x.py": 1}}
+    assert Resolution.asked == 3
+
+    monkeypatch.undo()  # the module's own sets again
+
+    class Kind(str):  # a kind whose hash is host code
+        hashed = 0
+
+        def __hash__(self):
+            Kind.hashed += 1
+            return str.__hash__(self)
+
+    run = sym(1, "lib/a.py", "run", Kind("function"), end=3)
+    facts = make_facts(["lib/a.py"], [run], [inref("app/x.py", run)])
+    hashed = [(scope.production_fan_in(facts), Kind.hashed)[1] for _ in range(3)]
+    assert hashed[0] > 0 and hashed == [hashed[0], 2 * hashed[0], 3 * hashed[0]]
+
+
 def test_a_cycle_through_the_objects_the_view_holds_is_collected():
     class Path(str):
         pass
