@@ -171,7 +171,8 @@ PyRef rank_key_body(Call& c) {
   // Membership in the module's kind sets, looked up now: the host may rebind them.
   const bool type_or_callable = contains(c.module_attr(kCallableKinds).get(), kind.get(), module_set(kCallableKinds)) ||
                                 contains(c.module_attr(kTypeKinds).get(), kind.get(), module_set(kTypeKinds));
-  PyRef key = new_int(id_value);
+  // The fan-in is asked with a plain int: the record's own when it is one.
+  PyRef key = PyLong_CheckExact(id.get()) ? id : new_int(id_value);
   const std::int64_t outside = count_of(fan_in, c.state.names[kOutside], key.get(), "outside value");
   const std::int64_t inside = count_of(fan_in, c.state.names[kInside], key.get(), "inside value");
   const bool api = is_api([&] { return outside > 0; },
