@@ -223,6 +223,8 @@ def code(text: str) -> str:
     """`text` as a Markdown code span, on one line: fenced by one backtick more than its
     longest run of backticks, with a space inside the fences where the text would
     otherwise lose or merge with one (a path may hold backticks)."""
+    if "`" not in text and "\n" not in text and "\r" not in text and not (text[:1] == text[-1:] == " "):
+        return f"`{text}`"  # the common case
     text = one_line(text)
     fence = "`" * (max(map(len, re.findall("`+", text)), default=0) + 1)
     pad = text[:1] == "`" or text[-1:] == "`" or (text[:1] == text[-1:] == " " and text.strip(" ") != "")
