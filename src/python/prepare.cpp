@@ -90,10 +90,6 @@ void keep(NativeFacts& native, FanInCache cached) {
   if (native.fan_ins.size() > kFanInsKept) native.fan_ins.pop_back();
 }
 
-}  // namespace
-
-namespace {
-
 // Whether asking `set` for a text can run no host code and never changes
 // its answer: an exact frozenset of exact strs. Iterating a frozenset runs
 // no host code either.
