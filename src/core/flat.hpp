@@ -74,14 +74,76 @@ void sort_head(It first, It last, std::size_t head, Before before) {
 }
 
 // Numbers 64-bit keys densely (0, 1, 2, ...) in the order they are first
-// added, as `Number`s: slots for symbol ids, plain positions otherwise. A
-// table with linear probing and a multiplicative hash.
+// added, as `Number`s: slots for symbol ids, plain positions otherwise.
+// While the keys lie in a range not much wider than their count (an index's
+// row ids do), a key's number sits in a plain array at the key's offset in
+// that range: one small array to look in, which stays in cache while the
+// records are read. Once a key would widen the range too far, the numbers
+// move to a table with linear probing and a multiplicative hash.
 template <class Number = std::uint32_t>
 class DenseIndex {
  public:
   // The number of `key`, and whether it was new.
   std::pair<Number, bool> insert(std::uint64_t key) {
-    if (2 * (keys_.size() + 1) > cells_.size()) grow();
+    if (!hashed_) {
+      if (key - base_ >= direct_.size() && !widen(key)) return insert_hashed(key);
+      std::uint32_t& cell = direct_[key - base_];
+      if (cell != kEmpty) return {static_cast<Number>(cell), false};
+      cell = static_cast<std::uint32_t>(keys_.size());
+      keys_.push_back(key);
+      return {static_cast<Number>(cell), true};
+    }
+    return insert_hashed(key);
+  }
+  // The number of `key`, or none (Slot::none, kNoPosition) when it was never added.
+  Number find(std::uint64_t key) const {
+    if (!hashed_) return static_cast<Number>(key - base_ < direct_.size() ? direct_[key - base_] : kEmpty);
+    for (std::size_t at = home(key);; at = (at + 1) & mask_) {
+      if (cells_[at] == kEmpty || keys_[cells_[at]] == key) return static_cast<Number>(cells_[at]);
+    }
+  }
+  void reserve(std::size_t count) {
+    keys_.reserve(count);
+    if (hashed_ && 2 * count > cells_.size()) grow(count);
+  }
+  std::uint64_t key(Number number) const { return keys_[static_cast<std::size_t>(number)]; }
+  std::size_t size() const { return keys_.size(); }
+  std::size_t bytes() const { return direct_.capacity() * 4 + cells_.capacity() * 4 + keys_.capacity() * 8; }
+
+ private:
+  // A cell that holds no number; as a Number, its none.
+  static constexpr std::uint32_t kEmpty = kNoPosition;
+  // The widest range kept as an array: this many cells per key, plus a few.
+  static constexpr std::uint64_t kCellsPerKey = 4, kFewCells = std::uint64_t{1} << 16;
+
+  // Makes the array's range take in `key`, with as much room again on the
+  // side it grew (so that keys added in order cost amortized constant time),
+  // unless the range would grow too wide: then the numbers move to the hash
+  // table and it returns false.
+  bool widen(std::uint64_t key) {
+    const bool empty = direct_.empty();
+    std::uint64_t low = empty ? key : std::min(base_, key);
+    std::uint64_t high = empty ? key : std::max(base_ + (direct_.size() - 1), key);
+    if (high - low >= kCellsPerKey * (keys_.size() + 1) + kFewCells) {
+      hashed_ = true;
+      std::vector<std::uint32_t>().swap(direct_);
+      base_ = 0;
+      grow(keys_.size() + 1);
+      return false;
+    }
+    const std::uint64_t room = std::max<std::uint64_t>(high - low + 1, 64);
+    if (empty || key >= base_)
+      high += std::min(room, ~std::uint64_t{0} - high);
+    else
+      low -= std::min(room, low);
+    direct_.assign(static_cast<std::size_t>(high - low + 1), kEmpty);
+    base_ = low;
+    for (std::uint32_t number = 0; number < keys_.size(); ++number) direct_[keys_[number] - base_] = number;
+    return true;
+  }
+
+  std::pair<Number, bool> insert_hashed(std::uint64_t key) {
+    if (2 * (keys_.size() + 1) > cells_.size()) grow(keys_.size() + 1);
     std::size_t at = home(key);
     while (cells_[at] != kEmpty) {
       if (keys_[cells_[at]] == key) return {static_cast<Number>(cells_[at]), false};
@@ -91,30 +153,14 @@ class DenseIndex {
     keys_.push_back(key);
     return {static_cast<Number>(cells_[at]), true};
   }
-  // The number of `key`, or none (Slot::none, kNoPosition) when it was never added.
-  Number find(std::uint64_t key) const {
-    if (cells_.empty()) return static_cast<Number>(kEmpty);
-    for (std::size_t at = home(key);; at = (at + 1) & mask_) {
-      if (cells_[at] == kEmpty || keys_[cells_[at]] == key) return static_cast<Number>(cells_[at]);
-    }
-  }
-  void reserve(std::size_t count) {
-    while (2 * count > cells_.size()) grow();
-    keys_.reserve(count);
-  }
-  std::uint64_t key(Number number) const { return keys_[static_cast<std::size_t>(number)]; }
-  std::size_t size() const { return keys_.size(); }
-  std::size_t bytes() const { return cells_.capacity() * 4 + keys_.capacity() * 8; }
-
- private:
-  // A cell that holds no number; as a Number, its none.
-  static constexpr std::uint32_t kEmpty = kNoPosition;
-
   std::size_t home(std::uint64_t key) const {
     return static_cast<std::size_t>((key * 0x9e3779b97f4a7c15ull) >> shift_);
   }
-  void grow() {
+  // Doubles the hash table until it holds `count` keys at most half full,
+  // and places every key in it.
+  void grow(std::size_t count) {
     std::size_t size = cells_.empty() ? 16 : 2 * cells_.size();
+    while (2 * count > size) size *= 2;
     cells_.assign(size, kEmpty);
     mask_ = size - 1;
     shift_ = 64 - static_cast<unsigned>(std::countr_zero(size));
@@ -125,8 +171,11 @@ class DenseIndex {
     }
   }
 
-  std::vector<std::uint32_t> cells_;  // a key's number, or kEmpty
-  std::vector<std::uint64_t> keys_;   // by number
+  bool hashed_ = false;
+  std::uint64_t base_ = 0;             // the array's first key
+  std::vector<std::uint32_t> direct_;  // by key - base_: its number, or kEmpty
+  std::vector<std::uint32_t> cells_;   // the hash table: a key's number, or kEmpty
+  std::vector<std::uint64_t> keys_;    // by number
   std::size_t mask_ = 0;
   unsigned shift_ = 64;
 };

@@ -108,9 +108,17 @@ void read_row(NativeFacts& native, Pending& column, PyObject* owner, const char*
       column.ints.push(integer_of(value.get(), where));
       break;
     case Cell::id: {
-      const Slot slot = native.view.ids.insert(static_cast<std::uint64_t>(integer_of(value.get(), where))).first;
-      if (index(slot) >= native.id_objects.size()) native.id_objects.resize(native.view.ids.size());
-      if (!native.id_objects[index(slot)] && PyLong_CheckExact(value.get())) native.id_objects[index(slot)] = value;
+      const auto [slot, fresh] = native.view.ids.insert(static_cast<std::uint64_t>(integer_of(value.get(), where)));
+      if (fresh) {
+        if (index(slot) >= native.id_objects.size()) native.id_objects.resize(native.view.ids.size());
+        ++native.ids_without_object;
+      }
+      // The first plain int met for a slot is kept, the host's own object.
+      if (native.ids_without_object > 0 && PyLong_CheckExact(value.get()) && index(slot) < native.id_objects.size() &&
+          !native.id_objects[index(slot)]) {
+        native.id_objects[index(slot)] = value;
+        --native.ids_without_object;
+      }
       column.strs.push(slot);
       break;
     }
@@ -337,7 +345,10 @@ void enlist(const ModuleState& state, FactsObject* facts) {
 
 PyObject* NativeFacts::new_id_object(Slot slot) {
   if (index(slot) >= id_objects.size()) id_objects.resize(view.ids.size());
-  if (!id_objects[index(slot)]) id_objects[index(slot)] = new_int(view.id_of(slot));
+  if (!id_objects[index(slot)]) {
+    id_objects[index(slot)] = new_int(view.id_of(slot));
+    --ids_without_object;  // every slot was counted when the reading of ids numbered it
+  }
   return id_objects[index(slot)].get();
 }
 

@@ -99,6 +99,9 @@ struct NativeFacts {
   std::vector<PyRef> strings;     // the str object of each StrId (the first one seen)
   std::vector<PyRef> targets;     // outbound `target` objects, by row
   std::vector<PyRef> id_objects;  // an int object of each slot's id, when one was met
+  // How many slots may still lack their int object: while none do, a
+  // reading of ids looks only at the slots it numbers anew.
+  std::size_t ids_without_object = 0;
   // By table: the fields that the walk reading every field could not read,
   // left to a call that needs them.
   UnreadFields unread[kTableCount];

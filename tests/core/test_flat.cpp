@@ -46,6 +46,40 @@ TEST(DenseIndex, NumbersKeysInFirstSeenOrderThroughGrowthAndCollisions) {
   EXPECT_EQ(slots.find(2), Slot::none);
 }
 
+// Keys in a narrow range are numbered from an array; a key that would widen
+// it too far moves every number to the hash table. Both keep first-seen
+// numbers, whatever order the keys come in.
+TEST(DenseIndex, NumbersAgreeAcrossTheArrayAndTheHashTable) {
+  std::vector<std::vector<std::uint64_t>> orders;
+  std::vector<std::uint64_t> up, down, shuffled, then_far, edges;
+  for (std::uint64_t i = 0; i < 20000; ++i) up.push_back(1000 + i);
+  for (std::uint64_t i = 0; i < 20000; ++i) down.push_back(50000 - i);
+  for (std::uint64_t i = 0; i < 20000; ++i) shuffled.push_back((i * 7919) % 20011 + 300);
+  then_far = shuffled;
+  then_far.push_back(std::uint64_t{1} << 50);  // past the array's reach: hashed from here
+  for (std::uint64_t i = 0; i < 100; ++i) then_far.push_back(i);
+  // The ends of the key space: no range arithmetic may wrap.
+  for (std::uint64_t i = 0; i < 50; ++i) edges.push_back(~std::uint64_t{0} - i);
+  edges.push_back(0);
+  orders = {up, down, shuffled, then_far, edges};
+  for (const auto& keys : orders) {
+    DenseIndex<> index;
+    std::unordered_map<std::uint64_t, std::uint32_t> expected;  // key -> first-seen number
+    for (std::uint64_t key : keys) {
+      const auto [at, fresh] = expected.try_emplace(key, static_cast<std::uint32_t>(expected.size()));
+      ASSERT_EQ(index.insert(key), (std::pair<std::uint32_t, bool>{at->second, fresh}));
+    }
+    ASSERT_EQ(index.size(), expected.size());
+    for (const auto& [key, number] : expected) {
+      ASSERT_EQ(index.find(key), number);
+      ASSERT_EQ(index.key(number), key);
+    }
+    EXPECT_EQ(index.find(25000), kNoPosition);
+    EXPECT_EQ(index.find(~std::uint64_t{0} - 60), kNoPosition);
+    EXPECT_EQ(index.find(std::uint64_t{1} << 40), kNoPosition);
+  }
+}
+
 TEST(StringPool, EqualHashesOfOtherTextsStayApartAndViewsOutliveGrowth) {
   StringPool pool;
   std::vector<std::string_view> views;
