@@ -94,6 +94,8 @@ def test_an_interrupted_indexing_leaves_the_previous_index_or_none_and_the_next_
      1, "ground: error: cannot read the index {index}: file is not a database"),
     (lambda index, run: sqlite3.connect(index).execute("CREATE TABLE notes (text)"),
      1, "ground: error: {index} is no index (it has no files table); choose another index file"),
+    (lambda index, run: index.mkdir(),
+     1, "ground: error: {index} is a folder; the index is a file: choose another index file"),
 ])
 def test_index_files_that_cannot_be_used_as_they_are(tree, capsys, make, status, message):
     index = tree.parent / "index.sqlite"

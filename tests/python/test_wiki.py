@@ -199,12 +199,17 @@ def test_paths_and_titles_that_hold_markdown_stay_inside_their_spans_cells_and_l
     assert tool.code("`a") == "`` `a ``" and tool.code(" a ") == "`  a  `" and tool.code(" ") == "` `"
 
 
-def test_a_wiki_that_cannot_be_written_is_one_line_and_status_1(tree, capsys):
+def test_an_out_that_cannot_be_written_is_one_line_and_the_longest_name_is_written(tree, capsys):
     (tree.parent / "file").write_text("")
     status, said, err = run(capsys, tree, tree.parent / "file" / "wiki")
     assert (status, said) == (1, "")
     assert len(err) == 1
     assert err[0].startswith(f"ground: error: cannot write the wiki {tree.parent / 'file' / 'wiki'}: ")
+    # A name as long as a file name may be (255 bytes, the last letter cut in two by the
+    # partial folder's name) is written, and written again over itself.
+    long = tree.parent / ("w" * 252 + "é")
+    assert [run(capsys, tree, long)[0] for _ in range(2)] == [0, 0]
+    assert sorted(os.listdir(tree.parent)) == sorted(["file", "index.sqlite", "src", long.name])
 
 
 def test_progress_is_a_line_now_and_then_when_stderr_is_no_terminal(monkeypatch):

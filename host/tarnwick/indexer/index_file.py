@@ -116,6 +116,8 @@ def current_index(
 def _open_existing(path: Path) -> Database | None:
     if not path.exists():
         return None
+    if path.is_dir():
+        raise IndexFileError(f"{printable(path)} is a folder; the index is a file: choose another index file")
     try:
         if Path(f"{path}-journal").exists():
             # A run that was killed while bringing the index up to date left

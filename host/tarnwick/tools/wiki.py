@@ -617,7 +617,7 @@ def write_wiki(args: argparse.Namespace) -> str:
 
     started = time.perf_counter()  # the index is up to date: from here on, the wiki's own time
     out = args.out.absolute()
-    partial = out.parent / f".{out.name}.partial-{os.getpid()}"
+    partial = _beside(out, "partial")
     try:
         with _writing(out):
             shutil.rmtree(partial, ignore_errors=True)
@@ -669,10 +669,17 @@ def _writing(out: Path) -> Iterator[None]:
         raise tool.GroundError(f"cannot write the wiki {printable(out)}: {error}") from None
 
 
+def _beside(out: Path, what: str) -> Path:
+    """This run's hidden folder beside `out`, `.<name>.<what>-<pid>`: the name cut short where
+    the whole would pass the 255 bytes a file name may hold."""
+    tail = f".{what}-{os.getpid()}".encode()
+    return out.parent / os.fsdecode(b"." + os.fsencode(out.name)[: 254 - len(tail)] + tail)
+
+
 def _move_into_place(partial: Path, out: Path) -> None:
     """Put the complete wiki at `out`, the previous one (or an empty folder) out of the way first."""
     if out.exists():
-        previous = out.parent / f".{out.name}.previous-{os.getpid()}"
+        previous = _beside(out, "previous")
         out.rename(previous)
         partial.rename(out)
         if previous.is_symlink():  # a link to a folder of the user's: the link goes, the folder stays
