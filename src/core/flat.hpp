@@ -75,12 +75,13 @@ void sort_head(It first, It last, std::size_t head, Before before) {
 
 // Numbers 64-bit keys densely (0, 1, 2, ...) in the order they are first
 // added, as `Number`s: slots for symbol ids, plain positions otherwise.
-// While the keys lie in a range not much wider than their count (an index's
-// row ids do), a key's number sits in a plain array at the key's offset in
-// that range: one small array to look in, which stays in cache while the
-// records are read. Once a key would widen the range too far, the numbers
-// move to a table with linear probing and a multiplicative hash.
-template <class Number = std::uint32_t>
+// Keys go to a table with linear probing and a multiplicative hash, but
+// keys that tend to lie in a range not much wider than their count (`Narrow`:
+// an index's row ids do) are numbered from a plain array at each key's
+// offset in that range while they do: one small array to look in, which
+// stays in cache while the records are read. Once a key would widen the
+// range too far, the numbers move to the hash table.
+template <class Number = std::uint32_t, bool Narrow = false>
 class DenseIndex {
  public:
   // The number of `key`, and whether it was new.
@@ -98,6 +99,7 @@ class DenseIndex {
   // The number of `key`, or none (Slot::none, kNoPosition) when it was never added.
   Number find(std::uint64_t key) const {
     if (!hashed_) return static_cast<Number>(key - base_ < direct_.size() ? direct_[key - base_] : kEmpty);
+    if (cells_.empty()) return static_cast<Number>(kEmpty);
     for (std::size_t at = home(key);; at = (at + 1) & mask_) {
       if (cells_[at] == kEmpty || keys_[cells_[at]] == key) return static_cast<Number>(cells_[at]);
     }
@@ -171,7 +173,7 @@ class DenseIndex {
     }
   }
 
-  bool hashed_ = false;
+  bool hashed_ = !Narrow;
   std::uint64_t base_ = 0;             // the array's first key
   std::vector<std::uint32_t> direct_;  // by key - base_: its number, or kEmpty
   std::vector<std::uint32_t> cells_;   // the hash table: a key's number, or kEmpty

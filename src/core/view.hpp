@@ -233,7 +233,7 @@ struct FactsView {
   // Every symbol id of the view (declarations' and reference targets'),
   // numbered densely: id cells hold these numbers, their slots. Declarations
   // with equal ids, and the references to that id, share a slot.
-  DenseIndex<Slot> ids;
+  DenseIndex<Slot, true> ids;  // narrow: an index numbers its ids in runs
   std::int64_t id_of(Slot slot) const { return static_cast<std::int64_t>(ids.key(slot)); }
   Table files{kFileSchema};
   Table symbols{kSymbolSchema};

@@ -28,7 +28,7 @@ void ask_each_slot(const NativeFacts& native, std::vector<bool>& marked, Matches
 // while no host code ran: every key and count an int of a dict.
 std::vector<std::int64_t> counts_by_slot(const NativeFacts& native, PyObject* mapping, const char* what,
                                          const char* value_what, bool& plain) {
-  const DenseIndex<Slot>& ids = native.view.ids;
+  const auto& ids = native.view.ids;
   std::vector<std::int64_t> counts(ids.size(), 0);
   std::int64_t id = 0;
   if (PyDict_CheckExact(mapping)) {
@@ -187,7 +187,7 @@ void prepare_records(PyObject* module, const ModuleState& state, NativeFacts& sc
 std::vector<bool> slots_in(NativeFacts& native, PyObject* container, Where where, bool* plain) {
   if (Py_TYPE(container)->tp_iter == nullptr && !PySequence_Check(container))
     wrong_type(where, "a collection of symbol ids", container);
-  const DenseIndex<Slot>& ids = native.view.ids;
+  const auto& ids = native.view.ids;
   std::vector<bool> marked(ids.size(), false);
   std::vector<PyRef> others;  // members that only Python can compare with an id
   std::int64_t id = 0;

@@ -46,9 +46,9 @@ TEST(DenseIndex, NumbersKeysInFirstSeenOrderThroughGrowthAndCollisions) {
   EXPECT_EQ(slots.find(2), Slot::none);
 }
 
-// Keys in a narrow range are numbered from an array; a key that would widen
-// it too far moves every number to the hash table. Both keep first-seen
-// numbers, whatever order the keys come in.
+// Keys in a narrow range are numbered from an array (when the index expects
+// them narrow); a key that would widen it too far moves every number to the
+// hash table. Both keep first-seen numbers, whatever order the keys come in.
 TEST(DenseIndex, NumbersAgreeAcrossTheArrayAndTheHashTable) {
   std::vector<std::vector<std::uint64_t>> orders;
   std::vector<std::uint64_t> up, down, shuffled, then_far, edges;
@@ -62,8 +62,7 @@ TEST(DenseIndex, NumbersAgreeAcrossTheArrayAndTheHashTable) {
   for (std::uint64_t i = 0; i < 50; ++i) edges.push_back(~std::uint64_t{0} - i);
   edges.push_back(0);
   orders = {up, down, shuffled, then_far, edges};
-  for (const auto& keys : orders) {
-    DenseIndex<> index;
+  auto check = [](const std::vector<std::uint64_t>& keys, auto index) {
     std::unordered_map<std::uint64_t, std::uint32_t> expected;  // key -> first-seen number
     for (std::uint64_t key : keys) {
       const auto [at, fresh] = expected.try_emplace(key, static_cast<std::uint32_t>(expected.size()));
@@ -77,6 +76,10 @@ TEST(DenseIndex, NumbersAgreeAcrossTheArrayAndTheHashTable) {
     EXPECT_EQ(index.find(25000), kNoPosition);
     EXPECT_EQ(index.find(~std::uint64_t{0} - 60), kNoPosition);
     EXPECT_EQ(index.find(std::uint64_t{1} << 40), kNoPosition);
+  };
+  for (const auto& keys : orders) {
+    check(keys, DenseIndex<std::uint32_t, true>{});
+    check(keys, DenseIndex<>{});
   }
 }
 
