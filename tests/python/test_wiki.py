@@ -205,7 +205,7 @@ def test_an_out_that_cannot_be_written_is_one_line_and_the_longest_name_is_writt
     assert (status, said) == (1, "")
     assert len(err) == 1
     assert err[0].startswith(f"ground: error: cannot write the wiki {tree.parent / 'file' / 'wiki'}: ")
-    # A name as long as a file name may be (255 bytes, the last letter cut in two by the
+    # A name near the 255 bytes a file name may hold (254, its last letter cut in two by the
     # partial folder's name) is written, and written again over itself.
     long = tree.parent / ("w" * 252 + "é")
     assert [run(capsys, tree, long)[0] for _ in range(2)] == [0, 0]
