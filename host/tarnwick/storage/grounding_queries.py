@@ -311,14 +311,22 @@ ORDER BY r.source_file_id, r.target_id, r.resolution
 """
 
 
-def _id_runs(ids: Iterable[int]) -> str:
-    """The ids as JSON [first, last] runs of consecutive numbers, each id in exactly one run."""
-    runs: list[list[int]] = []
-    for number in sorted(ids):
-        if runs and runs[-1][1] + 1 == number:
-            runs[-1][1] = number
+def _id_runs(columns: Iterable[Sequence[int]]) -> str:
+    """The ids of the columns as JSON [first, last] runs of consecutive numbers, each id in
+    exactly one run.  Ids are unique, so a column of n ids from first to first + n - 1 (a
+    file's declarations) is one run as it stands; other columns are taken number by number."""
+    ranges: list[tuple[int, int]] = []
+    for column in columns:
+        if column and max(column) - min(column) + 1 == len(column):
+            ranges.append((min(column), max(column)))
         else:
-            runs.append([number, number])
+            ranges += zip(column, column, strict=True)
+    runs: list[list[int]] = []
+    for first, last in sorted(ranges):
+        if runs and runs[-1][1] + 1 == first:
+            runs[-1][1] = last
+        else:
+            runs.append([first, last])
     return json.dumps(runs)
 
 
@@ -364,12 +372,14 @@ def _rows_of(db: Any, whole: bool, batch: tuple[str, ...], file_paths: dict[int,
     index's tables: every table whole, or the rows of the batch (its files' ids, in ``batch``)."""
     statement = _BATCH_SYMBOLS.format(where="" if whole else _SYMBOLS_IN_BATCH)
     made = _symbols(db.query(statement, batch), file_paths.__getitem__)
+    symbols_of = _runs(list(map(_by_path, made)), made)
     if whole:
         rows = db.query(_BATCH_REFS.format(where=""))
     else:
-        rows = db.query(_REFS_FROM_BATCH, batch) + db.query(_REFS_INTO_BATCH, (_id_runs(map(_id, made)), *batch))
+        runs = _id_runs([list(map(_id, records)) for records in symbols_of.values()])
+        rows = db.query(_REFS_FROM_BATCH, batch) + db.query(_REFS_INTO_BATCH, (runs, *batch))
     symbols = dict(zip(map(_id, made), made, strict=True))
-    return symbols, _runs(list(map(_by_path, made)), made), _by_source(rows)
+    return symbols, symbols_of, _by_source(rows)
 
 
 def _kept_rows(kept: dict[int, tuple], file_paths: dict[int, str]) -> tuple[dict, dict, dict]:
@@ -449,7 +459,8 @@ class PrefetchedIndex:
         else:
             symbols, symbols_of, by_source = _kept_rows(kept, file_paths)
             if not whole:  # the references to the batch's declarations from other files
-                by_source.update(_by_source(db.query(_REFS_INTO_BATCH, (_id_runs(symbols), *batch))))
+                runs = _id_runs(columns[0] for columns in kept.values())
+                by_source.update(_by_source(db.query(_REFS_INTO_BATCH, (runs, *batch))))
 
         # The references put in the order of their sources' paths, which is
         # the order of a page's records; each row is read once.
