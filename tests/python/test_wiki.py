@@ -3,6 +3,8 @@ replacement of a previous wiki, and bad page maps."""
 
 import os
 import re
+import signal
+import time
 
 import pytest
 from test_indexer import write_tree
@@ -119,6 +121,23 @@ def test_an_error_in_a_worker_reaches_the_caller_as_raised_and_the_previous_wiki
     monkeypatch.setattr(wiki.threading, "active_count", lambda: 1)  # forked, with the broken method
     with pytest.raises(LookupError, match="a worker's own error"):
         run(capsys, tree, out, "--jobs", "2")
+    assert snapshot(out) == previous
+    assert sorted(os.listdir(tree.parent)) == ["index.sqlite", "src", "wiki"]
+
+    # A worker killed in the middle of its batch is one line, not a wait for results that never come.
+    slept = []
+
+    def killed(self, batch):
+        if os.getpid() != here:
+            os.kill(os.getpid(), signal.SIGKILL)
+        if not slept:  # this process's first batch lasts until the worker has taken one
+            slept.append(time.sleep(0.3))
+        return ground(self, batch)
+
+    monkeypatch.setattr(wiki.Worker, "ground", killed)
+    status, said, err = run(capsys, tree, out, "--jobs", "2")
+    assert (status, said) == (1, "")
+    assert err == ["ground: error: a worker process ended (signal 9) before its pages were grounded"]
     assert snapshot(out) == previous
     assert sorted(os.listdir(tree.parent)) == ["index.sqlite", "src", "wiki"]
 

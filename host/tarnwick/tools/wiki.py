@@ -24,7 +24,6 @@ beside the output folder and moved into place only when complete.
 from __future__ import annotations
 
 import argparse
-import collections
 import contextlib
 import fnmatch
 import functools
@@ -32,6 +31,7 @@ import gc
 import hashlib
 import multiprocessing
 import os
+import pickle
 import queue
 import re
 import shutil
@@ -61,6 +61,8 @@ BATCHES_PER_WORKER = 4
 # fewer, a second process costs more than it saves (its start, and the rows
 # that the processes' batches both read).
 FILES_PER_JOB = 200
+# Seconds a process waits for a worker's results before it looks whether the workers still run.
+WAIT_SECONDS = 0.1
 # Seconds between two progress lines when stderr is no terminal.
 PROGRESS_EVERY = 3.0
 # The index page's first words, by which a folder is known as a wiki this command wrote.
@@ -353,20 +355,81 @@ def _timed(function: Callable, split: Split, bucket: str) -> Callable:
     return timed
 
 
-_worker: Worker | None = None
-
-
-def _start_worker(index: Path, tree: Path, quota: tool.Quota, text: list) -> None:
-    """A worker process's start: Ctrl-C is the parent's to handle."""
-    global _worker
+def _work_beside(
+    index: Path, tree: Path, quota: tool.Quota, text: list, handout: _Handout, results: multiprocessing.Queue
+) -> None:
+    """A worker process: grounds the batches it takes until none is left and sends back their
+    results, or the error that stopped it.  Ctrl-C is the parent's to handle.  It ends once
+    its results are sent, without taking its heap apart first."""
     signal.signal(signal.SIGINT, signal.SIG_IGN)
-    _worker = Worker(index, tree, quota, text)
-    _worker.patch_siblings()  # for the process's whole life
+    try:
+        worker = Worker(index, tree, quota, text)
+        worker.patch_siblings()
+        while (batch := handout.take()) is not None:
+            results.put(worker.ground(batch))
+    except BaseException as error:  # sent to the parent, which raises it
+        results.put(_sendable(error))
+    results.close()
+    results.join_thread()
+    os._exit(0)
 
 
-def _ground_in_worker(batch: list[tuple[int, str, list[str]]]) -> list[Result]:
-    assert _worker is not None
-    return _worker.ground(batch)
+def _sendable(error: BaseException) -> BaseException:
+    """`error`, or, when it cannot be pickled, a RuntimeError that says what it was."""
+    try:
+        pickle.dumps(error)
+    except Exception:
+        return RuntimeError(f"a worker process failed with an error that cannot be sent back: {error!r}")
+    return error
+
+
+class _Handout:
+    """The batches, each handed to the first process that asks for one: the number of the next
+    one is kept in memory that the processes share, so that no process waits for another to
+    hand it work."""
+
+    def __init__(self, work: list[list[tuple[int, str, list[str]]]], context) -> None:
+        self.work = work
+        self.taken = context.Value("q", 0)
+
+    def take(self) -> list[tuple[int, str, list[str]]] | None:
+        with self.taken.get_lock():
+            number = self.taken.value
+            self.taken.value = number + 1
+        return self.work[number] if number < len(self.work) else None
+
+
+class _Arrivals:
+    """The results that the worker processes send back."""
+
+    def __init__(self, results: multiprocessing.Queue, processes: list) -> None:
+        self.results = results
+        self.processes = processes
+
+    def ready(self) -> list[Result] | None:
+        """A batch's results if some have come, else None."""
+        try:
+            return self._checked(self.results.get_nowait())
+        except queue.Empty:
+            return None
+
+    def wait(self) -> list[Result]:
+        """The next batch's results; a worker that ended before sending them all is an error."""
+        while True:
+            try:
+                return self._checked(self.results.get(timeout=WAIT_SECONDS))
+            except queue.Empty:
+                ended = [process.exitcode for process in self.processes if process.exitcode is not None]
+                if any(code != 0 for code in ended) or (len(ended) == len(self.processes) and self.results.empty()):
+                    code = next((code for code in ended if code != 0), 0)
+                    how = f"signal {-code}" if code < 0 else f"status {code}"
+                    raise tool.GroundError(f"a worker process ended ({how}) before its pages were grounded") from None
+
+    @staticmethod
+    def _checked(got: list[Result] | BaseException) -> list[Result]:
+        if isinstance(got, BaseException):
+            raise got
+        return got
 
 
 def batches(tasks: list[tuple[int, str, list[str]]], jobs: int) -> list[list[tuple[int, str, list[str]]]]:
@@ -394,16 +457,15 @@ def ground_pages(
 ) -> Iterator[Result]:
     """Ground the pages in `jobs` processes, this one and `jobs - 1` workers; the results come
     as they are done, a batch at a time.  The largest pages are handed out first."""
-    work = collections.deque(batches(tasks, jobs))
-    total = len(work)
-    if jobs <= 1 or total <= 1:
-        yield from _ground_here(Worker(index, tree, quota), work, total, None)
+    work = batches(tasks, jobs)
+    if jobs <= 1 or len(work) <= 1:
+        yield from _ground_here(Worker(index, tree, quota), functools.partial(next, iter(work), None), len(work), None)
         return
     # Forked workers start in milliseconds, with the module already imported
     # here; they are forked before this process starts any thread (the
-    # pool's own, the progress bar's). A process that already runs other
-    # threads (a host that calls this from a threaded program) starts fresh
-    # interpreters instead: a fork could copy a lock another thread holds.
+    # progress bar's). A process that already runs other threads (a host
+    # that calls this from a threaded program) starts fresh interpreters
+    # instead: a fork could copy a lock another thread holds.
     import scope  # noqa: F401
     from tarnwick.storage.database import Database
 
@@ -412,34 +474,32 @@ def ground_pages(
     methods = multiprocessing.get_all_start_methods()
     forkable = "fork" in methods and threading.active_count() == 1
     context = multiprocessing.get_context("fork" if forkable else "spawn")
-    with _sigint_held():
-        pool = context.Pool(jobs - 1, _start_worker, (index, tree, quota, text))
-    with pool:
-        # A worker is handed its next batch when it gives one back (in the
-        # pool's thread that collects results); the batches left wait here,
-        # for this process to take between the workers' results.
-        finished: queue.SimpleQueue = queue.SimpleQueue()
-
-        def hand_out(results: list[Result] | None = None) -> None:
-            if results is not None:
-                finished.put(results)
-            try:
-                batch = work.popleft()
-                pool.apply_async(_ground_in_worker, (batch,), callback=hand_out, error_callback=finished.put)
-            except (IndexError, ValueError):  # no batch left, or the pool is closing
-                pass
-
-        for _ in range(jobs - 1):
-            hand_out()
-        yield from _ground_here(Worker(index, tree, quota, text), work, total, finished)
+    handout, results = _Handout(work, context), context.Queue()
+    processes = [
+        context.Process(target=_work_beside, args=(index, tree, quota, text, handout, results), daemon=True)
+        for _ in range(jobs - 1)
+    ]
+    try:
+        with _sigint_held():
+            for process in processes:
+                process.start()
+        yield from _ground_here(
+            Worker(index, tree, quota, text), handout.take, len(work), _Arrivals(results, processes)
+        )
+    finally:
+        for process in processes:
+            if process.is_alive():  # interrupted, or another process failed
+                process.terminate()
+        for process in processes:
+            if process.pid is not None:
+                process.join()
+        results.close()
 
 
 @contextlib.contextmanager
 def _sigint_held() -> Iterator[None]:
     """Ctrl-C waits while the block runs, and processes started in it never see it: a worker
-    ignores it only once its start has run (the parent handles it), and one that died of it
-    before would be replaced behind the parent's back.  Where signals cannot be held, it
-    comes at once."""
+    ignores it only once it has started.  Where signals cannot be held, it comes at once."""
     if not hasattr(signal, "pthread_sigmask"):
         yield
         return
@@ -451,27 +511,21 @@ def _sigint_held() -> Iterator[None]:
 
 
 def _ground_here(
-    worker: Worker, work: collections.deque, total: int, finished: queue.SimpleQueue | None
+    worker: Worker, take: Callable[[], list | None], total: int, arrivals: _Arrivals | None
 ) -> Iterator[Result]:
-    """Ground batches of `work` with `worker` in this process, and yield the workers' results
-    from `finished` as they come (a worker's error is raised here), until `total` batches are
-    done."""
+    """Ground the batches that `take` hands this process with `worker`, and yield the workers'
+    results as they come (a worker's error is raised here), until `total` batches are done."""
     restore = worker.patch_siblings()
     try:
         for _ in range(total):
-            results = None
-            if (finished is None or finished.empty()) and work:
-                try:
-                    batch = work.popleft()
-                except IndexError:  # a worker took the last batch meanwhile: wait for its results
-                    batch = None
+            results = arrivals.ready() if arrivals is not None else None
+            if results is None:
+                batch = take()
                 if batch is not None:
                     results = worker.ground(batch)
-            if results is None:
-                assert finished is not None
-                results = finished.get()
-                if isinstance(results, BaseException):
-                    raise results
+                else:  # the workers hold the batches left
+                    assert arrivals is not None
+                    results = arrivals.wait()
             yield from results
     finally:
         restore()
