@@ -5,6 +5,7 @@ import os
 import re
 import signal
 import time
+from pathlib import Path
 
 import pytest
 from test_indexer import write_tree
@@ -182,6 +183,42 @@ def test_a_page_map_chooses_titles_and_files_and_an_existing_folder_must_be_a_wi
     status, said, err = run(capsys, tree, tree.parent / "notes")
     assert (status, err) == (2, [f"ground wiki: error: argument --out: {tree.parent / 'notes'} is neither an empty "
                                  "folder nor a wiki written before (see --help)"])
+
+
+def test_the_wiki_never_replaces_what_it_did_not_write(tree, capsys, monkeypatch):
+    """The wiki replaces its whole folder: a wiki that holds other files, a folder that holds the index
+    or the current folder, are refused before anything is indexed or written."""
+    out = tree.parent / "wiki"
+    assert run(capsys, tree, out)[0] == 0
+    before = snapshot(out)
+    refused = "and the wiki replaces the whole folder"
+    for extra, named in [(".git/HEAD", ".git"), ("pages/notes.txt", "pages/notes.txt"),
+                         ("pages/old/page.md", "pages/old"), ("src/mod.py", "src")]:
+        (out / extra).parent.mkdir(exist_ok=True)
+        (out / extra).write_text("mine")
+        status, said, err = run(capsys, tree, out)
+        assert (status, err) == (2, [f"ground wiki: error: argument --out: {out} holds {named!r}, which no wiki of "
+                                     f"this command holds, {refused}: move it away or choose another folder "
+                                     "(see --help)"])
+        assert snapshot(out) == {**before, extra: b"mine"}
+        (out / extra).unlink()
+        if (out / extra).parent != out / "pages":
+            (out / extra).parent.rmdir()
+    assert snapshot(out) == before
+
+    empty = tree.parent / "empty"
+    empty.mkdir()
+    index = str(empty / "index.sqlite")
+    status = tool.main(["wiki", "--tree", str(tree), "--index", index, "--out", str(empty)])
+    said = capsys.readouterr().err.splitlines()
+    assert (status, said) == (2, [f"ground wiki: error: argument --out: {empty} holds the index, {refused}: choose "
+                                  "another folder (see --help)"])
+    monkeypatch.chdir(empty)
+    for there, how in [(".", "is"), ("..", "holds")]:
+        assert run(capsys, tree, Path(there))[:3:2] == (2, [f"ground wiki: error: argument --out: {there} {how} the "
+                                                            f"current folder, {refused}: choose another folder "
+                                                            "(see --help)"])
+    assert os.listdir(empty) == [] and snapshot(out) == before
 
 
 def test_pages_are_the_folders_that_hold_files_and_file_names_stay_apart():

@@ -86,7 +86,8 @@ EPILOG = [
     "Without --pages, every folder that directly holds indexed files is one page. A page map is a TOML file "
     'of titles, each with a list of paths or glob patterns relative to the tree: Storage = ["storage/*.py"].',
     "The wiki is DIR/index.md and one document per page under DIR/pages/. It is written beside DIR and "
-    "moved into place only when complete; an existing DIR must be empty or hold a wiki written before.",
+    "moved into place only when complete; an existing DIR must be empty or hold a wiki written before and "
+    "nothing else, and it may not hold the index or the current folder.",
     "The index of a tree is {home}/<tree name>-<hash of its path>-" + tool.PYTHON + ".sqlite unless --index "
     "names another file. Each run first brings it up to date.",
 ]
@@ -155,10 +156,45 @@ def parse_args(argv: list[str]) -> argparse.Namespace:
     tool.add_tree_options(parser)
     args = parser.parse_args(argv)
     tool.resolve_tree(parser, args)
-    out = args.out
-    if out.exists() and not (out.is_dir() and (not any(out.iterdir()) or _is_wiki(out))):
-        parser.error(f"argument --out: {printable(out)} is neither an empty folder nor a wiki written before")
+    problem = _out_problem(args.out, Path(args.index or tool.default_index(args.tree)))
+    if problem is not None:
+        parser.error(f"argument --out: {printable(args.out)} {problem}")
     return args
+
+
+def _out_problem(out: Path, index: Path) -> str | None:
+    """Why the wiki cannot go to `out`, if it cannot: the wiki replaces the whole folder, so
+    the folder must be new, empty or a wiki this command wrote and nothing else, and it must
+    hold neither the current folder nor the index."""
+    whole = out.resolve()
+    for what, place in [("the current folder", Path.cwd()), ("the index", index.absolute())]:
+        place = place.resolve()
+        if place == whole or whole in place.parents:
+            how = "is" if place == whole else "holds"
+            return f"{how} {what}, and the wiki replaces the whole folder: choose another folder"
+    if not out.exists():
+        return None
+    if not out.is_dir():
+        return "is no folder"
+    entries = sorted(entry.name for entry in out.iterdir())
+    if entries and not _is_wiki(out):
+        return "is neither an empty folder nor a wiki written before"
+    pages = out / "pages"
+    others = [name for name in entries if name not in ("index.md", "pages")]
+    if not others and pages.is_dir() and not pages.is_symlink():
+        others = [f"pages/{entry.name}" for entry in pages.iterdir() if not _is_page_file(entry)]
+    elif "pages" in entries and not others:
+        others = ["pages"]
+    if others:
+        return (
+            f"holds {min(others)!r}, which no wiki of this command holds, and the wiki replaces the whole "
+            "folder: move it away or choose another folder"
+        )
+    return None
+
+
+def _is_page_file(entry: Path) -> bool:
+    return entry.name.endswith(".md") and entry.is_file() and not entry.is_symlink()
 
 
 def _is_wiki(folder: Path) -> bool:
