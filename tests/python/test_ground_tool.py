@@ -2,6 +2,7 @@
 
 import os
 import sqlite3
+import sys
 
 import pytest
 from test_indexer import write_tree
@@ -102,6 +103,36 @@ def test_index_files_that_cannot_be_used_as_they_are(tree, capsys, make, status,
     make(index, lambda *args: ground(capsys, tree, *args))
     assert ground(capsys, tree, "shop/models.py")[::2] == (status, [message.format(index=index, tree=tree)] + (
         UNINDEXED if status == 0 else []))
+
+
+def test_an_index_damaged_after_its_check_and_a_stdout_that_cannot_be_written_are_one_line(tree, capsys,
+                                                                                            monkeypatch):
+    index = tree.parent / "index.sqlite"
+    assert ground(capsys, tree, "shop/models.py")[0] == 0
+    with sqlite3.connect(index) as db:
+        pages = [row[0] for row in db.execute("SELECT rootpage FROM sqlite_master WHERE name IN "
+                                              "('declarations', 'refs', 'file_rows')")]
+        size = db.execute("PRAGMA page_size").fetchone()[0]
+    with open(index, "r+b") as file:  # the tables' first pages: the freshness check reads none of them
+        for page in pages:
+            file.seek((page - 1) * size)
+            file.write(b"\xa5" * size)
+    damaged = (f"ground: error: cannot read the index {index}: database disk image is malformed; run again with "
+               "--reindex to build it anew")
+    assert ground(capsys, tree, "shop/models.py") == (1, "", [damaged])
+    status = tool.main(["wiki", "--tree", str(tree), "--index", str(index), "--out", str(tree.parent / "wiki")])
+    assert (status, capsys.readouterr().err.splitlines()[-1:]) == (1, [damaged])
+    assert not (tree.parent / "wiki").exists()
+    assert ground(capsys, tree, "shop/models.py", "--reindex")[0] == 0
+
+    class Full:
+        def write(self, text):
+            raise OSError(28, "No space left on device")
+
+    for stdout, problem in [(Full(), "No space left on device"), (None, "it is closed")]:
+        monkeypatch.setattr(sys, "stdout", stdout)
+        status = ground(capsys, tree, "shop/models.py")
+        assert status == (1, "", [f"ground: error: cannot write to standard output: {problem}"])
 
 
 LARGEST = "must be from 0 to 9223372036854775807, not"

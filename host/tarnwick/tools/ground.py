@@ -26,6 +26,7 @@ import fnmatch
 import hashlib
 import os
 import re
+import sqlite3
 import sys
 import textwrap
 import time
@@ -194,6 +195,30 @@ def open_index(args: argparse.Namespace):
 
 def _say(message: str) -> None:
     print(f"ground: {message}", file=sys.stderr, flush=True)
+
+
+def index_failed(args: argparse.Namespace, error: sqlite3.DatabaseError) -> str:
+    """One line for an index that SQLite could not read while pages were grounded."""
+    line = f"cannot read the index {printable(args.index or default_index(args.tree))}: {error}"
+    if getattr(error, "sqlite_errorname", None) in ("SQLITE_CORRUPT", "SQLITE_NOTADB"):
+        line += "; run again with --reindex to build it anew"
+    return line
+
+
+def write_out(text: str) -> str | None:
+    """Write `text` to stdout; what went wrong, if anything, in a few words.  A reader that
+    went away (`| head`) is no error."""
+    try:
+        if sys.stdout is None:
+            return "cannot write to standard output: it is closed"
+        sys.stdout.write(text)
+        sys.stdout.flush()
+    except BrokenPipeError:
+        # Python would complain once more when it flushes stdout at exit.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+    except OSError as error:
+        return f"cannot write to standard output: {error.strerror or error}"
+    return None
 
 
 def page_paths(db, patterns: list[str]) -> list[str]:
@@ -367,13 +392,20 @@ def main(argv: list[str] | None = None) -> int:
         return wiki.main(argv[1:])
     if argv[:1] == ["page"]:
         argv = argv[1:]
+    args = None
     try:
         args = parse_args(argv)
-        sys.stdout.write(ground(args))
+        problem = write_out(ground(args))
+        if problem is not None:
+            _say(f"error: {problem}")
+            return 1
     except SystemExit as done:  # --help, or a bad argument
         return done.code
     except GroundError as error:
         _say(f"error: {error}")
+        return 1
+    except sqlite3.DatabaseError as error:
+        _say(f"error: {index_failed(args, error)}")
         return 1
     except ImportError as error:
         _say(f"error: cannot import {error.name}: is the module built and host/ on the path?")

@@ -36,6 +36,7 @@ import queue
 import re
 import shutil
 import signal
+import sqlite3
 import sys
 import threading
 import time
@@ -793,6 +794,9 @@ def main(argv: list[str]) -> int:
     except tool.GroundError as error:
         tool._say(f"error: {error}")
         return 1
+    except sqlite3.DatabaseError as error:
+        tool._say(f"error: {tool.index_failed(args, error)}")
+        return 1
     except ImportError as error:
         tool._say(f"error: cannot import {error.name}: is the module built and host/ on the path?")
         return 1
@@ -806,5 +810,8 @@ def main(argv: list[str]) -> int:
         kept = f"the previous wiki {printable(args.out)} was kept" if _is_wiki(args.out) else "no wiki was written"
         tool._say(f"interrupted; {kept}")
         return 130
-    print(line, flush=True)
+    problem = tool.write_out(line + "\n")
+    if problem is not None:
+        tool._say(f"error: {problem}")
+        return 1
     return 0
