@@ -176,7 +176,7 @@ def test_a_page_map_chooses_titles_and_files_and_an_existing_folder_must_be_a_wi
     out = tree.parent / "wiki"
     assert run(capsys, tree, out, "--pages", str(pages))[0] == 0
     assert sorted(snapshot(out)) == ["index.md", "pages/Shop-all-of-it.md", "pages/shop-all-of-it-2.md"]
-    assert "# Shop [all of it]: grounding of 3 files" in (out / "pages/Shop-all-of-it.md").read_text()
+    assert "# Shop \\[all of it\\]: grounding of 3 files" in (out / "pages/Shop-all-of-it.md").read_text()
     assert "| [Shop \\[all of it\\]](pages/Shop-all-of-it.md) | `shop/__init__.py`, " in (out / "index.md").read_text()
     (tree.parent / "notes").mkdir()
     (tree.parent / "notes" / "todo.txt").write_text("mine")

@@ -371,7 +371,7 @@ class Worker:
     def _ground_page(self, db, task: tuple[int, str, list[str]]) -> Result:
         number, title, paths = task
         before = Split(self.split.queries, self.split.files, sum(self.timer.spent.values()))
-        heading = f"{title}: grounding of {tool.plural(len(paths), 'file')} in {tool.code(printable(self.tree))}"
+        heading = f"{_text(title)}: grounding of {tool.plural(len(paths), 'file')} in {tool.code(printable(self.tree))}"
         page = tool.ground_page(db, self.read_lines, paths, heading, self.quota, self.timer)
         queries, files = self.split.queries - before.queries, self.split.files - before.files
         module = sum(self.timer.spent.values()) - before.module - queries - files
@@ -644,7 +644,9 @@ def _cell(text: str) -> str:
     return tool.one_line(text).replace("|", "\\|")
 
 
-def _link_text(text: str) -> str:
+def _text(text: str) -> str:
+    """`text` as Markdown shows it, on one line: the characters that would make a link, a code span,
+    emphasis or HTML of it escaped, and the table's bars."""
     return re.sub(r"([\[\]\\`*_<>])", r"\\\1", tool.one_line(text)).replace("|", "\\|")
 
 
@@ -668,7 +670,7 @@ def index_page(tree: Path, pages: list[tuple[str, list[str]]], names: list[str],
     for (title, paths), name, page in zip(pages, names, grounded, strict=True):
         listed = ", ".join(_cell(tool.code(path)) for path in paths)
         out.append(
-            f"| [{_link_text(title)}](pages/{name}) | {listed} | {page.declarations} | {len(page.consumers)} "
+            f"| [{_text(title)}](pages/{name}) | {listed} | {page.declarations} | {len(page.consumers)} "
             f"| {page.unused} |"
         )
     uses = page_uses(pages, grounded)
