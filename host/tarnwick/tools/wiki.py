@@ -516,6 +516,7 @@ def ground_pages(
         context.Process(target=_work_beside, args=(index, tree, quota, text, handout, results), daemon=True)
         for _ in range(jobs - 1)
     ]
+    complete = False
     try:
         with _sigint_held():
             for process in processes:
@@ -523,13 +524,17 @@ def ground_pages(
         yield from _ground_here(
             Worker(index, tree, quota, text), handout.take, len(work), _Arrivals(results, processes)
         )
+        # Every worker has sent its last results and is ending: nobody waits for its
+        # memory to be given back (multiprocessing reaps it at the next start or at exit).
+        complete = True
     finally:
-        for process in processes:
-            if process.is_alive():  # interrupted, or another process failed
-                process.terminate()
-        for process in processes:
-            if process.pid is not None:
-                process.join()
+        if not complete:  # interrupted, or a process failed: the workers go now
+            for process in processes:
+                if process.is_alive():
+                    process.terminate()
+            for process in processes:
+                if process.pid is not None:
+                    process.join()
         results.close()
 
 
