@@ -14,7 +14,7 @@ Every round runs, each in a fresh process with that side's host/ and module
 on PYTHONPATH: the earlier commit serially (it has no wiki command: a small
 driver calls its `load_scope_facts` and the same pipeline page by page), this
 tree serially, and this tree with two processes (`ground wiki --jobs 2`:
-the process itself and one worker of its pool, the pool's start included).
+the process itself and one worker process beside it, its start included).
 Each process grounds every page once to warm up and once timed; no files
 are written.  The best of the rounds counts, and
 the spread is printed beside it.  The time split sums, over the workers, the
@@ -35,6 +35,7 @@ from __future__ import annotations
 import argparse
 import hashlib
 import json
+import multiprocessing
 import os
 import resource
 import statistics
@@ -125,6 +126,8 @@ def _new_side(index: Path, args, pages: list, jobs: int) -> dict:
         documents[result.number] = result.page.document
         split.add(result.split)
     seconds = time.perf_counter() - begin
+    for worker in multiprocessing.active_children():  # ending on their own: their CPU counts once they are reaped
+        worker.join()
     return _summary(seconds, _cpu() - cpu, split.queries, split.files, split.module, documents)
 
 
@@ -204,7 +207,7 @@ def _old_page(scope, timer, db, read_lines, paths, args) -> str:
 
 
 def _cpu() -> float:
-    """CPU seconds of this process and of its children that have ended (the pool's workers)."""
+    """CPU seconds of this process and of its children that have ended and were reaped (the workers)."""
     children = resource.getrusage(resource.RUSAGE_CHILDREN)
     return time.process_time() + children.ru_utime + children.ru_stime
 
