@@ -168,7 +168,11 @@ def _out_problem(out: Path, index: Path) -> str | None:
     the folder must be new, empty or a wiki this command wrote and nothing else, and it must
     hold neither the current folder nor the index."""
     whole = out.resolve()
-    for what, place in [("the current folder", Path.cwd()), ("the index", index.absolute())]:
+    try:
+        here = [("the current folder", Path.cwd())]
+    except OSError:  # a current folder that was removed: the wiki cannot replace it
+        here = []
+    for what, place in [*here, ("the index", index.absolute())]:
         place = place.resolve()
         if place == whole or whole in place.parents:
             how = "is" if place == whole else "holds"
