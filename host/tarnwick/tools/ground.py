@@ -22,6 +22,7 @@ every page of the tree and writes the wiki as a folder of Markdown (see
 from __future__ import annotations
 
 import argparse
+import contextlib
 import fnmatch
 import hashlib
 import os
@@ -215,7 +216,8 @@ def write_out(text: str) -> str | None:
         sys.stdout.flush()
     except BrokenPipeError:
         # Python would complain once more when it flushes stdout at exit.
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        with contextlib.suppress(OSError, ValueError):
+            os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
     except OSError as error:
         return f"cannot write to standard output: {error.strerror or error}"
     return None
