@@ -1,7 +1,9 @@
 """The grounding tool on trees of its own: an index kept complete and current, the command line, the document."""
 
 import os
+import shlex
 import sqlite3
+import subprocess
 import sys
 
 import pytest
@@ -89,7 +91,7 @@ def test_an_interrupted_indexing_leaves_the_previous_index_or_none_and_the_next_
 @pytest.mark.parametrize("make, status, message", [
     (lambda index, run: Database(index).close(),  # the tables, but not the marks of a complete index
      0, "ground: the index {index} is incomplete or from another version: indexing {tree} again"),
-    (lambda index, run: run("--exclude", "app/*"),
+    (lambda index, run: run("--exclude", "app/*", "shop/models.py"),
      0, "ground: the index {index} was made from another tree or with other settings: indexing {tree} again"),
     (lambda index, run: index.write_bytes(b"not a database, not even close" * 100),
      1, "ground: error: cannot read the index {index}: file is not a database"),
@@ -151,11 +153,31 @@ LARGEST = "must be from 0 to 9223372036854775807, not"
                                    " write 'shop/models.py'"),
     (["/elsewhere/x.py"], 2, "page paths are relative to the tree {tree}: '/elsewhere/x.py' is absolute"),
     (["nothing/*.py"], 1, "the page matches no indexed file: nothing/*.py"),
+    ([], 2, "name the page's files: paths or glob patterns relative to the tree (the default page is one of the "
+            "standard library)"),
 ])
 def test_bad_input_is_one_line_on_stderr(tree, capsys, args, status, message):
     result, out, err = ground(capsys, tree, *(arg.format(tree=tree) for arg in args))
     line = f"ground: error: {message.format(tree=tree)}" + (" (see --help)" if status == 2 else "")
     assert (result, out, err if status == 2 else err[-1:]) == (status, "", [line])  # bad values: nothing but that
+    assert (tree.parent / "index.sqlite").exists() == (status != 2)  # nothing is indexed for a bad argument
+
+
+def test_a_path_is_itself_before_it_is_a_pattern_and_messages_never_stop_the_run(tmp_path):
+    """A file whose name holds a glob's characters is named by its path; a standard error that is
+    closed, full or read by nobody costs the messages and nothing else."""
+    tree = write_tree(tmp_path / "src", {"app/[slug]/page.py": "def page():\n    return 1\n",
+                                         "app/s/page.py": "X = 1\n"})
+    index = tmp_path / "index.sqlite"
+    command = [sys.executable, "-m", "tarnwick.tools.ground", "--tree", str(tree), "--index", str(index)]
+    done = subprocess.run([*command, "app/[slug]/page.py"], capture_output=True, text=True, check=False)
+    assert done.returncode == 0 and "| `app/[slug]/page.py` | 2 | 1 |" in done.stdout and "app/s/" not in done.stdout
+    index.unlink()
+    for stderr in ("2>&-", "2>/dev/full", "2> >(head -c0)"):  # the first run indexes, so it has something to say
+        shell = f"{' '.join(map(shlex.quote, command))} 'app/*/page.py' {stderr} > {tmp_path / 'page.md'}"
+        assert subprocess.run(["bash", "-c", shell], check=False).returncode == 0
+        assert (tmp_path / "page.md").read_text().startswith("# Grounding of 2 files in ")  # and nothing else
+    assert index.exists()
 
 
 def test_help_says_where_the_index_lives_and_what_a_page_is(capsys):

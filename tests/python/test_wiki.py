@@ -4,6 +4,8 @@ replacement of a previous wiki, and bad page maps."""
 import os
 import re
 import signal
+import subprocess
+import sys
 import time
 from pathlib import Path
 
@@ -80,30 +82,35 @@ def test_without_jobs_a_process_per_core_grounds_pages_but_none_for_fewer_files_
     assert asked == [*runs.values(), 3]
 
 
-def interrupt_at_page(monkeypatch, page):
-    """Ctrl-C at the `page`-th page this process grounds (with workers, it grounds pages too,
-    at least one); forked workers ground theirs undisturbed."""
+def interrupt_at_page(monkeypatch, page, number=signal.SIGINT):
+    """The signal `number` (Ctrl-C's by default) at the `page`-th page this process grounds (with
+    workers, it grounds pages too, at least one); forked workers ground theirs undisturbed."""
     ground_page, calls, here = tool.ground_page, [], os.getpid()
 
     def interrupted(*args):
         calls.append(1)
         if len(calls) == page and os.getpid() == here:
-            raise KeyboardInterrupt
+            os.kill(here, number)
+            time.sleep(1)  # the handler raises first
         return ground_page(*args)
 
     monkeypatch.setattr(tool, "ground_page", interrupted)
 
 
-@pytest.mark.parametrize("before, jobs", [(False, 1), (True, 1), (True, 2)])
-def test_an_interrupted_run_leaves_the_previous_wiki_or_none(tree, capsys, monkeypatch, before, jobs):
+@pytest.mark.parametrize("before, jobs, number", [(False, 1, signal.SIGINT), (True, 1, signal.SIGINT),
+                                                  (True, 2, signal.SIGINT), (True, 2, signal.SIGTERM),
+                                                  (False, 1, signal.SIGHUP)])
+def test_an_interrupted_run_leaves_the_previous_wiki_or_none(tree, capsys, monkeypatch, before, jobs, number):
     out = tree.parent / "wiki"
     if before:
         assert run(capsys, tree, out)[0] == 0
     previous = snapshot(out) if before else None
-    interrupt_at_page(monkeypatch, 2 if jobs == 1 else 1)
+    interrupt_at_page(monkeypatch, 2 if jobs == 1 else 1, number)
     status, said, err = run(capsys, tree, out, "--jobs", str(jobs))
     kept = f"the previous wiki {out} was kept" if before else "no wiki was written"
-    assert (status, said, err) == (130, "", [f"ground: interrupted; {kept}"])
+    how = "interrupted" if number == signal.SIGINT else f"stopped by {signal.Signals(number).name}"
+    assert (status, said, err) == (128 + number, "", [f"ground: {how}; {kept}"])
+    assert signal.getsignal(signal.SIGTERM) == signal.SIG_DFL  # the command's own handling ends with it
     assert (snapshot(out) if out.exists() else None) == previous
     assert sorted(os.listdir(tree.parent)) == ["index.sqlite", "src"] + ["wiki"] * before
 
@@ -193,7 +200,8 @@ def test_the_wiki_never_replaces_what_it_did_not_write(tree, capsys, monkeypatch
     before = snapshot(out)
     refused = "and the wiki replaces the whole folder"
     for extra, named in [(".git/HEAD", ".git"), ("pages/notes.txt", "pages/notes.txt"),
-                         ("pages/old/page.md", "pages/old"), ("src/mod.py", "src")]:
+                         ("pages/old/page.md", "pages/old"), ("src/mod.py", "src"),
+                         ("pages/design-notes.md", "pages/design-notes.md")]:  # a document the index page lacks
         (out / extra).parent.mkdir(exist_ok=True)
         (out / extra).write_text("mine")
         status, said, err = run(capsys, tree, out)
@@ -205,6 +213,14 @@ def test_the_wiki_never_replaces_what_it_did_not_write(tree, capsys, monkeypatch
         if (out / extra).parent != out / "pages":
             (out / extra).parent.rmdir()
     assert snapshot(out) == before
+
+    # A folder of the user's that only looks like a wiki: no table of pages that links to its documents.
+    handbook = tree.parent / "handbook"
+    (handbook / "pages").mkdir(parents=True)
+    (handbook / "index.md").write_text("# Wiki of ACME\n\n| Page |\n")
+    (handbook / "pages" / "onboarding.md").write_text("mine")
+    assert run(capsys, tree, handbook)[::2] == (2, [f"ground wiki: error: argument --out: {handbook} is neither an "
+                                                    "empty folder nor a wiki written before (see --help)"])
 
     empty = tree.parent / "empty"
     empty.mkdir()
@@ -219,6 +235,77 @@ def test_the_wiki_never_replaces_what_it_did_not_write(tree, capsys, monkeypatch
                                                             f"current folder, {refused}: choose another folder "
                                                             "(see --help)"])
     assert os.listdir(empty) == [] and snapshot(out) == before
+
+
+def test_the_wiki_moves_into_place_last_only_where_nothing_else_came_and_runs_that_died_are_cleared(
+        tree, capsys, monkeypatch):
+    out = tree.parent / "wiki"
+    assert run(capsys, tree, out)[0] == 0
+    before = snapshot(out)
+    # Runs killed before they could clean up: the folder one was writing, and the wiki another had
+    # moved aside, with nothing in its place.
+    ended = subprocess.Popen(["true"])
+    gone = ended.pid if ended.wait() == 0 else None
+    out.rename(tree.parent / f".wiki.previous-{gone}")
+    (tree.parent / f".wiki.partial-{gone}").mkdir()
+    alive = tree.parent / f".wiki.partial-{os.getppid()}"  # a run still at work keeps its folder
+    alive.mkdir()
+    status, said, err = run(capsys, tree, out, "--jobs", "1")
+    assert (status, err) == (0, []) and snapshot(out) == before
+    assert sorted(os.listdir(tree.parent)) == sorted([alive.name, "index.sqlite", "src", "wiki"])
+    alive.rmdir()
+
+    # A file that comes into the folder while the pages are grounded stops the run, and stays.
+    ground_pages = wiki.ground_pages
+
+    def meanwhile(*args):
+        (out / "NOTES.txt").write_text("mine")
+        yield from ground_pages(*args)
+
+    monkeypatch.setattr(wiki, "ground_pages", meanwhile)
+    status, said, err = run(capsys, tree, out)
+    assert (status, said) == (1, "")
+    assert err == [f"ground: error: the folder {out} changed while the pages were grounded: it holds 'NOTES.txt', "
+                   "which no wiki of this command holds, and the wiki replaces the whole folder: move it away or "
+                   "choose another folder"]
+    assert snapshot(out) == {**before, "NOTES.txt": b"mine"}
+    assert sorted(os.listdir(tree.parent)) == ["index.sqlite", "src", "wiki"]
+
+
+def test_workers_end_with_the_command_however_it_ends(tree, tmp_path):
+    """Killed outright (out of memory, a timeout), the command takes its workers with it: none
+    waits for results nobody will read."""
+    script = (
+        "import os, sys, time\n"
+        "from tarnwick.tools import ground, wiki\n"
+        "def ground_batch(self, batch):\n"
+        "    open(os.path.join(sys.argv[1], str(os.getpid())), 'w').close()\n"
+        "    time.sleep(60)\n"
+        "wiki.Worker.ground = ground_batch\n"
+        "ground.main(['wiki', '--tree', sys.argv[2], '--index', sys.argv[3], '--out', sys.argv[4], '--jobs', '2'])\n"
+    )
+    started = tmp_path / "started"
+    started.mkdir()
+    command = subprocess.Popen([sys.executable, "-c", script, str(started), str(tree), str(tmp_path / "index.sqlite"),
+                                str(tmp_path / "wiki")], stderr=subprocess.DEVNULL)
+    deadline = time.monotonic() + 60
+    while len(os.listdir(started)) < 2 and time.monotonic() < deadline:  # the command and its worker
+        time.sleep(0.05)
+    workers = [int(name) for name in os.listdir(started) if int(name) != command.pid]
+    assert len(workers) == 1
+    command.kill()
+    command.wait()
+    while time.monotonic() < deadline and _alive(workers[0]):
+        time.sleep(0.05)
+    assert not _alive(workers[0])
+
+
+def _alive(pid):
+    try:
+        with open(f"/proc/{pid}/stat") as stat:
+            return stat.read().rpartition(")")[2].split()[0] != "Z"  # a process that ended and awaits its reaper
+    except FileNotFoundError:
+        return False
 
 
 def test_pages_are_the_folders_that_hold_files_and_file_names_stay_apart():

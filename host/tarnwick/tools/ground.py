@@ -35,6 +35,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 from tarnwick.indexer.index_file import IndexFileError, IndexingInterrupted, TreeSettings, current_index, printable
+from tarnwick.utils.processes import stopped_status, stops_interrupt
 
 DEFAULT_PAGE = ["email/parser.py", "email/feedparser.py", "email/message.py", "email/header.py"]
 # The standard library without its test suite (but for the email tests) and
@@ -174,6 +175,11 @@ def parse_args(argv: list[str]) -> argparse.Namespace:
     parser = _parser()
     args = parser.parse_args(argv)
     resolve_tree(parser, args)
+    if not args.page and args.tree != default_tree():
+        parser.error(
+            "name the page's files: paths or glob patterns relative to the tree (the default page is one of "
+            "the standard library)"
+        )
     for page in args.page:
         if os.path.isabs(page):
             inside = os.path.relpath(page, args.tree)
@@ -226,12 +232,12 @@ def write_out(text: str) -> str | None:
 def page_paths(db, patterns: list[str]) -> list[str]:
     indexed = [row[0] for row in db.query("SELECT path FROM files ORDER BY path")]
     chosen: dict[str, None] = {}
+    known = set(indexed)
     for pattern in patterns:
-        if any(ch in pattern for ch in "*?["):
+        if pattern not in known and any(ch in pattern for ch in "*?["):
             chosen.update(dict.fromkeys(path for path in indexed if fnmatch.fnmatchcase(path, pattern)))
         else:
             chosen[pattern] = None  # a plain path the index lacks still gets a "not in the index" card
-    known = set(indexed)
     if not any(path in known for path in chosen):
         raise GroundError("the page matches no indexed file: " + " ".join(patterns))
     return list(chosen)
@@ -385,15 +391,19 @@ def ground(args: argparse.Namespace) -> str:
 
 def main(argv: list[str] | None = None) -> int:
     argv = sys.argv[1:] if argv is None else argv
-    if argv[:1] == ["wiki"]:
-        try:
-            from tarnwick.tools import wiki
-        except KeyboardInterrupt:
-            _say("interrupted")
-            return 130
-        return wiki.main(argv[1:])
-    if argv[:1] == ["page"]:
-        argv = argv[1:]
+    with _messages_anyway(), stops_interrupt() as taken:
+        if argv[:1] == ["wiki"]:
+            try:
+                from tarnwick.tools import wiki
+            except KeyboardInterrupt:
+                how, status = stopped_status(taken)
+                _say(how)
+                return status
+            return wiki.main(argv[1:], taken)
+        return _page_main(argv[1:] if argv[:1] == ["page"] else argv, taken)
+
+
+def _page_main(argv: list[str], taken: list[int]) -> int:
     args = None
     try:
         args = parse_args(argv)
@@ -414,11 +424,64 @@ def main(argv: list[str] | None = None) -> int:
         return 1
     except IndexingInterrupted as error:
         _say(str(error))
-        return 130
+        return stopped_status(taken)[1]
     except KeyboardInterrupt:
-        _say("interrupted")
-        return 130
+        how, status = stopped_status(taken)
+        _say(how)
+        return status
     return 0
+
+
+class _Messages:
+    """Standard error as the command writes its messages to it: once it cannot be written (it
+    is full, or its reader went away), what follows goes nowhere, and so does what Python
+    would flush at exit."""
+
+    def __init__(self, stream) -> None:
+        self._stream = stream
+
+    def write(self, text: str) -> int:
+        try:
+            return self._stream.write(text)
+        except (OSError, ValueError):
+            self._drop()
+            return len(text)
+
+    def flush(self) -> None:
+        try:
+            self._stream.flush()
+        except (OSError, ValueError):
+            self._drop()
+
+    def _drop(self) -> None:
+        with contextlib.suppress(OSError, ValueError):
+            nowhere = os.open(os.devnull, os.O_WRONLY)
+            os.dup2(nowhere, self._stream.fileno())
+            os.close(nowhere)
+        self._stream = open(os.devnull, "w", encoding="utf-8")
+
+    def __getattr__(self, name: str):
+        return getattr(self._stream, name)
+
+
+@contextlib.contextmanager
+def _messages_anyway():
+    """Messages and the run go on when standard error cannot take them.  A standard stream that
+    was closed when the command started gets /dev/null on its descriptor, so that no file the
+    command opens (the index) takes that descriptor and receives what is meant for the stream."""
+    for number, name in ((1, "stdout"), (2, "stderr")):
+        if getattr(sys, name) is None:
+            with contextlib.suppress(OSError):
+                nowhere = os.open(os.devnull, os.O_WRONLY)
+                if nowhere != number:
+                    os.dup2(nowhere, number)
+                    os.close(nowhere)
+    kept = sys.stderr
+    sys.stderr = _Messages(kept if kept is not None else open(os.devnull, "w", encoding="utf-8"))
+    try:
+        yield
+    finally:
+        sys.stderr = kept
 
 
 if __name__ == "__main__":

@@ -48,6 +48,7 @@ from pathlib import Path
 from tarnwick.indexer.index_file import IndexingInterrupted, printable
 from tarnwick.indexer.progress import terminal_bar
 from tarnwick.tools import ground as tool
+from tarnwick.utils.processes import start_worker, stopped_status
 
 # The title of the page of the files at the top of the tree.
 TOP_TITLE = "(top level)"
@@ -66,8 +67,10 @@ FILES_PER_JOB = 200
 WAIT_SECONDS = 0.1
 # Seconds between two progress lines when stderr is no terminal.
 PROGRESS_EVERY = 3.0
-# The index page's first words, by which a folder is known as a wiki this command wrote.
+# The index page's first words and the head of its table, by which a folder is known as a wiki
+# this command wrote.
 INDEX_TITLE = "# Wiki of "
+TABLE_HEAD = "| Page | Files | Declarations | Consumer files | Unused public declarations |"
 # Bytes of a page's file name at most before its number and ".md" (file systems allow 255).
 MAX_NAME_BYTES = 120
 
@@ -181,13 +184,24 @@ def _out_problem(out: Path, index: Path) -> str | None:
         return None
     if not out.is_dir():
         return "is no folder"
+    if os.path.ismount(out):
+        return "is a mount point, which the wiki cannot replace: choose a folder inside it"
+    return _foreign(out)
+
+
+def _foreign(out: Path) -> str | None:
+    """What keeps the folder `out` from being replaced by a wiki, if anything: it must be empty
+    or a wiki this command wrote, its index page and the page documents that page links to."""
     entries = sorted(entry.name for entry in out.iterdir())
-    if entries and not _is_wiki(out):
+    if not entries:
+        return None
+    linked = _wiki_pages(out)
+    if linked is None:
         return "is neither an empty folder nor a wiki written before"
     pages = out / "pages"
     others = [name for name in entries if name not in ("index.md", "pages")]
     if not others and pages.is_dir() and not pages.is_symlink():
-        others = [f"pages/{entry.name}" for entry in pages.iterdir() if not _is_page_file(entry)]
+        others = [f"pages/{entry.name}" for entry in pages.iterdir() if not _is_page_file(entry, linked)]
     elif "pages" in entries and not others:
         others = ["pages"]
     if others:
@@ -198,16 +212,28 @@ def _out_problem(out: Path, index: Path) -> str | None:
     return None
 
 
-def _is_page_file(entry: Path) -> bool:
-    return entry.name.endswith(".md") and entry.is_file() and not entry.is_symlink()
+def _is_page_file(entry: Path, linked: set[str]) -> bool:
+    return entry.name in linked and entry.is_file() and not entry.is_symlink()
+
+
+# A row of the index page's table of pages, with the document it links to.
+_PAGE_ROW = re.compile(r"^\| \[.*\]\(pages/([\w.-]+\.md)\) \|", re.MULTILINE)
+
+
+def _wiki_pages(folder: Path) -> set[str] | None:
+    """The page documents that the index page of a wiki this command wrote in `folder` links
+    to; None when `folder` holds no such index page."""
+    try:
+        text = (folder / "index.md").read_bytes().decode("utf-8")
+    except (OSError, UnicodeDecodeError):
+        return None
+    if not text.startswith(INDEX_TITLE) or f"\n{TABLE_HEAD}\n" not in text:
+        return None
+    return set(_PAGE_ROW.findall(text))
 
 
 def _is_wiki(folder: Path) -> bool:
-    try:
-        with open(folder / "index.md", "rb") as index:
-            return index.read(len(INDEX_TITLE)) == INDEX_TITLE.encode()
-    except OSError:
-        return False
+    return _wiki_pages(folder) is not None
 
 
 # -- pages ---------------------------------------------------------------------
@@ -216,7 +242,7 @@ def _is_wiki(folder: Path) -> bool:
 def read_page_map(path: Path) -> dict[str, list[str]]:
     """The titles and patterns of a page map; `PageMapError` says what is wrong with it."""
     try:
-        text = path.read_bytes().decode("utf-8")
+        text = path.read_bytes().decode("utf-8-sig")
     except OSError as error:
         raise PageMapError(f"cannot read it: {error.strerror or error}") from None
     except UnicodeDecodeError:
@@ -235,11 +261,17 @@ def read_page_map(path: Path) -> dict[str, list[str]]:
         if isinstance(patterns, str):
             patterns = [patterns]
         if not isinstance(patterns, list) or not patterns or not all(isinstance(p, str) for p in patterns):
-            raise PageMapError(f"the page {title!r} is no list of paths or glob patterns")
+            # `web.src = [...]` is the key `src` in the table `web`: a title with dots is quoted.
+            dotted = f' (a title with dots is quoted: "{title}.{next(iter(patterns))}")' if _is_table(patterns) else ""
+            raise PageMapError(f"the page {title!r} is no list of paths or glob patterns{dotted}")
         if not title.strip():
             raise PageMapError("a page has an empty title")
         pages[title] = patterns
     return pages
+
+
+def _is_table(value: object) -> bool:
+    return isinstance(value, dict) and len(value) == 1 and isinstance(next(iter(value.values())), list)
 
 
 _KEY_LINE = re.compile(r"^\s*([^#\[\s=][^=]*?)\s*=")
@@ -275,11 +307,12 @@ def folder_pages(indexed: list[str]) -> list[tuple[str, list[str]]]:
 
 def mapped_pages(page_map: dict[str, list[str]], indexed: list[str]) -> list[tuple[str, list[str]]]:
     """The pages of a page map, each with the indexed files its patterns match, in the map's order."""
-    pages = []
+    pages, known = [], set(indexed)
     for title, patterns in page_map.items():
         chosen: list[str] = []
         for pattern in patterns:
-            matches = [path for path in indexed if fnmatch.fnmatchcase(path, pattern)]
+            # An indexed path is itself, whatever it holds ('app/[slug]/page.tsx').
+            matches = [pattern] if pattern in known else [p for p in indexed if fnmatch.fnmatchcase(p, pattern)]
             if not matches:
                 raise PageMapError(f"the pattern {pattern!r} of the page {title!r} matches no indexed file")
             chosen.extend(path for path in matches if path not in chosen)
@@ -397,12 +430,19 @@ def _timed(function: Callable, split: Split, bucket: str) -> Callable:
 
 
 def _work_beside(
-    index: Path, tree: Path, quota: tool.Quota, text: list, handout: _Handout, results: multiprocessing.Queue
+    parent: int,
+    index: Path,
+    tree: Path,
+    quota: tool.Quota,
+    text: list,
+    handout: _Handout,
+    results: multiprocessing.Queue,
 ) -> None:
     """A worker process: grounds the batches it takes until none is left and sends back their
-    results, or the error that stopped it.  Ctrl-C is the parent's to handle.  It ends once
-    its results are sent, without taking its heap apart first."""
-    signal.signal(signal.SIGINT, signal.SIG_IGN)
+    results, or the error that stopped it.  Ctrl-C is the parent's to handle, and the worker
+    ends with the parent.  It ends once its results are sent, without taking its heap apart
+    first."""
+    start_worker(parent)
     try:
         worker = Worker(index, tree, quota, text)
         worker.patch_siblings()
@@ -517,7 +557,9 @@ def ground_pages(
     context = multiprocessing.get_context("fork" if forkable else "spawn")
     handout, results = _Handout(work, context), context.Queue()
     processes = [
-        context.Process(target=_work_beside, args=(index, tree, quota, text, handout, results), daemon=True)
+        context.Process(
+            target=_work_beside, args=(os.getpid(), index, tree, quota, text, handout, results), daemon=True
+        )
         for _ in range(jobs - 1)
     ]
     complete = False
@@ -673,7 +715,7 @@ def index_page(tree: Path, pages: list[tuple[str, list[str]]], names: list[str],
         "and name matches. Consumer files are the production files outside the page that use its code, "
         "counted from evidence; unused are its public declarations that no production file outside uses.",
         "",
-        "| Page | Files | Declarations | Consumer files | Unused public declarations |",
+        TABLE_HEAD,
         "|---|---|---|---|---|",
     ]
     for (title, paths), name, page in zip(pages, names, grounded, strict=True):
@@ -771,28 +813,83 @@ def _writing(out: Path) -> Iterator[None]:
         raise tool.GroundError(f"cannot write the wiki {printable(out)}: {error}") from None
 
 
-def _beside(out: Path, what: str) -> Path:
-    """This run's hidden folder beside `out`, `.<name>.<what>-<pid>`: the name cut short where
-    the whole would pass the 255 bytes a file name may hold."""
-    tail = f".{what}-{os.getpid()}".encode()
+def _beside(out: Path, what: str, pid: int | None = None) -> Path:
+    """The hidden folder beside `out` of this run (or of the run `pid`), `.<name>.<what>-<pid>`:
+    the name cut short where the whole would pass the 255 bytes a file name may hold."""
+    tail = f".{what}-{os.getpid() if pid is None else pid}".encode()
     return out.parent / os.fsdecode(b"." + os.fsencode(out.name)[: 254 - len(tail)] + tail)
 
 
 def _move_into_place(partial: Path, out: Path) -> None:
-    """Put the complete wiki at `out`, the previous one (or an empty folder) out of the way first."""
-    if out.exists():
+    """Put the complete wiki at `out`, the previous one (or an empty folder) out of the way
+    first.  Runs that write the same folder take turns here, the last one's wiki stays; and a
+    folder that came to hold anything else while the pages were grounded is left as it is."""
+    with _turn(out.parent):
+        _clear_leftovers(out)
         previous = _beside(out, "previous")
-        out.rename(previous)
+        try:
+            out.rename(previous)
+        except FileNotFoundError:
+            partial.rename(out)
+            return
+        problem = _foreign(previous)
+        if problem is not None:
+            previous.rename(out)
+            raise tool.GroundError(f"the folder {printable(out)} changed while the pages were grounded: it {problem}")
         partial.rename(out)
         if previous.is_symlink():  # a link to a folder of the user's: the link goes, the folder stays
             previous.unlink()
         else:
             shutil.rmtree(previous)
-    else:
-        partial.rename(out)
 
 
-def main(argv: list[str]) -> int:
+@contextlib.contextmanager
+def _turn(folder: Path) -> Iterator[None]:
+    """An exclusive lock on `folder` for the block; where folders cannot be locked, none."""
+    try:
+        import fcntl
+
+        descriptor = os.open(folder, os.O_RDONLY)
+    except (ImportError, OSError):
+        yield
+        return
+    try:
+        with contextlib.suppress(OSError):
+            fcntl.flock(descriptor, fcntl.LOCK_EX)
+        yield
+    finally:
+        os.close(descriptor)
+
+
+def _clear_leftovers(out: Path) -> None:
+    """What runs that were killed left beside `out`: the folders they were writing go, and the
+    previous wiki that one had moved aside goes back in place when no wiki took it."""
+    pattern = re.compile(r"\.(partial|previous)-(\d+)$")
+    for entry in sorted(out.parent.iterdir()):
+        found = pattern.search(entry.name)
+        if found is None or entry != _beside(out, found[1], int(found[2])) or _running(int(found[2])):
+            continue
+        with contextlib.suppress(OSError):
+            if found[1] == "previous" and not os.path.lexists(out):
+                entry.rename(out)
+            elif entry.is_symlink():
+                entry.unlink()
+            else:
+                shutil.rmtree(entry)
+
+
+def _running(pid: int) -> bool:
+    try:
+        os.kill(pid, 0)
+    except ProcessLookupError:
+        return False
+    except OSError:  # another user's process
+        return True
+    return True
+
+
+def main(argv: list[str], taken: list[int] | None = None) -> int:
+    """`ground wiki`; `taken` lists the stop signals the command has taken (see stops_interrupt)."""
     args = None
     try:
         args = parse_args(argv)
@@ -813,14 +910,15 @@ def main(argv: list[str]) -> int:
         return 1
     except IndexingInterrupted as error:
         tool._say(str(error))
-        return 130
+        return stopped_status(taken or [])[1]
     except KeyboardInterrupt:
+        how, status = stopped_status(taken or [])
         if args is None:
-            tool._say("interrupted")
-            return 130
+            tool._say(how)
+            return status
         kept = f"the previous wiki {printable(args.out)} was kept" if _is_wiki(args.out) else "no wiki was written"
-        tool._say(f"interrupted; {kept}")
-        return 130
+        tool._say(f"{how}; {kept}")
+        return status
     problem = tool.write_out(line + "\n")
     if problem is not None:
         tool._say(f"error: {problem}")
