@@ -32,7 +32,9 @@ class AttributeReader {
       PyObject* found = *reinterpret_cast<PyObject**>(reinterpret_cast<char*>(record) + offset_);
       if (way_ == Way::slot && found != nullptr) return Py_NewRef(found);
       if (way_ == Way::dict && found != nullptr && PyDict_Check(found)) {
-        PyObject* value = PyDict_GetItemWithError(found, name_);  // borrowed
+        // Held while it is searched: a key's __eq__ may give the record another dict.
+        PyRef dict = PyRef::borrow(found);
+        PyObject* value = PyDict_GetItemWithError(dict.get(), name_);  // borrowed from the dict held
         if (value != nullptr) return Py_NewRef(value);
         if (PyErr_Occurred()) return nullptr;
       }
@@ -336,9 +338,9 @@ std::vector<Value> by_path(NativeFacts& native, PyObject* mapping, Value none, c
 // Lists the facts among those whose declarations were converted, once.
 void enlist(const ModuleState& state, FactsObject* facts) {
   NativeFacts& native = native_of(facts);
-  if (native.enlisted || native.view.symbols.loaded() == 0) return;
-  state.facts_with_records->push_back(facts);
-  native.enlisted = true;
+  if (native.live || native.view.symbols.loaded() == 0) return;
+  native.live = *state.facts_with_records;
+  native.live->push_back(facts);
 }
 
 }  // namespace

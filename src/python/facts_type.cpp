@@ -36,7 +36,9 @@ PyRef copy_map(const ModuleState& state, PyObject* source, const char* argument)
 
 PyObject* facts_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
   return entry("ScopeFacts", [&]() -> PyRef {
-    const ModuleState& state = state_of_type(type);
+    const ModuleState* live = live_state_of_type(type);
+    if (live == nullptr) raise(PyExc_RuntimeError, "the scope module was unloaded");
+    const ModuleState& state = *live;
     PyObject* given[kFactsFieldCount] = {};
     // The vectorcall form of the arguments, bound as every function binds them.
     const Py_ssize_t nargs = PyTuple_GET_SIZE(args);
@@ -77,9 +79,10 @@ PyObject* facts_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
 
 int facts_clear(PyObject* self) {
   FactsObject* facts = facts_of(self);
-  std::vector<FactsObject*>* live = state_of_type(Py_TYPE(self)).facts_with_records;
-  if (facts->native != nullptr && live != nullptr)
-    live->erase(std::remove(live->begin(), live->end(), facts), live->end());
+  if (facts->native != nullptr && facts->native->live) {
+    LiveFacts& live = *facts->native->live;
+    live.erase(std::remove(live.begin(), live.end(), facts), live.end());
+  }
   for (auto& slot : facts->fields) Py_CLEAR(slot);
   delete std::exchange(facts->native, nullptr);
   return 0;
@@ -137,7 +140,9 @@ PyObject* facts_get_paths(PyObject* self, void*) {
   return entry("ScopeFacts.paths", [&]() -> PyRef {
     PyObject* files = facts_of(self)->fields[kFiles];
     if (files == nullptr) raise(PyExc_AttributeError, "ScopeFacts was cleared");
-    PyObject* path_name = state_of_type(Py_TYPE(self)).attrs[kFilesTable][file_f::path];
+    const ModuleState* state = live_state_of_type(Py_TYPE(self));
+    if (state == nullptr) raise(PyExc_RuntimeError, "the scope module was unloaded");
+    PyObject* path_name = state->attrs[kFilesTable][file_f::path];
     PyRef paths = check(PyFrozenSet_New(nullptr));
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(files); ++i) {
       PyRef path = check(PyObject_GetAttr(PyTuple_GET_ITEM(files, i), path_name));

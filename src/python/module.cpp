@@ -145,7 +145,7 @@ void populate(PyObject* module, ModuleState& state) {
 
 int exec_module(PyObject* module) {
   ModuleState& state = state_of_module(module);
-  state.facts_with_records = new std::vector<FactsObject*>();
+  state.facts_with_records = new std::shared_ptr<LiveFacts>(std::make_shared<LiveFacts>());
   state.dict_stamps.open();
   PyObject* done = entry("scope", [&]() -> PyRef {
     populate(module, state);
@@ -203,7 +203,11 @@ PyModuleDef module_def = {
 }  // namespace
 
 ModuleState& state_of_module(PyObject* module) { return *static_cast<ModuleState*>(PyModule_GetState(module)); }
-ModuleState& state_of_type(PyTypeObject* type) { return *static_cast<ModuleState*>(PyType_GetModuleState(type)); }
+ModuleState* live_state_of_type(PyTypeObject* type) {
+  auto* state = static_cast<ModuleState*>(PyType_GetModuleState(type));
+  if (state == nullptr) PyErr_Clear();  // the type no longer knows its module
+  return state != nullptr && state->facts_type != nullptr ? state : nullptr;
+}
 const Schema& schema_of(TableId table) { return *kSchemas[table]; }
 
 Where module_set(Name name) {

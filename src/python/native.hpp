@@ -129,7 +129,7 @@ struct NativeFacts {
   DenseIndex<> records;         // address of each declaration record, numbered
   std::vector<Row> record_row;  // by number: the first row that holds the record
   bool records_ready = false;
-  bool enlisted = false;  // in the module state's facts_with_records
+  std::shared_ptr<LiveFacts> live;  // the module's list of such facts, once this one is in it
 };
 
 inline Table& table_of(FactsView& view, TableId id) {

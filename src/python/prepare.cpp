@@ -263,7 +263,8 @@ FactsObject* facts_holding(const ModuleState& state, PyObject* records, std::vec
   const Py_ssize_t count = PyTuple_GET_SIZE(records);
   if (count == 0) return nullptr;
   const auto first = reinterpret_cast<std::uint64_t>(PyTuple_GET_ITEM(records, 0));
-  for (auto it = state.facts_with_records->rbegin(); it != state.facts_with_records->rend(); ++it) {
+  const LiveFacts& live = **state.facts_with_records;
+  for (auto it = live.rbegin(); it != live.rend(); ++it) {
     FactsObject* facts = *it;
     NativeFacts& native = native_of(facts);
     if (!native.records_ready) {

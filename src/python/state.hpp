@@ -3,6 +3,7 @@
 // object (multi-phase initialisation); nothing is kept in process statics.
 #pragma once
 
+#include <memory>
 #include <vector>
 
 #include "../core/rules.hpp"
@@ -13,6 +14,7 @@
 namespace scope::py {
 
 struct FactsObject;
+using LiveFacts = std::vector<FactsObject*>;
 
 // Names the module looks up, interned once per module.
 // clang-format off
@@ -40,13 +42,18 @@ struct ModuleState {
   PyObject* attrs[kTableCount][kMaxFields];  // each schema field's attribute name
   // ScopeFacts whose declarations were converted, so that a list of their
   // own records (as ranked_by_file hands them out) is keyed from the view.
-  // Borrowed: a facts removes itself when it is cleared.
-  std::vector<FactsObject*>* facts_with_records;
+  // Borrowed: a facts removes itself when it is cleared. Each facts listed
+  // shares the list, so that one cleared after the module (at exit, in a
+  // cycle) still finds it.
+  std::shared_ptr<LiveFacts>* facts_with_records;
   DictStamps dict_stamps;  // tells whether a fan-in's dicts changed since they were read
 };
 
 ModuleState& state_of_module(PyObject* module);
-ModuleState& state_of_type(PyTypeObject* type);
+// The state of the module that made `type`, or null (with no error set)
+// once the module is gone or cleared: a ScopeFacts may outlive its module
+// at exit, or be used from a __del__ that runs after the module was cleared.
+ModuleState* live_state_of_type(PyTypeObject* type);
 const Schema& schema_of(TableId table);
 
 // Where a set the module's functions look up (as `scope.NAME_MATCH_KINDS`)

@@ -4,6 +4,7 @@ their own, host errors met on the way, odd containers and numbers, many symbol i
 import contextlib
 import gc
 import random
+import subprocess
 import sys
 import time
 import traceback
@@ -382,6 +383,58 @@ def test_a_cycle_through_the_objects_the_view_holds_is_collected():
     del path, facts
     gc.collect()
     assert alive() is None
+
+
+OUTLIVING = """
+import gc, sys
+from types import SimpleNamespace
+import scope
+
+class Record(Exception):  # keeps its attributes in a dict at a fixed offset, which the module reads directly
+    pass
+
+class Key:  # compared with "kind" while it is looked up, and gives the record another dict meanwhile
+    record = None
+    def __hash__(self):
+        return hash("kind")
+    def __eq__(self, other):
+        record, Key.record = Key.record, None
+        if record is not None:
+            record.__dict__ = {}
+            garbage = [bytes(31) for _ in range(1000)]  # the old dict's memory taken again
+        return False
+
+fields = dict(id=1, path="a.py", name="f", fqn="a.f", start_line=1, end_line=2, is_export=True)
+record = Record()
+record.__dict__.update(fields)
+record.__dict__[Key()] = 0
+record.__dict__["kind"] = "function"
+Key.record = record
+file = SimpleNamespace(id=1, path="a.py", language="python")
+try:
+    scope.ranked_by_file(scope.ScopeFacts((file,), (record,), (), (), (), (), {}, {}), scope.FanIn({}))
+except AttributeError as error:
+    print(error)
+
+class Store:  # a class is part of a cycle: what it holds is freed after the module's types are cleared
+    facts = scope.ScopeFacts((file,), (SimpleNamespace(**fields, kind="function"),), (), (), (), (), {}, {})
+scope.ranked_by_file(Store.facts, scope.FanIn({}))  # listed among the facts with converted declarations
+
+del sys.modules["scope"]
+import scope as second  # another instance of the module, collected with a facts in a cycle
+file.facts = second.ScopeFacts((file,), (), (), (), (), (), {}, {})
+del second, sys.modules["scope"]
+gc.collect()
+print("done")
+"""
+
+
+def test_facts_outlive_their_module_and_records_change_while_they_are_read_without_a_crash():
+    """A record whose dict is replaced while the module searches it, facts freed after the module at
+    exit or collected with a second instance of it: Python's own answer, and a clean exit."""
+    done = subprocess.run([sys.executable, "-c", OUTLIVING], capture_output=True, text=True, check=False)
+    assert (done.returncode, done.stdout, done.stderr) == (
+        0, "'Record' object has no attribute 'start_line'\ndone\n", "")
 
 
 def test_threads_sharing_fresh_facts_and_a_fan_in_give_the_single_threaded_results(monkeypatch):
