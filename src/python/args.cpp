@@ -195,7 +195,7 @@ IdMatch id_of(PyObject* object, std::int64_t& id) {
 }
 
 PyRef get_value(PyObject* mapping, PyObject* key) {
-  if (PyDict_Check(mapping)) {
+  if (PyDict_CheckExact(mapping)) {                           // a subclass may have a `get` of its own
     PyObject* value = PyDict_GetItemWithError(mapping, key);  // borrowed
     if (value == nullptr && PyErr_Occurred()) throw PyError{};
     return PyRef::borrow(value);

@@ -78,7 +78,8 @@ enum class IdMatch { id, none, ask };
 IdMatch id_of(PyObject* object, std::int64_t& id);
 
 // The value of `mapping` for `key` as `mapping.get(key)` gives it (a dict's
-// missing-key hook does not run), or null when it has none.
+// missing-key hook does not run), or null when it has none. Only an exact
+// dict is read in place; any other mapping is asked.
 PyRef get_value(PyObject* mapping, PyObject* key);
 
 }  // namespace scope::py

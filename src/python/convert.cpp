@@ -392,23 +392,29 @@ void load_columns(const ModuleState& state, NativeFacts& native, TableId id, PyO
     read_columns(state, native, id, table, records, missing & via_target & ~table.loaded(), argument, OnError::raise);
 }
 
-void load_table(const ModuleState& state, FactsObject* facts, TableId table, Mask wanted) {
+bool walk_table(const ModuleState& state, FactsObject* facts, TableId table, Mask wanted) {
   NativeFacts& native = native_of(facts);
   Table& columns = table_of(native.view, table);
-  if ((wanted & ~columns.loaded()) == 0) return;
+  if ((wanted & ~columns.loaded()) == 0) return true;
   // The first call that needs a column of the table reads every field the
   // module reads of it, in one walk over the records: a record is visited
   // once per facts, not once per call that needs a field not read yet. A
   // field that could not be read waits, unread, for a call that needs it.
-  UnreadFields& unread = native.unread[table];
-  const Schema& schema = columns.schema();
-  const Mask walk = viewed_fields(schema) & ~columns.loaded() & ~unread.fields;
+  const Mask walk = viewed_fields(columns.schema()) & ~columns.loaded() & ~native.unread[table].fields;
   if (walk & wanted) read_columns(state, native, table, columns, facts->fields[table], walk, "facts", OnError::defer);
   enlist(state, facts);
   // A large cache is dropped (the next reading fills it again); a small one stays.
   if (native.seen.size() > kSeenKept) std::vector<std::pair<PyObject*, StrId>>().swap(native.seen);
+  return (wanted & ~columns.loaded()) == 0;
+}
+
+void load_table(const ModuleState& state, FactsObject* facts, TableId table, Mask wanted) {
+  if (walk_table(state, facts, table, wanted)) return;
+  NativeFacts& native = native_of(facts);
+  Table& columns = table_of(native.view, table);
+  const UnreadFields& unread = native.unread[table];
+  const Schema& schema = columns.schema();
   Mask missing = wanted & ~columns.loaded();
-  if (missing == 0) return;
   // The error a reading of just the missing fields would meet first: the
   // records' own fields row by row, then the target's; the target records
   // come first when a field of the target is missing.

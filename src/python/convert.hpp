@@ -28,6 +28,9 @@ void load_columns(const ModuleState& state, NativeFacts& native, TableId table, 
 // `wanted` that could not be read), the bits of its path sets, its line
 // counts and summaries.
 void load_table(const ModuleState& state, FactsObject* facts, TableId table, Mask wanted);
+// Reads the table as load_table does, in one walk when it was not read yet,
+// without raising: whether every field of `wanted` could be read.
+bool walk_table(const ModuleState& state, FactsObject* facts, TableId table, Mask wanted);
 void load_path_bits(const ModuleState& state, FactsObject* facts, std::uint8_t which);
 void load_line_counts(FactsObject* facts);
 void load_summaries(FactsObject* facts);

@@ -215,12 +215,14 @@ PyRef file_seeds_body(Call& c) {
 }
 
 // The rank keys of `records` (a tuple). The records of a live ScopeFacts
-// (the lists ranked_by_file hands out) are keyed from its view; any others
-// are read attribute by attribute.
+// (the lists ranked_by_file hands out) are keyed from its view when every
+// declaration of it could be read (an error of another record is not these
+// records' own); any others are read attribute by attribute.
 std::vector<RankKey> quota_keys(Call& c, PyObject* records) {
   std::vector<Row> rows;
   std::vector<RankKey> keys;
-  if (FactsObject* facts = facts_holding(c.state, records, rows)) {
+  FactsObject* facts = facts_holding(c.state, records, rows);
+  if (facts != nullptr && walk_table(c.state, facts, kSymbolsTable, kRankKeyNeeds.complete().symbols)) {
     Prepared p(c.module, c.state, facts, kRankKeyNeeds);
     auto fan_in = p.settled_fan_in(c.state, c.arg(1));
     keys.reserve(rows.size());
@@ -406,8 +408,13 @@ PyRef render_consumers_body(Call& c) {
 }
 
 PyRef unused_outside_body(Call& c) {
+  // `used` is taken as a set, hashed before anything else is read.
+  PyObject* given = c.arg(1);
+  if (Py_TYPE(given)->tp_iter == nullptr && !PySequence_Check(given))
+    wrong_type(Where{"used"}, "a collection of symbol ids", given);
+  PyRef used_set = PyAnySet_Check(given) ? PyRef::borrow(given) : check(PySet_New(given));
   Prepared p(c.module, c.state, c.facts(0), kUnusedNeeds);
-  const std::vector<bool> used = slots_in(p.native, c.arg(1), Where{"used"});
+  const std::vector<bool> used = slots_in(p.native, used_set.get(), Where{"used"});
   auto fan_in = p.settled_fan_in(c.state, c.arg(2));
   return records_at(p.facts()->fields[kSymbols], unused_outside(p.view, p.vocab, used, *fan_in));
 }

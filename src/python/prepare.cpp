@@ -26,8 +26,8 @@ void ask_each_slot(const NativeFacts& native, std::vector<bool>& marked, Matches
 
 // The counts of a FanIn's `outside` or `inside` by slot. `plain` stays true
 // while no host code ran: every key and count an int of a dict.
-std::vector<std::int64_t> counts_by_slot(const NativeFacts& native, PyObject* mapping, const char* what,
-                                         const char* value_what, bool& plain) {
+std::vector<std::int64_t> counts_by_slot(const ModuleState& state, const NativeFacts& native, PyObject* mapping,
+                                         const char* what, const char* value_what, bool& plain) {
   const auto& ids = native.view.ids;
   std::vector<std::int64_t> counts(ids.size(), 0);
   std::int64_t id = 0;
@@ -50,18 +50,25 @@ std::vector<std::int64_t> counts_by_slot(const NativeFacts& native, PyObject* ma
     counts.assign(ids.size(), 0);
   }
   plain = false;
-  std::vector<bool> found(ids.size(), false);
-  bool ask = false;
-  for (const auto& [key, value] : mapping_items(mapping, Where{"fan_in", what})) {
-    const std::int64_t count = as_int64(value.get(), Where{"fan_in", value_what});
-    const IdMatch match = id_of(key.get(), id);
-    ask = ask || match == IdMatch::ask;
-    if (match != IdMatch::id) continue;
-    const Slot slot = ids.find(static_cast<std::uint64_t>(id));
-    if (index(slot) < counts.size()) counts[index(slot)] = count, found[index(slot)] = true;
+  // A count is read for an id the view holds and for no other key, as
+  // `.get(id, 0)` reads them.
+  std::vector<bool> asked(ids.size(), false);
+  if (PyDict_CheckExact(mapping)) {
+    bool ask = false;
+    for (const auto& [key, value] : mapping_items(mapping, Where{"fan_in", what})) {
+      const IdMatch match = id_of(key.get(), id);
+      ask = ask || match == IdMatch::ask;
+      if (match != IdMatch::id) continue;
+      const Slot slot = ids.find(static_cast<std::uint64_t>(id));
+      if (index(slot) < counts.size())
+        counts[index(slot)] = as_int64(value.get(), Where{"fan_in", value_what}), asked[index(slot)] = true;
+    }
+    if (!ask) return counts;
+  } else if (!type_has(mapping, state.names[kGet])) {
+    wrong_type(Where{"fan_in", what}, "a mapping", mapping);
   }
-  if (!ask) return counts;
-  std::vector<bool> asked = found;
+  // Any other mapping (a dict subclass may have a `get` of its own), and
+  // keys that only Python can compare with an id, are asked per declaration.
   ask_each_slot(native, asked, [&](PyObject* key) {
     PyRef value = get_value(mapping, key);
     if (!value) return false;
@@ -232,8 +239,8 @@ std::shared_ptr<const FanInSlots> fan_in_slots(const ModuleState& state, NativeF
   }
   bool plain = true;
   auto slots = std::make_shared<FanInSlots>();
-  slots->outside = counts_by_slot(native, outside.get(), "outside", "outside value", plain);
-  slots->inside = counts_by_slot(native, inside.get(), "inside", "inside value", plain);
+  slots->outside = counts_by_slot(state, native, outside.get(), "outside", "outside value", plain);
+  slots->inside = counts_by_slot(state, native, inside.get(), "inside", "inside value", plain);
   if (with_entry) {
     std::vector<bool> in_entry = slots_in(native, entry.get(), Where{"fan_in", "entry"}, &plain);
     slots->entry.assign(in_entry.begin(), in_entry.end());

@@ -19,7 +19,7 @@ using LiveFacts = std::vector<FactsObject*>;
 // Names the module looks up, interned once per module.
 // clang-format off
 #define SCOPE_NAMES(X)                                                                                      \
-  X(kOutside, "outside") X(kInside, "inside") X(kEntry, "entry") X(kKeys, "keys")                              \
+  X(kOutside, "outside") X(kInside, "inside") X(kEntry, "entry") X(kKeys, "keys") X(kGet, "get")                 \
   X(kNameMatchKinds, "NAME_MATCH_KINDS") X(kTypeKinds, "_TYPE_KINDS") X(kCallableKinds, "_CALLABLE_KINDS")     \
   X(kEvidenceResolutions, "EVIDENCE_RESOLUTIONS") X(kTrusted, "_TRUSTED") X(kIsTestPath, "is_test_path")       \
   X(kTestsReaching, "tests_reaching") X(kScopeFiles, "scope_files") X(kInboundReferences, "inbound_references") \

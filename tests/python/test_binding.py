@@ -261,6 +261,55 @@ def test_a_fan_in_of_any_mapping_gives_its_counts():
     assert scope._most_used(symbols, scope.FanIn(PairsAsLists({1: 5, 2: 7}))) == ["`g` L1 (7)", "`f` L1 (5)"]
 
 
+class Doubled(dict):
+    """Counts as the host's own `get` gives them."""
+
+    def get(self, key, default=None):
+        return 2 * dict.__getitem__(self, key) if key in self else default
+
+
+class OnDemand:
+    """A mapping that lists nothing and answers what it is asked."""
+
+    def items(self):
+        return []
+
+    def get(self, key, default=None):
+        return 4 if key == 2 else default
+
+
+class HashedApart:
+    """An id equal to 1 that a set never finds for 1."""
+
+    def __eq__(self, other):
+        return other == 1
+
+    def __hash__(self):
+        return 12345
+
+
+def test_counts_and_ids_are_read_as_get_and_set_read_them_and_no_further():
+    """A fan-in is asked `.get(id, 0)` for each declaration: its own `get` counts, and a value under a
+    key no declaration has is never read; `used` is a set; another record's error is not these records'."""
+    facts = make_facts(["a.py"], [sym(1, "a.py", "f", end=2), sym(2, "a.py", "g", end=9)])
+    for fan_in in [scope.FanIn(Doubled({1: 3}), Doubled({2: 1})), scope.FanIn(OnDemand()),
+                   scope.FanIn({1: 3, 999: 2**64}), scope.FanIn({1: 3}, {"note": "no count"})]:
+        same("_most_used", facts.symbols, fan_in)
+        same("ranked_by_file", facts, fan_in)
+    for used in [[HashedApart()], (1, 1.0), {2: "a key"}]:
+        same("_unused_outside", facts, used, NO_USES)
+    with pytest.raises(TypeError, match="unhashable type: 'dict'"):
+        scope._unused_outside(facts, [{}], NO_USES)
+
+    fields = dict(id=3, path="a.py", fqn="a.x", kind="function", start_line=9, end_line=9, is_export=True)
+    bad = type("Symbol", (), {**fields, "name": raising(KeyError)})()
+    good = [sym(1, "a.py", "f", end=2), sym(2, "a.py", "g", end=9)]
+    alive = make_facts(["a.py"], [*good, bad])
+    with pytest.raises(KeyError, match="from the host"):
+        scope.production_fan_in(alive)  # the facts' declarations are read, and one fails
+    assert scope.select_with_quota({"a.py": good}, NO_USES, 5, 1, 1.0) == good
+
+
 def test_facts_are_equal_by_value_compared_for_equality_only_and_immutable():
     facts, twin = make_facts(["a.py"], [sym(1, "a.py", "f")]), make_facts(["a.py"], [sym(1, "a.py", "f")])
     assert facts == twin and not facts != twin and facts != make_facts(["b.py"])
