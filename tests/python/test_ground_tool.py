@@ -153,6 +153,7 @@ LARGEST = "must be from 0 to 9223372036854775807, not"
                                    " write 'shop/models.py'"),
     (["/elsewhere/x.py"], 2, "page paths are relative to the tree {tree}: '/elsewhere/x.py' is absolute"),
     (["nothing/*.py"], 1, "the page matches no indexed file: nothing/*.py"),
+    (["shop/"], 1, "the page matches no indexed file: shop/; for the files of a folder, write 'shop/*'"),
     ([], 2, "name the page's files: paths or glob patterns relative to the tree (the default page is one of the "
             "standard library)"),
 ])

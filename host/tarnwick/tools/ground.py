@@ -239,7 +239,13 @@ def page_paths(db, patterns: list[str]) -> list[str]:
         else:
             chosen[pattern] = None  # a plain path the index lacks still gets a "not in the index" card
     if not any(path in known for path in chosen):
-        raise GroundError("the page matches no indexed file: " + " ".join(patterns))
+        folders = [
+            pattern.rstrip("/")
+            for pattern in patterns
+            if any(path.startswith(f"{pattern.rstrip('/')}/") for path in indexed)
+        ]
+        hint = f"; for the files of a folder, write '{folders[0]}/*'" if folders else ""
+        raise GroundError("the page matches no indexed file: " + " ".join(patterns) + hint)
     return list(chosen)
 
 
