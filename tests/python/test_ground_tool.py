@@ -1,14 +1,21 @@
 """The grounding tool on trees of its own: an index kept complete and current, the command line, the document."""
 
+import contextlib
 import os
 import shlex
+import signal
 import sqlite3
 import subprocess
 import sys
+import textwrap
+import time
+from pathlib import Path
 
 import pytest
 from test_indexer import write_tree
 
+import scope
+from conftest import ROOT
 from tarnwick.indexer import engine, python_tree
 from tarnwick.storage.database import Database
 from tarnwick.tools import ground as tool
@@ -86,6 +93,106 @@ def test_an_interrupted_indexing_leaves_the_previous_index_or_none_and_the_next_
         assert "- `app/main.py` uses `LIMIT`, `Cart`, `add` (5 refs)" in out
         assert ("shop/new.py" in out, "shop/old.py" in out) == (edited, not edited)
     assert ground(capsys, tree, "shop/models.py")[2] == []  # nothing changed since
+
+
+@contextlib.contextmanager
+def deadline(seconds):
+    """A run that is still going after `seconds` fails instead of hanging the suite."""
+    def late(*args):
+        raise TimeoutError(f"still running after {seconds} s")
+
+    previous = signal.signal(signal.SIGALRM, late)
+    signal.alarm(seconds)
+    try:
+        yield
+    finally:
+        signal.alarm(0)
+        signal.signal(signal.SIGALRM, previous)
+
+
+def test_a_parsing_worker_that_dies_ends_the_run_in_one_line_and_leaves_the_previous_index_or_none(
+        tree, capsys, monkeypatch):
+    # Files that are not Python are parsed by worker processes, forked with what is patched here.
+    write_tree(tree, {f"lib/part{n}.c": f"int part{n}(void) {{ return {n}; }}\n" for n in range(40)})
+    index, here, parse_file = tree.parent / "index.sqlite", os.getpid(), engine.parse_file
+    monkeypatch.setattr(engine, "default_workers", lambda: 2)
+
+    def killed_at(doomed):
+        def parse(root, path, language):
+            if path == doomed and os.getpid() != here:  # as the kernel's out-of-memory killer would
+                os.kill(os.getpid(), signal.SIGKILL)
+            return parse_file(root, path, language)
+        return parse
+
+    for before in (False, True):
+        if before:
+            assert ground(capsys, tree, "shop/models.py")[0] == 0
+            (tree / "lib/part37.c").write_text("int part37(void) { return 0; }\n")
+            write_tree(tree, {"lib/new.c": "int fresh(void) { return part37(); }\n"})
+        previous = index.read_bytes() if before else None
+        monkeypatch.setattr(engine, "parse_file", killed_at("lib/part37.c"))
+        with deadline(30):
+            status, out, err = ground(capsys, tree, "shop/models.py")
+        kept = f"the previous index {index} was kept" if before else "no index was written"
+        assert (status, out, err[-1]) == (1, "", f"ground: error: a process parsing the tree's files ended "
+                                                 f"(signal 9) before it returned them; {kept}")
+        assert len(err) == 2 and err[0].startswith("ground: refreshing" if before else "ground: indexing")
+        assert (index.read_bytes() if before else index.exists()) == (previous if before else False)
+        assert sorted(os.listdir(tree.parent)) == (["index.sqlite", "src"] if before else ["src"])
+        monkeypatch.setattr(engine, "parse_file", parse_file)
+
+
+# A ground whose parsing workers each take a file and hold it for a minute, after saying so in a file of their own.
+STUCK = textwrap.dedent("""\
+    import os, sys, time
+    from tarnwick.indexer import engine
+    from tarnwick.tools import ground
+
+    def stuck(root, path, language):
+        open(os.path.join(sys.argv[1], str(os.getpid())), "w").close()
+        time.sleep(60)
+
+    engine.parse_file, engine.default_workers = stuck, lambda: 2
+    ground.main(sys.argv[2:])
+""")
+
+
+def process_state(pid):
+    """The state letter of a process ("Z" for one that ended and was not reaped yet), None for one gone."""
+    try:
+        with open(f"/proc/{pid}/stat") as stat:
+            return stat.read().rsplit(")", 1)[1].split()[0]
+    except OSError:
+        return None
+
+
+@pytest.mark.skipif(not sys.platform.startswith("linux"), reason="the parent-death signal is Linux's")
+def test_parsing_workers_end_with_the_process_that_started_them(tree):
+    write_tree(tree, {f"lib/part{n}.c": f"int part{n}(void) {{ return {n}; }}\n" for n in range(40)})
+    started = tree.parent / "started"
+    started.mkdir()
+    env = {**os.environ, "PYTHONPATH": f"{Path(scope.__file__).parent}:{ROOT / 'host'}"}
+    run = subprocess.Popen([sys.executable, "-c", STUCK, str(started), "--tree", str(tree), "--index",
+                            str(tree.parent / "index.sqlite")], env=env, stderr=subprocess.DEVNULL)
+    workers = []
+    try:
+        until = time.monotonic() + 30
+        while len(workers) < 2 and run.poll() is None and time.monotonic() < until:
+            time.sleep(0.05)
+            workers = [int(name) for name in os.listdir(started)]
+        assert len(workers) == 2  # both parsing
+        run.kill()  # as the out-of-memory killer would
+        run.wait()
+        until = time.monotonic() + 10
+        while any(process_state(pid) not in (None, "Z") for pid in workers) and time.monotonic() < until:
+            time.sleep(0.05)
+        assert [process_state(pid) in (None, "Z") for pid in workers] == [True, True]
+    finally:
+        run.kill()
+        run.wait()
+        for pid in workers:
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
 
 
 @pytest.mark.parametrize("make, status, message", [

@@ -15,7 +15,9 @@ Parsing
     otherwise; a worker returns plain tuples (declarations, and the names the
     file uses with their counts).  Results are taken in file order, so the
     index is the same whatever the number of workers.  This process is the
-    only writer of the index.
+    only writer of the index.  A worker that dies (the out-of-memory killer)
+    ends the indexing with `ParsingFailed`; on Linux the workers die with
+    this process, so that none is left waiting for work that never comes.
 
 What the index keeps for later runs
     Besides files, declarations and references: each file's size and
@@ -37,6 +39,7 @@ Bringing the index up to date (`refresh`)
 
 from __future__ import annotations
 
+import ctypes
 import fnmatch
 import json
 import multiprocessing
@@ -46,6 +49,8 @@ import sqlite3
 import sys
 import time
 from collections.abc import Iterable, Iterator
+from concurrent.futures import ProcessPoolExecutor
+from concurrent.futures.process import BrokenProcessPool
 from pathlib import Path
 
 from tarnwick.indexer import languages
@@ -61,6 +66,12 @@ PYTHON = "python"
 BATCH = 50_000
 # Files given to a worker at a time.
 CHUNK = 16
+# prctl's request for the signal a process gets when its parent ends (linux/prctl.h).
+PR_SET_PDEATHSIG = 1
+
+
+class ParsingFailed(Exception):
+    """A worker process ended before it returned the files it was given."""
 
 
 def tree_files(root: Path, exclude=(), keep=(), unnamed: list[str] | None = None) -> dict[str, tuple[str, int, int]]:
@@ -135,12 +146,30 @@ def _skipped_folder(entry: os.DirEntry, top: bool) -> bool:
 _root: Path | None = None
 
 
-def _start_worker(root: str) -> None:
+def _start_worker(root: str, parent: int) -> None:
     global _root
     _root = Path(root)
     # Ctrl-C reaches the whole process group: the parent stops the workers
     # and says what happened, the workers do not each print a traceback.
     signal.signal(signal.SIGINT, signal.SIG_IGN)
+    _die_with(parent)
+
+
+def _die_with(parent: int) -> None:
+    """Have the kernel kill this worker when its parent ends (Linux only): a
+    worker whose parent was killed would otherwise wait for work forever.
+    `parent` is the process that started it, or 0 when that is not known."""
+    if not sys.platform.startswith("linux"):
+        return
+    try:
+        prctl = ctypes.CDLL(None, use_errno=True).prctl
+    except (OSError, AttributeError):
+        return
+    unused = ctypes.c_ulong(0)
+    if prctl(PR_SET_PDEATHSIG, ctypes.c_ulong(signal.SIGKILL), unused, unused, unused) != 0:
+        return
+    if parent and os.getppid() != parent:  # it ended before the kernel was asked
+        os._exit(1)
 
 
 def _parse_in_worker(item: tuple[str, str]) -> tuple:
@@ -175,15 +204,56 @@ def default_workers() -> int:
 
 
 def parse_files(root: Path, items: list[tuple[str, str]], workers: int | None) -> Iterator[tuple]:
-    """`parse_file` of each (path, language), in the order given."""
+    """`parse_file` of each (path, language), in the order given.
+
+    Raises `ParsingFailed` when a worker process ends before it returned
+    the files it was given; the workers are stopped when the caller stops
+    early (an error, Ctrl-C)."""
     workers = workers or default_workers()
     if workers <= 1 or len(items) < 2:
         for item in items:
             yield parse_file(root, *item)
         return
     context = multiprocessing.get_context()
-    with context.Pool(min(workers, len(items)), _start_worker, (os.fspath(root),)) as pool:
-        yield from pool.imap(_parse_in_worker, items, CHUNK)
+    # A forkserver's children are the server's, not this process's.
+    parent = 0 if context.get_start_method() == "forkserver" else os.getpid()
+    pool = ProcessPoolExecutor(min(workers, len(items)), context, _start_worker, (os.fspath(root), parent))
+    processes = []
+    complete = False
+    try:
+        results = pool.map(_parse_in_worker, items, chunksize=CHUNK)
+        # Every worker has started once the pool was handed every task; it
+        # keeps them in a private table, the only place to learn how one
+        # ended or to stop them all at once.
+        processes = list((getattr(pool, "_processes", None) or {}).values())
+        yield from results
+        complete = True
+    except BrokenProcessPool:
+        pool.shutdown()  # the pool stops the other workers and reaps them all
+        raise ParsingFailed(
+            f"a process parsing the tree's files ended ({_how_ended(processes)}) before it returned them"
+        ) from None
+    finally:
+        if complete:
+            pool.shutdown()  # each worker ends once it reads that there is no more work
+        else:
+            # The pool cancels what no worker has taken yet, then hears of the
+            # stopped workers and ends its thread.
+            pool.shutdown(wait=False, cancel_futures=True)
+            for process in processes:
+                process.terminate()
+            for process in processes:
+                process.join()
+
+
+def _how_ended(processes: list) -> str:
+    """How the worker that ended on its own ended, of workers that all
+    ended: the pool stops the others with SIGTERM once one is gone."""
+    codes = [process.exitcode for process in processes if process.exitcode is not None]
+    code = next((code for code in codes if code != -signal.SIGTERM), codes[0] if codes else None)
+    if code is None:
+        return "for a reason unknown"
+    return f"signal {-code}" if code < 0 else f"status {code}"
 
 
 # -- the index -----------------------------------------------------------------

@@ -47,6 +47,11 @@ class IndexingInterrupted(Exception):
     """Indexing was interrupted; the message says which index is in place."""
 
 
+class IndexingFailed(Exception):
+    """Indexing stopped before it was done (a worker process died); the
+    message says why and which index is in place."""
+
+
 @dataclass(frozen=True)
 class TreeSettings:
     """What an index is made from: the tree's root (resolved) and the globs
@@ -87,8 +92,9 @@ def current_index(
     What is done and which files could not be indexed is said through `log`;
     the indexer's progress goes to `progress`.  Files are parsed by
     `workers` processes (default: one per core).  Raises `IndexFileError`
-    when the file at `path` is no index or cannot be written, and
-    `IndexingInterrupted` when indexing is interrupted (KeyboardInterrupt).
+    when the file at `path` is no index or cannot be written,
+    `IndexingFailed` when a worker process dies, and `IndexingInterrupted`
+    when indexing is interrupted (KeyboardInterrupt).
     """
     previous = _open_existing(path)
     try:
@@ -203,8 +209,9 @@ def _build(
         _flush(temporary)
         os.replace(temporary, path)
     except KeyboardInterrupt:
-        kept = f"the previous index {printable(path)} was kept" if path.exists() else "no index was written"
-        raise IndexingInterrupted(f"indexing was interrupted; {kept}") from None
+        raise IndexingInterrupted(f"indexing was interrupted; {_kept(path)}") from None
+    except engine.ParsingFailed as error:
+        raise IndexingFailed(f"{error}; {_kept(path)}") from None
     finally:
         temporary.unlink(missing_ok=True)
     return stats
@@ -230,13 +237,18 @@ def _refresh(path: Path, settings: TreeSettings, files: dict, progress, workers:
             if connection.in_transaction:
                 connection.execute("ROLLBACK")
             if isinstance(error, KeyboardInterrupt):
-                raise IndexingInterrupted(
-                    f"indexing was interrupted; the previous index {printable(path)} was kept"
-                ) from None
+                raise IndexingInterrupted(f"indexing was interrupted; {_kept(path)}") from None
+            if isinstance(error, engine.ParsingFailed):
+                raise IndexingFailed(f"{error}; {_kept(path)}") from None
             if isinstance(error, sqlite3.OperationalError):
                 raise IndexFileError(f"cannot write the index {printable(path)}: {error}") from None
             raise
     return stats
+
+
+def _kept(path: Path) -> str:
+    """Which index is in place after a run that stopped before it was done."""
+    return f"the previous index {printable(path)} was kept" if path.exists() else "no index was written"
 
 
 def _keep_rows(connection: sqlite3.Connection, progress) -> None:

@@ -34,7 +34,14 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
-from tarnwick.indexer.index_file import IndexFileError, IndexingInterrupted, TreeSettings, current_index, printable
+from tarnwick.indexer.index_file import (
+    IndexFileError,
+    IndexingFailed,
+    IndexingInterrupted,
+    TreeSettings,
+    current_index,
+    printable,
+)
 from tarnwick.utils.processes import stopped_status, stops_interrupt
 
 DEFAULT_PAGE = ["email/parser.py", "email/feedparser.py", "email/message.py", "email/header.py"]
@@ -196,7 +203,7 @@ def open_index(args: argparse.Namespace):
     settings = TreeSettings(args.tree, tuple(exclude), tuple(keep))
     try:
         return current_index(args.index or default_index(args.tree), settings, args.reindex, _say)
-    except IndexFileError as error:
+    except (IndexFileError, IndexingFailed) as error:
         raise GroundError(str(error)) from None
 
 
