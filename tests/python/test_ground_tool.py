@@ -202,16 +202,54 @@ def test_parsing_workers_end_with_the_process_that_started_them(tree):
      0, "ground: the index {index} was made from another tree or with other settings: indexing {tree} again"),
     (lambda index, run: index.write_bytes(b"not a database, not even close" * 100),
      1, "ground: error: cannot read the index {index}: file is not a database"),
+    (lambda index, run: older_index(index, "python-tree 2, Python 3.9"),
+     0, "ground: the index {index} is incomplete or from another version: indexing {tree} again"),
     (lambda index, run: sqlite3.connect(index).execute("CREATE TABLE notes (text)"),
      1, "ground: error: {index} is no index (it has no files table); choose another index file"),
+    (lambda index, run: application(index, "CREATE TABLE customers (name)"),
+     1, "ground: error: {index} is no index (it has no declarations table); choose another index file"),
+    (lambda index, run: application(index, "CREATE TABLE customers (name)", *INDEX_TABLES),
+     1, "ground: error: {index} is no index (it has a table that no index has: customers); choose another index file"),
+    (lambda index, run: application(index, "CREATE TABLE orders (id)", "CREATE TABLE customers (name)",
+                                    "CREATE TABLE index_info (key, value)", *INDEX_TABLES,
+                                    "INSERT INTO index_info VALUES ('format', 'orders 2')"),
+     1, "ground: error: {index} is no index (it has tables that no index has: customers, orders); choose another "
+        "index file"),
     (lambda index, run: index.mkdir(),
      1, "ground: error: {index} is a folder; the index is a file: choose another index file"),
 ])
 def test_index_files_that_cannot_be_used_as_they_are(tree, capsys, make, status, message):
     index = tree.parent / "index.sqlite"
     make(index, lambda *args: ground(capsys, tree, *args))
+    before = index.read_bytes() if index.is_file() else None
     assert ground(capsys, tree, "shop/models.py")[::2] == (status, [message.format(index=index, tree=tree)] + (
         UNINDEXED if status == 0 else []))
+    if status != 0:  # someone else's file is left as it was
+        assert (index.read_bytes() if index.is_file() else None) == before
+
+
+# Beside files, the tables of the first indexes, which marked no format.
+INDEX_TABLES = ["CREATE TABLE declarations (id INTEGER PRIMARY KEY, file_id INTEGER, name TEXT, fqn TEXT, kind TEXT,"
+                " start_line INTEGER, end_line INTEGER, exported INTEGER)",
+                "CREATE TABLE refs (id INTEGER PRIMARY KEY, source_file_id INTEGER, target_id INTEGER, resolution TEXT,"
+                " count INTEGER)",
+                "CREATE TABLE resolved_languages (language TEXT PRIMARY KEY)"]
+
+
+def application(index, *statements):
+    """Someone's database: a table of files, and whatever `statements` add."""
+    with contextlib.closing(sqlite3.connect(index)) as db, db:
+        db.execute("CREATE TABLE files (id INTEGER PRIMARY KEY, path TEXT NOT NULL UNIQUE, "
+                   "language TEXT)")
+        db.execute("INSERT INTO files (path) VALUES ('invoice.pdf')")
+        for statement in statements:
+            db.execute(statement)
+
+
+def older_index(index, format):
+    """A complete index of an older version, marked with its `format`."""
+    with Database(index) as db:
+        db.set_info({"format": format, "complete": "yes"})
 
 
 def test_an_index_damaged_after_its_check_and_a_stdout_that_cannot_be_written_are_one_line(tree, capsys,

@@ -4,7 +4,9 @@ A first index is built into a temporary file beside its destination and
 moved into place only once it is complete, so that an interrupted run
 leaves no partial index.  Its `index_info` holds the indexer's format, the
 tree and the settings it was made from, and a completion mark; an index
-without them (one made by an older version) is built again.
+without them (one made by an older version) is built again.  A file that
+no version of this indexer wrote (someone's own database) is neither
+refreshed nor replaced.
 
 Before an index is used, the size and modification time of every file of
 the tree are compared with those it recorded.  When files changed, were
@@ -15,8 +17,10 @@ and leaves the previous index.
 
 from __future__ import annotations
 
+import functools
 import json
 import os
+import re
 import sqlite3
 import sys
 import time
@@ -33,6 +37,11 @@ from tarnwick.storage.database import Database
 # interpreter that wrote them. The files' summaries are stored too: a change
 # to `file_summary`, or to how files are read, needs a new format.
 FORMAT = f"tree 6, python-tree 3, Python {sys.version_info.major}.{sys.version_info.minor}"
+# FORMAT as every version of this indexer wrote it, to know an index of
+# another version from someone else's database.
+FORMAT_SHAPE = re.compile(r"(tree \d+, )?python-tree \d+, Python \d+\.\d+")
+# The tables every index this indexer wrote holds, from its first version on.
+FIRST_TABLES = ("files", "declarations", "refs", "resolved_languages")
 # SQLite's page cache while an index is written (KiB).
 CACHE_KIB = 256 * 1024
 # How many changed or unindexed files are named before the rest is counted.
@@ -134,13 +143,46 @@ def _open_existing(path: Path) -> Database | None:
             finally:
                 connection.close()
         db = Database(path, readonly=True)
-        tables = {row[0] for row in db.connection.execute("SELECT name FROM sqlite_master WHERE type = 'table'")}
+        tables = {
+            row[0]
+            for row in db.connection.execute(
+                "SELECT name FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\'"
+            )
+        }
     except sqlite3.DatabaseError as error:
         raise IndexFileError(f"cannot read the index {printable(path)}: {error}") from None
-    if "files" not in tables:
+    problem = _foreign(db, tables)
+    if problem is not None:
         db.close()
-        raise IndexFileError(f"{printable(path)} is no index (it has no files table); choose another index file")
+        raise IndexFileError(f"{printable(path)} is no index ({problem}); choose another index file")
     return db
+
+
+def _foreign(db: Database, tables: set[str]) -> str | None:
+    """Why the database is none that this indexer wrote, or None when it is
+    one: only such a file may be refreshed or replaced.  Every version wrote
+    the tables of FIRST_TABLES, and marks its format in `index_info`; one
+    without the mark holds no table that an index does not."""
+    missing = [table for table in FIRST_TABLES if table not in tables]
+    if missing:
+        return f"it has no {missing[0]} table"
+    try:
+        row = db.connection.execute("SELECT value FROM index_info WHERE key = 'format'").fetchone()
+    except sqlite3.DatabaseError:  # no such table, or not the columns of an index's
+        row = None
+    if row is not None and isinstance(row[0], str) and FORMAT_SHAPE.match(row[0]):
+        return None
+    others = sorted(tables - _index_tables())
+    if others:
+        return f"it has {'a table' if len(others) == 1 else 'tables'} that no index has: {', '.join(others)}"
+    return None
+
+
+@functools.cache
+def _index_tables() -> frozenset[str]:
+    """The tables an index of this version holds."""
+    with Database() as db:
+        return frozenset(row[0] for row in db.connection.execute("SELECT name FROM sqlite_master WHERE type = 'table'"))
 
 
 def _verdict(
