@@ -252,6 +252,17 @@ def older_index(index, format):
         db.set_info({"format": format, "complete": "yes"})
 
 
+@pytest.mark.parametrize("inside", ["notes.txt", "notes.txt/deeper"])
+def test_an_index_that_cannot_be_written_where_it_is_asked_for_is_one_line(tree, capsys, inside):
+    (tree.parent / "notes.txt").write_text("a file, not a folder\n")
+    index = tree.parent / inside / "index.sqlite"
+    status, out, err = tool.main(["--tree", str(tree), "--index", str(index), "shop/models.py"]), *capsys.readouterr()
+    assert (status, out, err.splitlines()) == (1, "", [
+        f"ground: indexing {tree} into {index}",
+        f"ground: error: cannot write the index {index}: {tree.parent / 'notes.txt'} is a file, not a folder"])
+    assert sorted(os.listdir(tree.parent)) == ["notes.txt", "src"]
+
+
 def test_an_index_damaged_after_its_check_and_a_stdout_that_cannot_be_written_are_one_line(tree, capsys,
                                                                                             monkeypatch):
     index = tree.parent / "index.sqlite"

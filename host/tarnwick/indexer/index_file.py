@@ -17,6 +17,7 @@ and leaves the previous index.
 
 from __future__ import annotations
 
+import contextlib
 import functools
 import json
 import os
@@ -232,12 +233,22 @@ def _build(
     temporary = path.with_name(f".{path.name}.{os.getpid()}.tmp")
     try:
         try:
-            path.parent.mkdir(parents=True, exist_ok=True)
+            try:
+                path.parent.mkdir(parents=True, exist_ok=True)
+            except (FileExistsError, NotADirectoryError) as error:
+                in_the_way = next((folder for folder in path.parents if folder.exists()), None)
+                if in_the_way is None or in_the_way.is_dir():
+                    raise
+                raise IndexFileError(
+                    f"cannot write the index {printable(path)}: {printable(in_the_way)} is a file, not a folder"
+                ) from error
             temporary.unlink(missing_ok=True)
             # The move into place makes the index atomic; SQLite's own journal
             # would only slow the bulk load down.
             db = Database(temporary, journal=False)
-        except (OSError, sqlite3.DatabaseError) as error:
+        except OSError as error:
+            raise IndexFileError(f"cannot write the index {printable(path)}: {error.strerror or error}") from None
+        except sqlite3.DatabaseError as error:
             raise IndexFileError(f"cannot write the index {printable(path)}: {error}") from None
         with db:
             db.connection.execute(f"PRAGMA cache_size = -{CACHE_KIB}")
@@ -248,14 +259,20 @@ def _build(
                 engine.build(db, settings.root, files, stats, workers, progress)
                 _keep_rows(db.connection, progress)
             db.set_info({**settings.info(), "complete": "yes"})
-        _flush(temporary)
-        os.replace(temporary, path)
+        try:
+            _flush(temporary)
+            os.replace(temporary, path)
+        except OSError as error:
+            raise IndexFileError(f"cannot write the index {printable(path)}: {error.strerror or error}") from None
     except KeyboardInterrupt:
         raise IndexingInterrupted(f"indexing was interrupted; {_kept(path)}") from None
     except engine.ParsingFailed as error:
         raise IndexingFailed(f"{error}; {_kept(path)}") from None
     finally:
-        temporary.unlink(missing_ok=True)
+        # Where the index could not be written, the temporary file most
+        # likely could not be made either: the error that said so stands.
+        with contextlib.suppress(OSError):
+            temporary.unlink(missing_ok=True)
     return stats
 
 
