@@ -263,6 +263,28 @@ def test_an_index_that_cannot_be_written_where_it_is_asked_for_is_one_line(tree,
     assert sorted(os.listdir(tree.parent)) == ["notes.txt", "src"]
 
 
+def test_a_disk_that_fills_up_while_an_index_is_built_is_one_line_and_leaves_the_previous_index_or_none(
+        tree, capsys, monkeypatch):
+    write_tree(tree, {"shop/many.py": "".join(f"def step{n}():\n    return {n}\n" for n in range(300))})
+    index, index_python = tree.parent / "index.sqlite", engine.index_python
+
+    def filling(db, *args, **kwargs):  # the new index may not grow past its empty tables
+        db.connection.execute(f"PRAGMA max_page_count = {db.connection.execute('PRAGMA page_count').fetchone()[0]}")
+        return index_python(db, *args, **kwargs)
+
+    for before in (False, True):
+        if before:
+            assert ground(capsys, tree, "shop/models.py")[0] == 0
+        previous = index.read_bytes() if before else None
+        monkeypatch.setattr(engine, "index_python", filling)
+        status, out, err = ground(capsys, tree, "shop/models.py", "--reindex")
+        monkeypatch.setattr(engine, "index_python", index_python)
+        assert (status, out, err[-1]) == (1, "", f"ground: error: cannot write the index {index}: database or disk "
+                                                 "is full")
+        assert (index.read_bytes() if index.exists() else None) == previous
+        assert sorted(os.listdir(tree.parent)) == (["index.sqlite", "src"] if before else ["src"])
+
+
 def test_an_index_damaged_after_its_check_and_a_stdout_that_cannot_be_written_are_one_line(tree, capsys,
                                                                                             monkeypatch):
     index = tree.parent / "index.sqlite"

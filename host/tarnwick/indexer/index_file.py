@@ -246,10 +246,8 @@ def _build(
             # The move into place makes the index atomic; SQLite's own journal
             # would only slow the bulk load down.
             db = Database(temporary, journal=False)
-        except OSError as error:
-            raise IndexFileError(f"cannot write the index {printable(path)}: {error.strerror or error}") from None
-        except sqlite3.DatabaseError as error:
-            raise IndexFileError(f"cannot write the index {printable(path)}: {error}") from None
+        except (OSError, sqlite3.DatabaseError) as error:
+            raise _write_failed(path, error) from None
         with db:
             db.connection.execute(f"PRAGMA cache_size = -{CACHE_KIB}")
             stats = IndexStats()
@@ -263,7 +261,9 @@ def _build(
             _flush(temporary)
             os.replace(temporary, path)
         except OSError as error:
-            raise IndexFileError(f"cannot write the index {printable(path)}: {error.strerror or error}") from None
+            raise _write_failed(path, error) from None
+    except sqlite3.OperationalError as error:  # the disk filled up, say, while the new index was written
+        raise _write_failed(path, error) from None
     except KeyboardInterrupt:
         raise IndexingInterrupted(f"indexing was interrupted; {_kept(path)}") from None
     except engine.ParsingFailed as error:
@@ -281,7 +281,7 @@ def _refresh(path: Path, settings: TreeSettings, files: dict, progress, workers:
     try:
         db = Database(path)
     except (OSError, sqlite3.DatabaseError) as error:
-        raise IndexFileError(f"cannot write the index {printable(path)}: {error}") from None
+        raise _write_failed(path, error) from None
     with db:
         connection = db.connection
         connection.isolation_level = None  # the transaction is this function's
@@ -300,9 +300,15 @@ def _refresh(path: Path, settings: TreeSettings, files: dict, progress, workers:
             if isinstance(error, engine.ParsingFailed):
                 raise IndexingFailed(f"{error}; {_kept(path)}") from None
             if isinstance(error, sqlite3.OperationalError):
-                raise IndexFileError(f"cannot write the index {printable(path)}: {error}") from None
+                raise _write_failed(path, error) from None
             raise
     return stats
+
+
+def _write_failed(path: Path, error: OSError | sqlite3.DatabaseError) -> IndexFileError:
+    """The error for an index that could not be written."""
+    reason = error.strerror if isinstance(error, OSError) and error.strerror else error
+    return IndexFileError(f"cannot write the index {printable(path)}: {reason}")
 
 
 def _kept(path: Path) -> str:
