@@ -8,6 +8,7 @@ import sqlite3
 import subprocess
 import sys
 import textwrap
+import threading
 import time
 from pathlib import Path
 
@@ -16,7 +17,7 @@ from test_indexer import write_tree
 
 import scope
 from conftest import ROOT
-from tarnwick.indexer import engine, python_tree
+from tarnwick.indexer import engine, index_file, python_tree
 from tarnwick.storage.database import Database
 from tarnwick.tools import ground as tool
 
@@ -283,6 +284,42 @@ def test_a_disk_that_fills_up_while_an_index_is_built_is_one_line_and_leaves_the
                                                  "is full")
         assert (index.read_bytes() if index.exists() else None) == previous
         assert sorted(os.listdir(tree.parent)) == (["index.sqlite", "src"] if before else ["src"])
+
+
+def test_a_run_waits_for_another_that_updates_the_index_and_says_so_when_that_takes_too_long(
+        tree, capsys, monkeypatch):
+    index = tree.parent / "index.sqlite"
+    assert ground(capsys, tree, "shop/models.py")[0] == 0
+    other = sqlite3.connect(index, isolation_level=None, check_same_thread=False)  # the other run's
+    refreshing = f"ground: refreshing the index of {tree}: 1 changed (shop/models.py)"
+    waiting = f"ground: another run is updating the index {index}: waiting for it to finish"
+    said, ending = tool._say, threading.Timer(0.3, other.execute, ["COMMIT"])
+
+    def say(message):  # the other run ends a little after this one started waiting
+        said(message)
+        if message.startswith("another run"):
+            ending.start()
+
+    (tree / "shop/models.py").write_text("\n" + TREE["shop/models.py"])
+    other.execute("BEGIN IMMEDIATE")
+    with monkeypatch.context() as patch:
+        patch.setattr(tool, "_say", say)
+        status, out, err = ground(capsys, tree, "shop/models.py")
+    ending.join()
+    assert (status, err) == (0, [refreshing, waiting] + UNINDEXED)
+    assert "| `shop/models.py` | 8 | 3 | Cart and items. |" in out
+
+    (tree / "shop/models.py").write_text("\n\n" + TREE["shop/models.py"])
+    other.execute("BEGIN IMMEDIATE")
+    before = index.read_bytes()
+    monkeypatch.setattr(index_file, "BUSY_SECONDS", 0.2)
+    status, out, err = ground(capsys, tree, "shop/models.py")
+    assert (status, out, err) == (1, "", [refreshing, waiting, f"ground: error: cannot write the index {index}: "
+                                          "another run is still updating it after 0.2 s; try again once it is done"])
+    other.execute("COMMIT")
+    other.close()
+    assert index.read_bytes() == before
+    assert ground(capsys, tree, "shop/models.py")[::2] == (0, [refreshing] + UNINDEXED)
 
 
 def test_an_index_damaged_after_its_check_and_a_stdout_that_cannot_be_written_are_one_line(tree, capsys,

@@ -43,6 +43,8 @@ FORMAT = f"tree 6, python-tree 3, Python {sys.version_info.major}.{sys.version_i
 FORMAT_SHAPE = re.compile(r"(tree \d+, )?python-tree \d+, Python \d+\.\d+")
 # The tables every index this indexer wrote holds, from its first version on.
 FIRST_TABLES = ("files", "declarations", "refs", "resolved_languages")
+# How long a run waits for another that updates the same index (seconds).
+BUSY_SECONDS = 300.0
 # SQLite's page cache while an index is written (KiB).
 CACHE_KIB = 256 * 1024
 # How many changed or unindexed files are named before the rest is counted.
@@ -118,7 +120,7 @@ def current_index(
         if mode == "refresh":
             previous.close()
             previous = None
-            stats = _refresh(path, settings, files, progress, workers)
+            stats = _refresh(path, settings, files, progress, workers, log)
         else:
             stats = _build(path, settings, files, previous if mode == "reuse" else None, progress, workers)
     finally:
@@ -126,7 +128,7 @@ def current_index(
             previous.close()
     stats.unnamed = sorted(set(stats.unnamed) | set(unnamed))
     _report_unindexed(stats, log)
-    return Database(path, readonly=True)
+    return Database(path, readonly=True, timeout=BUSY_SECONDS)
 
 
 def _open_existing(path: Path) -> Database | None:
@@ -138,12 +140,12 @@ def _open_existing(path: Path) -> Database | None:
         if Path(f"{path}-journal").exists():
             # A run that was killed while bringing the index up to date left
             # SQLite's journal: a writer's first read rolls the index back.
-            connection = sqlite3.connect(path)
+            connection = sqlite3.connect(path, timeout=BUSY_SECONDS)
             try:
                 connection.execute("SELECT COUNT(*) FROM sqlite_master").fetchall()
             finally:
                 connection.close()
-        db = Database(path, readonly=True)
+        db = Database(path, readonly=True, timeout=BUSY_SECONDS)
         tables = {
             row[0]
             for row in db.connection.execute(
@@ -276,10 +278,12 @@ def _build(
     return stats
 
 
-def _refresh(path: Path, settings: TreeSettings, files: dict, progress, workers: int | None) -> IndexStats:
+def _refresh(
+    path: Path, settings: TreeSettings, files: dict, progress, workers: int | None, log: Callable[[str], None]
+) -> IndexStats:
     """Bring the index at `path` up to date in one transaction."""
     try:
-        db = Database(path)
+        db = Database(path, timeout=BUSY_SECONDS)
     except (OSError, sqlite3.DatabaseError) as error:
         raise _write_failed(path, error) from None
     with db:
@@ -288,7 +292,7 @@ def _refresh(path: Path, settings: TreeSettings, files: dict, progress, workers:
         connection.execute(f"PRAGMA cache_size = -{CACHE_KIB}")
         stats = IndexStats()
         try:
-            connection.execute("BEGIN IMMEDIATE")
+            _begin(connection, path, log)
             engine.refresh(db, settings.root, files, stats, settings.exclude, settings.keep, workers, progress)
             _keep_rows(connection, progress)
             connection.execute("COMMIT")
@@ -305,9 +309,33 @@ def _refresh(path: Path, settings: TreeSettings, files: dict, progress, workers:
     return stats
 
 
+def _begin(connection: sqlite3.Connection, path: Path, log: Callable[[str], None]) -> None:
+    """Begin the update, once another run that updates the index is done
+    (it is waited for BUSY_SECONDS at most, and said to be)."""
+    connection.execute("PRAGMA busy_timeout = 0")
+    try:
+        connection.execute("BEGIN IMMEDIATE")
+        return
+    except sqlite3.OperationalError as error:
+        if not _busy(error):
+            raise
+        log(f"another run is updating the index {printable(path)}: waiting for it to finish")
+    finally:
+        connection.execute(f"PRAGMA busy_timeout = {round(BUSY_SECONDS * 1000)}")
+    connection.execute("BEGIN IMMEDIATE")
+
+
+def _busy(error: sqlite3.Error) -> bool:
+    """Whether another connection held the database locked."""
+    return (getattr(error, "sqlite_errorname", None) or "").startswith("SQLITE_BUSY")
+
+
 def _write_failed(path: Path, error: OSError | sqlite3.DatabaseError) -> IndexFileError:
     """The error for an index that could not be written."""
-    reason = error.strerror if isinstance(error, OSError) and error.strerror else error
+    if isinstance(error, sqlite3.Error) and _busy(error):
+        reason = f"another run is still updating it after {BUSY_SECONDS:g} s; try again once it is done"
+    else:
+        reason = error.strerror if isinstance(error, OSError) and error.strerror else error
     return IndexFileError(f"cannot write the index {printable(path)}: {reason}")
 
 

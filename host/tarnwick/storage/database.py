@@ -159,16 +159,25 @@ class Database:
     With ``readonly`` the file must exist and is neither changed nor given
     a schema.  Without ``journal`` SQLite keeps no rollback journal and
     does not wait for the disk: for a file that is built once and moved
-    into place only when complete.  The handle is a context manager that
-    closes the connection on exit.
+    into place only when complete.  A statement that finds the file locked
+    by another connection waits up to ``timeout`` seconds for it.  The
+    handle is a context manager that closes the connection on exit.
     """
 
-    def __init__(self, path: str | os.PathLike[str] = ":memory:", readonly: bool = False, journal: bool = True) -> None:
+    def __init__(
+        self,
+        path: str | os.PathLike[str] = ":memory:",
+        readonly: bool = False,
+        journal: bool = True,
+        timeout: float = 5.0,
+    ) -> None:
         self.path = os.fspath(path)
         if readonly:
-            self.connection = sqlite3.connect(f"{Path(self.path).absolute().as_uri()}?mode=ro", uri=True)
+            self.connection = sqlite3.connect(
+                f"{Path(self.path).absolute().as_uri()}?mode=ro", uri=True, timeout=timeout
+            )
         else:
-            self.connection = sqlite3.connect(self.path)
+            self.connection = sqlite3.connect(self.path, timeout=timeout)
         if not journal:
             self.connection.execute("PRAGMA journal_mode = OFF")
             self.connection.execute("PRAGMA synchronous = OFF")
