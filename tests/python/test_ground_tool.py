@@ -1,6 +1,7 @@
 """The grounding tool on trees of its own: an index kept complete and current, the command line, the document."""
 
 import contextlib
+import multiprocessing.connection
 import os
 import shlex
 import signal
@@ -111,19 +112,30 @@ def deadline(seconds):
         signal.signal(signal.SIGALRM, previous)
 
 
+@pytest.mark.parametrize("sending", [False, True], ids=["while parsing", "while sending its results"])
 def test_a_parsing_worker_that_dies_ends_the_run_in_one_line_and_leaves_the_previous_index_or_none(
-        tree, capsys, monkeypatch):
+        tree, capsys, monkeypatch, sending):
     # Files that are not Python are parsed by worker processes, forked with what is patched here.
     write_tree(tree, {f"lib/part{n}.c": f"int part{n}(void) {{ return {n}; }}\n" for n in range(40)})
     index, here, parse_file = tree.parent / "index.sqlite", os.getpid(), engine.parse_file
+    send = multiprocessing.connection.Connection._send
     monkeypatch.setattr(engine, "default_workers", lambda: 2)
 
-    def killed_at(doomed):
+    def killed_at(doomed):  # as the kernel's out-of-memory killer would
         def parse(root, path, language):
-            if path == doomed and os.getpid() != here:  # as the kernel's out-of-memory killer would
+            if path != doomed or os.getpid() == here:
+                return parse_file(root, path, language)
+            if not sending:
                 os.kill(os.getpid(), signal.SIGKILL)
-            return parse_file(root, path, language)
+            problem, decls, uses, (lines, _summary) = parse_file(root, path, language)
+            return problem, decls, uses, (lines, "x" * 1_000_000)  # results that take many writes to send
         return parse
+
+    def half_sent(connection, data, *args):  # the worker dies halfway through sending the large results
+        if len(data) > 500_000 and os.getpid() != here:
+            send(connection, bytes(data[: len(data) // 2]), *args)
+            os.kill(os.getpid(), signal.SIGKILL)
+        return send(connection, data, *args)
 
     for before in (False, True):
         if before:
@@ -131,8 +143,9 @@ def test_a_parsing_worker_that_dies_ends_the_run_in_one_line_and_leaves_the_prev
             (tree / "lib/part37.c").write_text("int part37(void) { return 0; }\n")
             write_tree(tree, {"lib/new.c": "int fresh(void) { return part37(); }\n"})
         previous = index.read_bytes() if before else None
-        monkeypatch.setattr(engine, "parse_file", killed_at("lib/part37.c"))
-        with deadline(30):
+        with monkeypatch.context() as patch, deadline(30):
+            patch.setattr(engine, "parse_file", killed_at("lib/part37.c"))
+            patch.setattr(multiprocessing.connection.Connection, "_send", half_sent)
             status, out, err = ground(capsys, tree, "shop/models.py")
         kept = f"the previous index {index} was kept" if before else "no index was written"
         assert (status, out, err[-1]) == (1, "", f"ground: error: a process parsing the tree's files ended "
@@ -140,7 +153,6 @@ def test_a_parsing_worker_that_dies_ends_the_run_in_one_line_and_leaves_the_prev
         assert len(err) == 2 and err[0].startswith("ground: refreshing" if before else "ground: indexing")
         assert (index.read_bytes() if before else index.exists()) == (previous if before else False)
         assert sorted(os.listdir(tree.parent)) == (["index.sqlite", "src"] if before else ["src"])
-        monkeypatch.setattr(engine, "parse_file", parse_file)
 
 
 # A ground whose parsing workers each take a file and hold it for a minute, after saying so in a file of their own.

@@ -39,8 +39,10 @@ Bringing the index up to date (`refresh`)
 
 from __future__ import annotations
 
+import contextlib
 import ctypes
 import fnmatch
+import itertools
 import json
 import multiprocessing
 import os
@@ -48,9 +50,10 @@ import signal
 import sqlite3
 import sys
 import time
+from collections import deque
 from collections.abc import Iterable, Iterator
-from concurrent.futures import ProcessPoolExecutor
-from concurrent.futures.process import BrokenProcessPool
+from dataclasses import dataclass, field
+from multiprocessing.connection import Connection, wait
 from pathlib import Path
 
 from tarnwick.indexer import languages
@@ -66,6 +69,8 @@ PYTHON = "python"
 BATCH = 50_000
 # Files given to a worker at a time.
 CHUNK = 16
+# Batches handed to a worker ahead: one it parses, one it takes next.
+AHEAD = 2
 # prctl's request for the signal a process gets when its parent ends (linux/prctl.h).
 PR_SET_PDEATHSIG = 1
 
@@ -172,8 +177,25 @@ def _die_with(parent: int) -> None:
         os._exit(1)
 
 
-def _parse_in_worker(item: tuple[str, str]) -> tuple:
-    return parse_file(_root, *item)
+def _work(root: str, parent: int, batches: Connection, results: Connection) -> None:
+    """A worker: parse each batch it is handed and send back (number, the
+    parse of each file, None), or (number, None, the error met), until it is
+    handed None."""
+    _start_worker(root, parent)
+    while True:
+        try:
+            batch = batches.recv()
+        except EOFError:
+            return
+        if batch is None:
+            return
+        number, items = batch
+        try:
+            parsed = [parse_file(_root, *item) for item in items]
+        except Exception as error:
+            results.send((number, None, error))
+        else:
+            results.send((number, parsed, None))
 
 
 def parse_file(root: Path, path: str, language: str) -> tuple:
@@ -207,53 +229,122 @@ def parse_files(root: Path, items: list[tuple[str, str]], workers: int | None) -
     """`parse_file` of each (path, language), in the order given.
 
     Raises `ParsingFailed` when a worker process ends before it returned
-    the files it was given; the workers are stopped when the caller stops
-    early (an error, Ctrl-C)."""
+    the files it was given, and a worker's own error as it was raised; the
+    workers are stopped when the caller stops early (an error, Ctrl-C)."""
     workers = workers or default_workers()
     if workers <= 1 or len(items) < 2:
         for item in items:
             yield parse_file(root, *item)
         return
-    context = multiprocessing.get_context()
-    # A forkserver's children are the server's, not this process's.
-    parent = 0 if context.get_start_method() == "forkserver" else os.getpid()
-    pool = ProcessPoolExecutor(min(workers, len(items)), context, _start_worker, (os.fspath(root), parent))
-    processes = []
+    batches = [items[start : start + CHUNK] for start in range(0, len(items), CHUNK)]
+    pool = _Pool(root, min(workers, len(batches)))
     complete = False
     try:
-        results = pool.map(_parse_in_worker, items, chunksize=CHUNK)
-        # Every worker has started once the pool was handed every task; it
-        # keeps them in a private table, the only place to learn how one
-        # ended or to stop them all at once.
-        processes = list((getattr(pool, "_processes", None) or {}).values())
-        yield from results
+        yield from pool.parse(batches)
         complete = True
-    except BrokenProcessPool:
-        pool.shutdown()  # the pool stops the other workers and reaps them all
-        raise ParsingFailed(
-            f"a process parsing the tree's files ended ({_how_ended(processes)}) before it returned them"
-        ) from None
     finally:
-        if complete:
-            pool.shutdown()  # each worker ends once it reads that there is no more work
-        else:
-            # The pool cancels what no worker has taken yet, then hears of the
-            # stopped workers and ends its thread.
-            pool.shutdown(wait=False, cancel_futures=True)
-            for process in processes:
-                process.terminate()
-            for process in processes:
-                process.join()
+        pool.stop(complete)
 
 
-def _how_ended(processes: list) -> str:
-    """How the worker that ended on its own ended, of workers that all
-    ended: the pool stops the others with SIGTERM once one is gone."""
-    codes = [process.exitcode for process in processes if process.exitcode is not None]
-    code = next((code for code in codes if code != -signal.SIGTERM), codes[0] if codes else None)
-    if code is None:
-        return "for a reason unknown"
-    return f"signal {-code}" if code < 0 else f"status {code}"
+@dataclass
+class _Worker:
+    """A worker process of a `_Pool`, with this process's ends of its pipes."""
+
+    process: multiprocessing.process.BaseProcess
+    batches: Connection  # this process's end: it sends
+    results: Connection  # this process's end: it receives
+    handed: deque[int] = field(default_factory=deque)  # the numbers of the batches it has yet to return
+
+
+class _Pool:
+    """Worker processes, each with a pipe of its own for the batches it is
+    handed and one for its results.  Only a worker holds the sending end of
+    its results, so that the pipe ends when the worker does, even halfway
+    through a message; a pool whose workers share one pipe waits forever
+    for the rest of that message."""
+
+    def __init__(self, root: Path, size: int) -> None:
+        context = multiprocessing.get_context()
+        # A forkserver's children are the server's, not this process's.
+        parent = 0 if context.get_start_method() == "forkserver" else os.getpid()
+        self.workers: list[_Worker] = []
+        try:
+            for _ in range(size):
+                batches, to_worker = context.Pipe(duplex=False)
+                from_worker, results = context.Pipe(duplex=False)
+                process = context.Process(
+                    target=_work, args=(os.fspath(root), parent, batches, results), name="parsing", daemon=True
+                )
+                process.start()
+                # The worker's ends are its own from now on: closed here before
+                # the next worker starts, so that it does not get them either.
+                batches.close()
+                results.close()
+                self.workers.append(_Worker(process, to_worker, from_worker))
+        except BaseException:
+            self.stop(complete=False)
+            raise
+
+    def parse(self, batches: list[list]) -> Iterator[tuple]:
+        """The parse of each file of `batches`, in order."""
+        done: dict[int, list] = {}
+        waiting = iter(range(len(batches)))
+        for worker in self.workers:
+            for number in itertools.islice(waiting, AHEAD):
+                self._hand(worker, number, batches[number])
+        for number in range(len(batches)):
+            while number not in done:
+                busy = [worker for worker in self.workers if worker.handed]
+                ready = wait([worker.results for worker in busy] + [worker.process.sentinel for worker in busy])
+                for worker in busy:
+                    if worker.results in ready or worker.process.sentinel in ready:
+                        self._receive(worker, done)
+                        for following in itertools.islice(waiting, AHEAD - len(worker.handed)):
+                            self._hand(worker, following, batches[following])
+            yield from done.pop(number)
+
+    def _hand(self, worker: _Worker, number: int, batch: list) -> None:
+        try:
+            worker.batches.send((number, batch))
+        except OSError:  # nobody reads the pipe any more
+            raise ParsingFailed(self._died(worker)) from None
+        worker.handed.append(number)
+
+    def _receive(self, worker: _Worker, done: dict[int, list]) -> None:
+        """Take the results the worker sent; a worker that ended before it
+        returned every batch it was handed is an error."""
+        while worker.handed and worker.results.poll():  # also true once the pipe ended
+            try:
+                number, parsed, error = worker.results.recv()
+            except (EOFError, OSError):  # the pipe ended, before or in the middle of a message
+                raise ParsingFailed(self._died(worker)) from None
+            if error is not None:
+                raise error
+            worker.handed.remove(number)
+            done[number] = parsed
+        if worker.handed and worker.process.exitcode is not None:
+            raise ParsingFailed(self._died(worker))
+
+    @staticmethod
+    def _died(worker: _Worker) -> str:
+        worker.process.join(5)  # it is gone, or going, once its pipes ended
+        code = worker.process.exitcode
+        how = "for a reason unknown" if code is None else f"signal {-code}" if code < 0 else f"status {code}"
+        return f"a process parsing the tree's files ended ({how}) before it returned them"
+
+    def stop(self, complete: bool) -> None:
+        """End the workers: once they are done, as soon as they read that
+        there is no more work; else (an error, Ctrl-C) at once."""
+        for worker in self.workers:
+            if complete:
+                with contextlib.suppress(OSError):
+                    worker.batches.send(None)
+            elif worker.process.is_alive():
+                worker.process.terminate()
+        for worker in self.workers:
+            worker.process.join()
+            worker.batches.close()
+            worker.results.close()
 
 
 # -- the index -----------------------------------------------------------------
