@@ -186,7 +186,7 @@ def test_parsing_workers_end_with_the_process_that_started_them(tree):
     started.mkdir()
     env = {**os.environ, "PYTHONPATH": f"{Path(scope.__file__).parent}:{ROOT / 'host'}"}
     run = subprocess.Popen([sys.executable, "-c", STUCK, str(started), "--tree", str(tree), "--index",
-                            str(tree.parent / "index.sqlite")], env=env, stderr=subprocess.DEVNULL)
+                            str(tree.parent / "index.sqlite"), "lib/part0.c"], env=env, stderr=subprocess.DEVNULL)
     workers = []
     try:
         until = time.monotonic() + 30

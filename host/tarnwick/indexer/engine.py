@@ -40,13 +40,11 @@ Bringing the index up to date (`refresh`)
 from __future__ import annotations
 
 import contextlib
-import ctypes
 import fnmatch
 import itertools
 import json
 import multiprocessing
 import os
-import signal
 import sqlite3
 import sys
 import time
@@ -62,6 +60,7 @@ from tarnwick.indexer.python_tree import OUTPUT_DIRS, SKIPPED_DIRS, IndexStats, 
 from tarnwick.indexer.resolver import Candidate, family_of, resolve_name
 from tarnwick.storage.database import Database
 from tarnwick.utils.path_filter import is_test_path
+from tarnwick.utils.processes import start_worker
 from tarnwick.workers.wiki.checkout import text_facts
 
 PYTHON = "python"
@@ -71,8 +70,6 @@ BATCH = 50_000
 CHUNK = 16
 # Batches handed to a worker ahead: one it parses, one it takes next.
 AHEAD = 2
-# prctl's request for the signal a process gets when its parent ends (linux/prctl.h).
-PR_SET_PDEATHSIG = 1
 
 
 class ParsingFailed(Exception):
@@ -154,27 +151,7 @@ _root: Path | None = None
 def _start_worker(root: str, parent: int) -> None:
     global _root
     _root = Path(root)
-    # Ctrl-C reaches the whole process group: the parent stops the workers
-    # and says what happened, the workers do not each print a traceback.
-    signal.signal(signal.SIGINT, signal.SIG_IGN)
-    _die_with(parent)
-
-
-def _die_with(parent: int) -> None:
-    """Have the kernel kill this worker when its parent ends (Linux only): a
-    worker whose parent was killed would otherwise wait for work forever.
-    `parent` is the process that started it, or 0 when that is not known."""
-    if not sys.platform.startswith("linux"):
-        return
-    try:
-        prctl = ctypes.CDLL(None, use_errno=True).prctl
-    except (OSError, AttributeError):
-        return
-    unused = ctypes.c_ulong(0)
-    if prctl(PR_SET_PDEATHSIG, ctypes.c_ulong(signal.SIGKILL), unused, unused, unused) != 0:
-        return
-    if parent and os.getppid() != parent:  # it ended before the kernel was asked
-        os._exit(1)
+    start_worker(parent)
 
 
 def _work(root: str, parent: int, batches: Connection, results: Connection) -> None:

@@ -8,6 +8,7 @@ import contextlib
 import ctypes
 import os
 import signal
+import sys
 import threading
 from collections.abc import Iterator
 
@@ -30,13 +31,20 @@ def start_worker(parent: int) -> None:
     """Called first in a worker process started by `parent`: Ctrl-C, which reaches the whole
     process group, is left to the parent (it stops the workers and says what happened); a
     termination ends the worker at once; and the worker ends when the parent does, however it
-    ends (the kernel kills it; where it cannot, nothing is asked)."""
+    ends, rather than wait forever for work or for a reader (Linux: the kernel kills it)."""
     signal.signal(signal.SIGINT, signal.SIG_IGN)
     for number in _STOPPING:
         signal.signal(number, signal.SIG_DFL)
-    with contextlib.suppress(OSError, AttributeError):  # no prctl: not Linux
-        ctypes.CDLL(None, use_errno=True).prctl(_PR_SET_PDEATHSIG, signal.SIGKILL)
-    if os.getppid() != parent:  # the parent ended before the kernel was asked
+    if not sys.platform.startswith("linux"):
+        return
+    try:
+        prctl = ctypes.CDLL(None, use_errno=True).prctl
+    except (OSError, AttributeError):
+        return
+    unused = ctypes.c_ulong(0)
+    if prctl(_PR_SET_PDEATHSIG, ctypes.c_ulong(signal.SIGKILL), unused, unused, unused) != 0:
+        return
+    if os.getppid() != parent:  # it ended before the kernel was asked
         os._exit(1)
 
 
