@@ -4,6 +4,7 @@ replacement of a previous wiki, and bad page maps."""
 import os
 import re
 import signal
+import struct
 import subprocess
 import sys
 import time
@@ -143,12 +144,20 @@ def test_an_error_in_a_worker_reaches_the_caller_as_raised_and_the_previous_wiki
             slept.append(time.sleep(0.3))
         return ground(self, batch)
 
-    monkeypatch.setattr(wiki.Worker, "ground", killed)
-    status, said, err = run(capsys, tree, out, "--jobs", "2")
-    assert (status, said) == (1, "")
-    assert err == ["ground: error: a worker process ended (signal 9) before its pages were grounded"]
-    assert snapshot(out) == previous
-    assert sorted(os.listdir(tree.parent)) == ["index.sqlite", "src", "wiki"]
+    def half_sent(outgoing, results):  # killed halfway through a message: the rest never comes
+        outgoing.get()
+        os.write(results.fileno(), struct.pack("!i", 1 << 20) + bytes(1000))
+        os.kill(os.getpid(), signal.SIGKILL)
+
+    for ground_batch, sending in [(killed, wiki._send_each), (ground, half_sent)]:
+        slept.clear()
+        monkeypatch.setattr(wiki.Worker, "ground", ground_batch)
+        monkeypatch.setattr(wiki, "_send_each", sending)
+        status, said, err = run(capsys, tree, out, "--jobs", "2")
+        assert (status, said) == (1, "")
+        assert err == ["ground: error: a worker process ended (signal 9) before its pages were grounded"]
+        assert snapshot(out) == previous
+        assert sorted(os.listdir(tree.parent)) == ["index.sqlite", "src", "wiki"]
 
 
 @pytest.mark.parametrize("jobs", ["1", "2"])

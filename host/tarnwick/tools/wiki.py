@@ -30,6 +30,7 @@ import functools
 import gc
 import hashlib
 import multiprocessing
+import multiprocessing.process
 import os
 import pickle
 import queue
@@ -43,6 +44,8 @@ import time
 import tomllib
 from collections.abc import Callable, Iterable, Iterator
 from dataclasses import dataclass, field
+from multiprocessing import connection
+from multiprocessing.connection import Connection
 from pathlib import Path
 
 from tarnwick.indexer.index_file import IndexingInterrupted, printable
@@ -436,23 +439,35 @@ def _work_beside(
     quota: tool.Quota,
     text: list,
     handout: _Handout,
-    results: multiprocessing.Queue,
+    results: Connection,
 ) -> None:
     """A worker process: grounds the batches it takes until none is left and sends back their
     results, or the error that stopped it.  Ctrl-C is the parent's to handle, and the worker
-    ends with the parent.  It ends once its results are sent, without taking its heap apart
-    first."""
+    ends with the parent.  A thread sends the results while the next batch is grounded.  The
+    worker ends once they are sent, without taking its heap apart first."""
     start_worker(parent)
+    outgoing: queue.SimpleQueue = queue.SimpleQueue()
+    sender = threading.Thread(target=_send_each, args=(outgoing, results))
+    sender.start()
     try:
         worker = Worker(index, tree, quota, text)
         worker.patch_siblings()
         while (batch := handout.take()) is not None:
-            results.put(worker.ground(batch))
+            outgoing.put(worker.ground(batch))
     except BaseException as error:  # sent to the parent, which raises it
-        results.put(_sendable(error))
-    results.close()
-    results.join_thread()
+        outgoing.put(_sendable(error))
+    outgoing.put(None)
+    sender.join()
     os._exit(0)
+
+
+def _send_each(outgoing: queue.SimpleQueue, results: Connection) -> None:
+    """Sends what comes, until None; a parent that went away leaves nothing to send to."""
+    while (item := outgoing.get()) is not None:
+        try:
+            results.send(item)
+        except OSError:
+            return
 
 
 def _sendable(error: BaseException) -> BaseException:
@@ -481,30 +496,46 @@ class _Handout:
 
 
 class _Arrivals:
-    """The results that the worker processes send back."""
+    """The results that the worker processes send back, each through its own pipe."""
 
-    def __init__(self, results: multiprocessing.Queue, processes: list) -> None:
-        self.results = results
-        self.processes = processes
+    def __init__(self) -> None:
+        self.processes: dict[Connection, multiprocessing.process.BaseProcess] = {}  # by the pipe still open
+        self.every: list[multiprocessing.process.BaseProcess] = []
+
+    def add(self, reader: Connection, process: multiprocessing.process.BaseProcess) -> None:
+        self.processes[reader] = process
+        self.every.append(process)
 
     def ready(self) -> list[Result] | None:
         """A batch's results if some have come, else None."""
-        try:
-            return self._checked(self.results.get_nowait())
-        except queue.Empty:
-            return None
+        return self._next(0)
 
     def wait(self) -> list[Result]:
         """The next batch's results; a worker that ended before sending them all is an error."""
         while True:
+            if not self.processes:
+                raise tool.GroundError("a worker process ended (status 0) before its pages were grounded")
+            got = self._next(WAIT_SECONDS)
+            if got is not None:
+                return got
+
+    def _next(self, timeout: float) -> list[Result] | None:
+        for reader in connection.wait(list(self.processes), timeout):
             try:
-                return self._checked(self.results.get(timeout=WAIT_SECONDS))
-            except queue.Empty:
-                ended = [process.exitcode for process in self.processes if process.exitcode is not None]
-                if any(code != 0 for code in ended) or (len(ended) == len(self.processes) and self.results.empty()):
-                    code = next((code for code in ended if code != 0), 0)
-                    how = f"signal {-code}" if code < 0 else f"status {code}"
+                return self._checked(reader.recv())
+            except (EOFError, OSError):  # the worker has ended: with status 0 once it sent everything
+                process = self.processes.pop(reader)
+                reader.close()
+                process.join(WAIT_SECONDS)
+                code = process.exitcode
+                if code != 0:
+                    how = "still running" if code is None else f"signal {-code}" if code < 0 else f"status {code}"
                     raise tool.GroundError(f"a worker process ended ({how}) before its pages were grounded") from None
+        return None
+
+    def close(self) -> None:
+        for reader in self.processes:
+            reader.close()
 
     @staticmethod
     def _checked(got: list[Result] | BaseException) -> list[Result]:
@@ -555,33 +586,33 @@ def ground_pages(
     methods = multiprocessing.get_all_start_methods()
     forkable = "fork" in methods and threading.active_count() == 1
     context = multiprocessing.get_context("fork" if forkable else "spawn")
-    handout, results = _Handout(work, context), context.Queue()
-    processes = [
-        context.Process(
-            target=_work_beside, args=(os.getpid(), index, tree, quota, text, handout, results), daemon=True
-        )
-        for _ in range(jobs - 1)
-    ]
+    handout, arrivals = _Handout(work, context), _Arrivals()
     complete = False
     try:
         with _sigint_held():
-            for process in processes:
+            for _ in range(jobs - 1):
+                # Each worker sends its results through a pipe of its own, whose sending end
+                # only it holds: a worker that dies, even halfway through a message, ends it.
+                reader, writer = context.Pipe(duplex=False)
+                process = context.Process(
+                    target=_work_beside, args=(os.getpid(), index, tree, quota, text, handout, writer), daemon=True
+                )
+                arrivals.add(reader, process)
                 process.start()
-        yield from _ground_here(
-            Worker(index, tree, quota, text), handout.take, len(work), _Arrivals(results, processes)
-        )
+                writer.close()
+        yield from _ground_here(Worker(index, tree, quota, text), handout.take, len(work), arrivals)
         # Every worker has sent its last results and is ending: nobody waits for its
         # memory to be given back (multiprocessing reaps it at the next start or at exit).
         complete = True
     finally:
         if not complete:  # interrupted, or a process failed: the workers go now
-            for process in processes:
+            for process in arrivals.every:
                 if process.is_alive():
                     process.terminate()
-            for process in processes:
+            for process in arrivals.every:
                 if process.pid is not None:
                     process.join()
-        results.close()
+        arrivals.close()
 
 
 @contextlib.contextmanager
