@@ -16,7 +16,10 @@ driver calls its `load_scope_facts` and the same pipeline page by page), this
 tree serially, and this tree with two processes (`ground wiki --jobs 2`:
 the process itself and one worker process beside it, its start included).
 Each process grounds every page once to warm up and once timed; no files
-are written.  The best of the rounds counts, and
+are written.  Last, one more process of this tree measures the limit that
+its batches set for two processes: the serial batch and each batch of a
+two-process run alone, in the same warm process, and when two processes
+that cost nothing would end, given those batches in their order.  The best of the rounds counts, and
 the spread is printed beside it.  The time split sums, over the workers, the
 index's queries, reading and summarising files, and the module's own calls.
 The documents of both sides are compared (all but their first line, the
@@ -109,6 +112,8 @@ def driver(index: Path, pages_file: Path | None, jobs: int, tree: Path | None = 
     if pages_file is None:
         return {"indexed": indexed}
     pages = json.loads(pages_file.read_text())
+    if jobs == 0:
+        return _bound(index, args, pages)
     run = _new_side if hasattr(ground, "ground_page") else _old_side
     run(index, args, pages, jobs)  # warm-up
     return run(index, args, pages, jobs)
@@ -129,6 +134,34 @@ def _new_side(index: Path, args, pages: list, jobs: int) -> dict:
     for worker in multiprocessing.active_children():  # ending on their own: their CPU counts once they are reaped
         worker.join()
     return _summary(seconds, _cpu() - cpu, split.queries, split.files, split.module, documents)
+
+
+def _bound(index: Path, args, pages: list, repeat: int = 7) -> dict:
+    """What two processes could reach with the batches they are handed, were processes free:
+    in one warm process, the serial wiki (one batch) and each batch of a two-process run
+    alone, best of `repeat` each; the batches are then handed out in their order to two
+    processes that each take the next as soon as they are free, at no cost of their own
+    (no start, no copies of memory after a fork, no results sent back)."""
+    from tarnwick.tools import ground, wiki
+
+    tasks = [(number, title, paths) for number, (title, paths) in enumerate(pages)]
+    worker = wiki.Worker(index, args.tree, ground.quota(args))
+    worker.patch_siblings()
+
+    def best(batch: list) -> float:
+        times = []
+        for _ in range(repeat):
+            begin = time.perf_counter()
+            worker.ground(batch)
+            times.append(time.perf_counter() - begin)
+        return min(times)
+
+    serial = [best(batch) for batch in wiki.batches(tasks, 1)]
+    split = [best(batch) for batch in wiki.batches(tasks, 2)]
+    free = [0.0, 0.0]
+    for seconds in split:
+        free[free.index(min(free))] += seconds
+    return {"serial": sum(serial), "batches": split, "ends": max(free)}
 
 
 def _old_side(index: Path, args, pages: list, jobs: int) -> dict:
@@ -303,6 +336,21 @@ def main() -> None:
         f"two serial processes at once / one alone: {2 * two_at_once / serial:.2f}x the work done per second "
         "(2.00x when two cores are free)"
     )
+    _print_bound(drive(*sides["new"], pages_file, 0))
+
+
+def _print_bound(bound: dict) -> None:
+    """The limit that the batches of two processes set, measured in one process (see _bound)."""
+    batches = ", ".join(f"{1000 * seconds:.1f}" for seconds in bound["batches"])
+    print()
+    print("The limit of the batches, in one warm process (best of 7 each, milliseconds):")
+    print(f"- the serial wiki, one batch: {1000 * bound['serial']:.1f}")
+    print(f"- the {len(bound['batches'])} batches of two processes, in the order they are handed out: {batches}")
+    print(f"  ({1000 * sum(bound['batches']):.1f} one after the other)")
+    print(
+        f"- handed out to two processes that cost nothing of their own, they end at {1000 * bound['ends']:.1f}: "
+        f"two processes can reach at most {bound['serial'] / bound['ends']:.2f}x one with these batches"
+    )
 
 
 def _rates(pages: int, runs: list[dict]) -> tuple[float, str, dict]:
@@ -344,6 +392,7 @@ def workers_on_tree(tree: Path, rounds: int) -> None:
         print(f"| {label} | {best[jobs]:.1f} | {spread} | {top['seconds']:.3f} | {top['cpu']:.3f} |")
     print()
     print(f"2 workers / 1 worker: {best[2] / best[1]:.2f}x")
+    _print_bound(drive(*side, index, pages_file, 0, tree))
 
 
 if __name__ == "__main__":
