@@ -49,8 +49,13 @@ def ground(capsys, tree, *args):
 
 
 def test_a_first_run_indexes_the_tree_and_names_the_files_it_could_not_index(tree, capsys):
+    ended = subprocess.Popen(["true"])
+    ended.wait()
+    for pid in (ended.pid, os.getppid()):  # what a build killed outright left; one still at work
+        (tree.parent / f".index.sqlite.{pid}.tmp").write_bytes(b"unfinished")
     status, out, err = ground(capsys, tree, "app/main.py", "latin.py", "shop/gone.py")
     assert (status, err) == (0, [f"ground: indexing {tree} into {tree.parent / 'index.sqlite'}"] + UNINDEXED)
+    assert sorted(os.listdir(tree.parent)) == [f".index.sqlite.{os.getppid()}.tmp", "index.sqlite", "src"]
     assert out.startswith(f"# Grounding of 3 files in `{tree}`\n")
     assert "| `latin.py` | 3 | 1 | Caf\u00e9 menu. |" in out  # read in the encoding its coding line names
     assert "| `shop/gone.py` | ? | 0 | not in the index | | | |" in out

@@ -19,6 +19,7 @@ from __future__ import annotations
 
 import contextlib
 import functools
+import glob
 import json
 import os
 import re
@@ -33,6 +34,7 @@ from tarnwick.indexer import engine
 from tarnwick.indexer.python_tree import IndexStats
 from tarnwick.storage import file_rows
 from tarnwick.storage.database import Database
+from tarnwick.utils.processes import running
 
 # What the stored analyses depend on: this indexer's format and the
 # interpreter that wrote them. The files' summaries are stored too: a change
@@ -228,11 +230,21 @@ def _some(paths: list[str]) -> str:
     return shown + (f" and {len(paths) - SHOWN_FILES} more" if len(paths) > SHOWN_FILES else "")
 
 
+def _clear_leftovers(path: Path) -> None:
+    """Removes the unfinished indexes that builds of `path` killed outright left beside it."""
+    with contextlib.suppress(OSError):
+        for entry in path.parent.glob(f".{glob.escape(path.name)}.*.tmp"):
+            pid = entry.name[len(path.name) + 2 : -len(".tmp")]
+            if pid.isdigit() and not running(int(pid)):
+                entry.unlink(missing_ok=True)
+
+
 def _build(
     path: Path, settings: TreeSettings, files: dict, previous: Database | None, progress, workers: int | None
 ) -> IndexStats:
     """Index the tree into a file beside `path`, then move it into place."""
     temporary = path.with_name(f".{path.name}.{os.getpid()}.tmp")
+    _clear_leftovers(path)
     try:
         try:
             try:

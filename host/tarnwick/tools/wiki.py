@@ -51,7 +51,7 @@ from pathlib import Path
 from tarnwick.indexer.index_file import IndexingInterrupted, printable
 from tarnwick.indexer.progress import terminal_bar
 from tarnwick.tools import ground as tool
-from tarnwick.utils.processes import start_worker, stopped_status
+from tarnwick.utils.processes import running, start_worker, stopped_status
 
 # The title of the page of the files at the top of the tree.
 TOP_TITLE = "(top level)"
@@ -898,7 +898,7 @@ def _clear_leftovers(out: Path) -> None:
     pattern = re.compile(r"\.(partial|previous)-(\d+)$")
     for entry in sorted(out.parent.iterdir()):
         found = pattern.search(entry.name)
-        if found is None or entry != _beside(out, found[1], int(found[2])) or _running(int(found[2])):
+        if found is None or entry != _beside(out, found[1], int(found[2])) or running(int(found[2])):
             continue
         with contextlib.suppress(OSError):
             if found[1] == "previous" and not os.path.lexists(out):
@@ -907,16 +907,6 @@ def _clear_leftovers(out: Path) -> None:
                 entry.unlink()
             else:
                 shutil.rmtree(entry)
-
-
-def _running(pid: int) -> bool:
-    try:
-        os.kill(pid, 0)
-    except ProcessLookupError:
-        return False
-    except OSError:  # another user's process
-        return True
-    return True
 
 
 def main(argv: list[str], taken: list[int] | None = None) -> int:

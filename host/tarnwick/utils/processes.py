@@ -79,6 +79,17 @@ def stops_interrupt() -> Iterator[list[int]]:
             signal.signal(number, signal.SIG_DFL if handler is None else handler)
 
 
+def running(pid: int) -> bool:
+    """Whether a process `pid` exists (another user's counts)."""
+    try:
+        os.kill(pid, 0)
+    except ProcessLookupError:
+        return False
+    except OSError:
+        return True
+    return True
+
+
 def stopped_status(taken: list[int]) -> tuple[str, int]:
     """How an interrupted run is said, and its exit status (128 and the signal's number)."""
     if not taken:
