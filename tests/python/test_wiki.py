@@ -120,44 +120,47 @@ def test_an_interrupted_run_leaves_the_previous_wiki_or_none(tree, capsys, monke
 def test_an_error_in_a_worker_reaches_the_caller_as_raised_and_the_previous_wiki_stays(tree, capsys, monkeypatch):
     out = tree.parent / "wiki"
     assert run(capsys, tree, out)[0] == 0
-    previous, here, ground = snapshot(out), os.getpid(), wiki.Worker.ground
+    previous, here, ground, taken = snapshot(out), os.getpid(), wiki.Worker.ground, tree.parent / "taken"
+
+    def in_the_worker(then):
+        """Worker.ground that does `then` in the worker; this process's first batch lasts until the
+        worker has taken one, however slowly the worker starts."""
+        def ground_batch(self, batch):
+            if os.getpid() != here:
+                taken.touch()
+                return then(self, batch)
+            deadline = time.monotonic() + 30
+            while not taken.exists() and time.monotonic() < deadline:
+                time.sleep(0.01)
+            return ground(self, batch)
+        return ground_batch
 
     def broken(self, batch):
-        if os.getpid() != here:
-            raise LookupError("a worker's own error")
-        return ground(self, batch)
+        raise LookupError("a worker's own error")
 
-    monkeypatch.setattr(wiki.Worker, "ground", broken)
-    monkeypatch.setattr(wiki.threading, "active_count", lambda: 1)  # forked, with the broken method
-    with pytest.raises(LookupError, match="a worker's own error"):
-        run(capsys, tree, out, "--jobs", "2")
-    assert snapshot(out) == previous
-    assert sorted(os.listdir(tree.parent)) == ["index.sqlite", "src", "wiki"]
+    def killed(self, batch):  # in the middle of its batch
+        os.kill(os.getpid(), signal.SIGKILL)
 
-    # A worker killed in the middle of its batch is one line, not a wait for results that never come.
-    slept = []
-
-    def killed(self, batch):
-        if os.getpid() != here:
-            os.kill(os.getpid(), signal.SIGKILL)
-        if not slept:  # this process's first batch lasts until the worker has taken one
-            slept.append(time.sleep(0.3))
-        return ground(self, batch)
-
-    def half_sent(outgoing, results):  # killed halfway through a message: the rest never comes
+    def half_sent(outgoing, results):  # halfway through a message: the rest never comes
         outgoing.get()
         os.write(results.fileno(), struct.pack("!i", 1 << 20) + bytes(1000))
         os.kill(os.getpid(), signal.SIGKILL)
 
-    for ground_batch, sending in [(killed, wiki._send_each), (ground, half_sent)]:
-        slept.clear()
-        monkeypatch.setattr(wiki.Worker, "ground", ground_batch)
+    monkeypatch.setattr(wiki.threading, "active_count", lambda: 1)  # forked, with the methods set here
+    monkeypatch.setattr(wiki.Worker, "ground", in_the_worker(broken))
+    with pytest.raises(LookupError, match="a worker's own error"):
+        run(capsys, tree, out, "--jobs", "2")
+    # A worker killed is one line, not a wait for results that never come.
+    for then, sending in [(killed, wiki._send_each), (ground, half_sent)]:
+        taken.unlink()
+        monkeypatch.setattr(wiki.Worker, "ground", in_the_worker(then))
         monkeypatch.setattr(wiki, "_send_each", sending)
         status, said, err = run(capsys, tree, out, "--jobs", "2")
         assert (status, said) == (1, "")
         assert err == ["ground: error: a worker process ended (signal 9) before its pages were grounded"]
-        assert snapshot(out) == previous
-        assert sorted(os.listdir(tree.parent)) == ["index.sqlite", "src", "wiki"]
+    taken.unlink()
+    assert snapshot(out) == previous
+    assert sorted(os.listdir(tree.parent)) == ["index.sqlite", "src", "wiki"]
 
 
 @pytest.mark.parametrize("jobs", ["1", "2"])
