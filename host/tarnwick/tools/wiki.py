@@ -863,11 +863,17 @@ def _move_into_place(partial: Path, out: Path) -> None:
         except FileNotFoundError:
             partial.rename(out)
             return
-        problem = _foreign(previous)
-        if problem is not None:
-            previous.rename(out)
-            raise tool.GroundError(f"the folder {printable(out)} changed while the pages were grounded: it {problem}")
-        partial.rename(out)
+        try:
+            problem = _foreign(previous)
+            if problem is not None:
+                raise tool.GroundError(
+                    f"the folder {printable(out)} changed while the pages were grounded: it {problem}"
+                )
+            partial.rename(out)
+        except BaseException:  # the folder goes back as it was
+            with contextlib.suppress(OSError):
+                previous.rename(out)
+            raise
         if previous.is_symlink():  # a link to a folder of the user's: the link goes, the folder stays
             previous.unlink()
         else:
