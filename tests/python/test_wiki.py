@@ -1,6 +1,7 @@
 """`ground wiki` on a small tree: deterministic output for any number of workers, the index page, safe
 replacement of a previous wiki, and bad page maps."""
 
+import io
 import os
 import re
 import signal
@@ -180,6 +181,8 @@ def test_an_error_met_grounding_a_page_here_is_raised_as_it_was(tree, capsys, mo
                                                        "indexed file"),
     ('"Shop" = ["shop/*.py"]\napp = ["app/main.py"]\nShop = ["shop/models.py"]\n', "the title 'Shop' is used twice"),
     ('shop = 3\n', "the page 'shop' is no list of paths or glob patterns"),
+    ('web.src = ["shop/*.py"]\n', "the page 'web' is no list of paths or glob patterns (a title with dots is quoted: "
+                                  '"web.src")'),
 ])
 def test_a_bad_page_map_is_one_line_and_status_2_and_nothing_is_written(tree, capsys, text, message):
     pages = tree.parent / "pages.toml"
@@ -190,11 +193,16 @@ def test_a_bad_page_map_is_one_line_and_status_2_and_nothing_is_written(tree, ca
     assert not any("wiki" in name for name in os.listdir(tree.parent))
 
 
-def test_a_page_map_chooses_titles_and_files_and_an_existing_folder_must_be_a_wiki(tree, capsys):
-    pages = tree.parent / "pages.toml"
-    pages.write_text('"Shop [all of it]" = ["shop/*"]\n"shop all of it" = "app/main.py"\n')
+def test_a_page_map_chooses_titles_and_files_and_an_existing_folder_must_be_a_wiki(tree, capsys, monkeypatch):
+    text = '"Shop [all of it]" = ["shop/*"]\n"shop all of it" = "app/main.py"\n'
+    monkeypatch.setattr(sys, "stdin", io.TextIOWrapper(io.BytesIO(b"\xef\xbb\xbf" + text.encode())))  # a BOM first
     out = tree.parent / "wiki"
+    assert run(capsys, tree, out, "--pages", "-")[0] == 0
+    from_stdin = snapshot(out)
+    pages = tree.parent / "pages.toml"
+    pages.write_text(text)
     assert run(capsys, tree, out, "--pages", str(pages))[0] == 0
+    assert snapshot(out) == from_stdin
     assert sorted(snapshot(out)) == ["index.md", "pages/Shop-all-of-it.md", "pages/shop-all-of-it-2.md"]
     assert "# Shop \\[all of it\\]: grounding of 3 files" in (out / "pages/Shop-all-of-it.md").read_text()
     assert "| [Shop \\[all of it\\]](pages/Shop-all-of-it.md) | `shop/__init__.py`, " in (out / "index.md").read_text()

@@ -152,7 +152,9 @@ def parse_args(argv: list[str]) -> argparse.Namespace:
         formatter_class=argparse.RawDescriptionHelpFormatter,
     )
     parser.add_argument("--out", type=Path, required=True, metavar="DIR", help="folder of the wiki")
-    parser.add_argument("--pages", type=Path, metavar="FILE", help="TOML page map (default: one page per folder)")
+    parser.add_argument(
+        "--pages", type=Path, metavar="FILE", help="TOML page map, '-' for stdin (default: one page per folder)"
+    )
     parser.add_argument(
         "--jobs",
         type=_jobs,
@@ -245,7 +247,9 @@ def _is_wiki(folder: Path) -> bool:
 def read_page_map(path: Path) -> dict[str, list[str]]:
     """The titles and patterns of a page map; `PageMapError` says what is wrong with it."""
     try:
-        text = path.read_bytes().decode("utf-8-sig")
+        if str(path) == "-" and sys.stdin is None:
+            raise PageMapError("cannot read it: standard input is closed")
+        text = (sys.stdin.buffer.read() if str(path) == "-" else path.read_bytes()).decode("utf-8-sig")
     except OSError as error:
         raise PageMapError(f"cannot read it: {error.strerror or error}") from None
     except UnicodeDecodeError:
@@ -829,7 +833,7 @@ def write_wiki(args: argparse.Namespace) -> str:
     summed = " summed over the workers" if jobs > 1 else ""
     return (
         f"Wrote the wiki of {tool.plural(len(pages), 'page')} ({tool.plural(files, 'file')}) to "
-        f"{printable(out / 'index.md')} in {seconds:.2f} s, {len(pages) / seconds:.1f} pages/s; "
+        f"{printable(out.resolve() / 'index.md')} in {seconds:.2f} s, {len(pages) / seconds:.1f} pages/s; "
         f"index queries {split.queries:.2f} s, reading files {split.files:.2f} s, "
         f"module calls {split.module:.2f} s{summed}."
     )
