@@ -79,9 +79,9 @@ def test_without_jobs_a_process_per_core_grounds_pages_but_none_for_fewer_files_
     monkeypatch.setattr(wiki, "default_jobs", lambda: 8)
     runs = {(): 1, ("--jobs", "3"): 3, ("--jobs", "9"): 5}  # 6 files, 5 pages
     for args in runs:
-        assert run(capsys, tree, tree.parent / "wiki", *args)[0] == 0
+        assert run(capsys, tree, tree.parent / "wiki", *args)[::2] == (0, [])
     monkeypatch.setattr(wiki, "FILES_PER_JOB", 2)
-    assert run(capsys, tree, tree.parent / "wiki")[0] == 0
+    assert run(capsys, tree, tree.parent / "wiki")[::2] == (0, [])
     assert asked == [*runs.values(), 3]
 
 
@@ -162,6 +162,34 @@ def test_an_error_in_a_worker_reaches_the_caller_as_raised_and_the_previous_wiki
     taken.unlink()
     assert snapshot(out) == previous
     assert sorted(os.listdir(tree.parent)) == ["index.sqlite", "src", "wiki"]
+
+
+def test_a_worker_that_starts_after_its_run_is_done_takes_nothing_from_the_next(tree, capsys, monkeypatch):
+    """A host that grounds one wiki after another in one process: a worker so slow to start that its
+    run finished without it asks its own run for pages, never the next one."""
+    out, here, go, second = tree.parent / "wiki", os.getpid(), tree.parent / "go", []
+    start_worker, ground = wiki.start_worker, wiki.Worker.ground
+
+    def slow_start(parent):  # workers start once the second run is under way
+        start_worker(parent)
+        deadline = time.monotonic() + 10
+        while not go.exists() and time.monotonic() < deadline:
+            time.sleep(0.01)
+
+    def ground_batch(self, batch):
+        if os.getpid() == here and second and not go.exists():
+            go.touch()
+            time.sleep(0.5)  # the workers, late ones included, take the other batches meanwhile
+        return ground(self, batch)
+
+    monkeypatch.setattr(wiki, "start_worker", slow_start)
+    monkeypatch.setattr(wiki.Worker, "ground", ground_batch)
+    monkeypatch.setattr(wiki.threading, "active_count", lambda: 1)  # forked, with the functions set here
+    assert run(capsys, tree, out, "--jobs", "3")[::2] == (0, [])  # this process grounds every page
+    first = snapshot(out)
+    second.append(True)
+    assert run(capsys, tree, out, "--jobs", "3")[::2] == (0, [])
+    assert snapshot(out) == first
 
 
 @pytest.mark.parametrize("jobs", ["1", "2"])

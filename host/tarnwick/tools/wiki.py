@@ -483,6 +483,12 @@ def _sendable(error: BaseException) -> BaseException:
     return error
 
 
+# The handouts of runs whose workers may still be ending (a late one may not even have asked
+# for a batch yet), kept until they have: the shared memory of a handout let go would go to
+# the next run's, where such a worker would take that run's batches.
+_ENDING: list[tuple[_Handout, list]] = []
+
+
 class _Handout:
     """The batches, each handed to the first process that asks for one: the number of the next
     one is kept in memory that the processes share, so that no process waits for another to
@@ -590,6 +596,8 @@ def ground_pages(
     methods = multiprocessing.get_all_start_methods()
     forkable = "fork" in methods and threading.active_count() == 1
     context = multiprocessing.get_context("fork" if forkable else "spawn")
+    # Handouts of earlier runs whose workers have all ended may go now.
+    _ENDING[:] = [(kept, workers) for kept, workers in _ENDING if any(process.is_alive() for process in workers)]
     handout, arrivals = _Handout(work, context), _Arrivals()
     complete = False
     try:
@@ -605,9 +613,11 @@ def ground_pages(
                 process.start()
                 writer.close()
         yield from _ground_here(Worker(index, tree, quota, text), handout.take, len(work), arrivals)
-        # Every worker has sent its last results and is ending: nobody waits for its
-        # memory to be given back (multiprocessing reaps it at the next start or at exit).
+        # Every worker has sent its last results, or had none to take, and is ending: nobody
+        # waits for its memory to be given back (multiprocessing reaps it at the next start or
+        # at exit), and the handout stays until it has ended.
         complete = True
+        _ENDING.append((handout, arrivals.every))
     finally:
         if not complete:  # interrupted, or a process failed: the workers go now
             for process in arrivals.every:
