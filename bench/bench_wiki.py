@@ -38,9 +38,7 @@ from __future__ import annotations
 import argparse
 import hashlib
 import json
-import multiprocessing
 import os
-import resource
 import statistics
 import subprocess
 import sys
@@ -114,26 +112,31 @@ def driver(index: Path, pages_file: Path | None, jobs: int, tree: Path | None = 
     pages = json.loads(pages_file.read_text())
     if jobs == 0:
         return _bound(index, args, pages)
-    run = _new_side if hasattr(ground, "ground_page") else _old_side
-    run(index, args, pages, jobs)  # warm-up
-    return run(index, args, pages, jobs)
+    if not hasattr(ground, "ground_page"):
+        _old_side(index, args, pages)  # warm-up
+        return _old_side(index, args, pages)
+    from tarnwick.tools import wiki
+
+    # The worker processes start before the warm-up, as the command starts them before it
+    # brings the index up to date; the timed run is their second, as it is this process's.
+    with wiki.Workers(jobs - 1) as workers:
+        _new_side(index, args, pages, jobs, workers)  # warm-up
+        return _new_side(index, args, pages, jobs, workers)
 
 
-def _new_side(index: Path, args, pages: list, jobs: int) -> dict:
+def _new_side(index: Path, args, pages: list, jobs: int, workers) -> dict:
     from tarnwick.tools import ground, wiki
 
     tasks = [(number, title, paths) for number, (title, paths) in enumerate(pages)]
     documents: list[str] = [""] * len(pages)
     split = wiki.Split()
-    cpu = _cpu()
+    cpu = _cpu(workers)
     begin = time.perf_counter()
-    for result in wiki.ground_pages(index, args.tree, ground.quota(args), tasks, jobs):
+    for result in wiki.ground_pages(index, args.tree, ground.quota(args), tasks, jobs, workers):
         documents[result.number] = result.page.document
         split.add(result.split)
     seconds = time.perf_counter() - begin
-    for worker in multiprocessing.active_children():  # ending on their own: their CPU counts once they are reaped
-        worker.join()
-    return _summary(seconds, _cpu() - cpu, split.queries, split.files, split.module, documents)
+    return _summary(seconds, _cpu(workers) - cpu, split.queries, split.files, split.module, documents)
 
 
 def _bound(index: Path, args, pages: list, repeat: int = 7) -> dict:
@@ -164,7 +167,7 @@ def _bound(index: Path, args, pages: list, repeat: int = 7) -> dict:
     return {"serial": sum(serial), "batches": split, "ends": max(free)}
 
 
-def _old_side(index: Path, args, pages: list, jobs: int) -> dict:
+def _old_side(index: Path, args, pages: list) -> dict:
     """The earlier commit's pipeline of one page, page after page, as its one-page command ran it."""
     import scope
     from tarnwick.storage.database import Database
@@ -239,10 +242,13 @@ def _old_page(scope, timer, db, read_lines, paths, args) -> str:
     return "\n".join(out)
 
 
-def _cpu() -> float:
-    """CPU seconds of this process and of its children that have ended and were reaped (the workers)."""
-    children = resource.getrusage(resource.RUSAGE_CHILDREN)
-    return time.process_time() + children.ru_utime + children.ru_stime
+def _cpu(workers=None) -> float:
+    """CPU seconds of this process and of its worker processes (theirs from /proc, in ticks of 10 ms)."""
+    seconds = time.process_time()
+    for process in workers.arrivals.every if workers is not None else ():
+        fields = Path(f"/proc/{process.pid}/stat").read_text().rpartition(")")[2].split()
+        seconds += (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")  # utime, stime
+    return seconds
 
 
 def _summary(seconds: float, cpu: float, queries: float, files: float, module: float, documents: list[str]) -> dict:

@@ -75,7 +75,7 @@ def test_the_same_bytes_for_any_number_of_workers_and_an_index_page_whose_links_
 
 def test_without_jobs_a_process_per_core_grounds_pages_but_none_for_fewer_files_than_pay(tree, capsys, monkeypatch):
     asked, ground_pages = [], wiki.ground_pages
-    monkeypatch.setattr(wiki, "ground_pages", lambda *args: asked.append(args[-1]) or ground_pages(*args))
+    monkeypatch.setattr(wiki, "ground_pages", lambda *args: asked.append(args[4]) or ground_pages(*args))
     monkeypatch.setattr(wiki, "default_jobs", lambda: 8)
     runs = {(): 1, ("--jobs", "3"): 3, ("--jobs", "9"): 5}  # 6 files, 5 pages
     for args in runs:

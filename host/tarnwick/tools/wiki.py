@@ -29,6 +29,7 @@ import fnmatch
 import functools
 import gc
 import hashlib
+import itertools
 import multiprocessing
 import multiprocessing.process
 import os
@@ -436,30 +437,34 @@ def _timed(function: Callable, split: Split, bucket: str) -> Callable:
     return timed
 
 
-def _work_beside(
-    parent: int,
-    index: Path,
-    tree: Path,
-    quota: tool.Quota,
-    text: list,
-    handout: _Handout,
-    results: Connection,
-) -> None:
-    """A worker process: grounds the batches it takes until none is left and sends back their
-    results, or the error that stopped it.  Ctrl-C is the parent's to handle, and the worker
-    ends with the parent.  A thread sends the results while the next batch is grounded.  The
-    worker ends once they are sent, without taking its heap apart first."""
+def _serve(parent: int, handout: _Handout, orders: Connection, results: Connection) -> None:
+    """A worker process: for each run it is given, grounds the batches it takes until none is
+    left and sends back their results, then waits for the next run; it ends when no more runs
+    come, or after sending the error that stopped it.  Ctrl-C is the parent's to handle, and
+    the worker ends with the parent.  A thread sends the results while the next batch is
+    grounded.  The worker ends without taking its heap apart first."""
     start_worker(parent)
     outgoing: queue.SimpleQueue = queue.SimpleQueue()
     sender = threading.Thread(target=_send_each, args=(outgoing, results))
     sender.start()
+    run = 0
     try:
-        worker = Worker(index, tree, quota, text)
-        worker.patch_siblings()
-        while (batch := handout.take()) is not None:
-            outgoing.put(worker.ground(batch))
+        while True:
+            try:
+                run, index, tree, quota, work = orders.recv()
+            except EOFError:  # the pool is closed
+                break
+            # A worker of its own for each run: the index may have changed since the last.
+            worker = Worker(index, tree, quota)
+            restore = worker.patch_siblings()
+            try:
+                while (batch := handout.take(run, work)) is not None:
+                    outgoing.put((run, worker.ground(batch)))
+            finally:
+                restore()
+                worker.close()
     except BaseException as error:  # sent to the parent, which raises it
-        outgoing.put(_sendable(error))
+        outgoing.put((run, _sendable(error)))
     outgoing.put(None)
     sender.join()
     os._exit(0)
@@ -483,26 +488,32 @@ def _sendable(error: BaseException) -> BaseException:
     return error
 
 
-# The handouts of runs whose workers may still be ending (a late one may not even have asked
-# for a batch yet), kept until they have: the shared memory of a handout let go would go to
-# the next run's, where such a worker would take that run's batches.
-_ENDING: list[tuple[_Handout, list]] = []
+# Runs of worker processes are numbered in this process, across pools: a worker that asks for
+# a batch of a run other than the one the handout serves gets none.
+_RUNS = itertools.count(1)
 
 
 class _Handout:
-    """The batches, each handed to the first process that asks for one: the number of the next
-    one is kept in memory that the processes share, so that no process waits for another to
-    hand it work."""
+    """The batches of a run, each handed to the first process that asks for one: the number of
+    the run and of its next batch are kept in memory that the processes share, so that no
+    process waits for another to hand it work.  A worker late for its run, even one that asks
+    once its pool is gone and that memory serves another pool, finds another run's number and
+    takes nothing."""
 
-    def __init__(self, work: list[list[tuple[int, str, list[str]]]], context) -> None:
-        self.work = work
-        self.taken = context.Value("q", 0)
+    def __init__(self, context) -> None:
+        self.state = context.Array("q", 2)  # the run, the number of its next batch
 
-    def take(self) -> list[tuple[int, str, list[str]]] | None:
-        with self.taken.get_lock():
-            number = self.taken.value
-            self.taken.value = number + 1
-        return self.work[number] if number < len(self.work) else None
+    def open(self, run: int) -> None:
+        with self.state.get_lock():
+            self.state[0], self.state[1] = run, 0
+
+    def take(self, run: int, work: list[list[tuple[int, str, list[str]]]]) -> list[tuple[int, str, list[str]]] | None:
+        with self.state.get_lock():
+            if self.state[0] != run:
+                return None
+            number = self.state[1]
+            self.state[1] = number + 1
+        return work[number] if number < len(work) else None
 
 
 class _Arrivals:
@@ -511,6 +522,7 @@ class _Arrivals:
     def __init__(self) -> None:
         self.processes: dict[Connection, multiprocessing.process.BaseProcess] = {}  # by the pipe still open
         self.every: list[multiprocessing.process.BaseProcess] = []
+        self.run = 0
 
     def add(self, reader: Connection, process: multiprocessing.process.BaseProcess) -> None:
         self.processes[reader] = process
@@ -532,7 +544,7 @@ class _Arrivals:
     def _next(self, timeout: float) -> list[Result] | None:
         for reader in connection.wait(list(self.processes), timeout):
             try:
-                return self._checked(reader.recv())
+                run, got = reader.recv()
             except (EOFError, OSError):  # the worker has ended: with status 0 once it sent everything
                 process = self.processes.pop(reader)
                 reader.close()
@@ -541,17 +553,91 @@ class _Arrivals:
                 if code != 0:
                     how = "still running" if code is None else f"signal {-code}" if code < 0 else f"status {code}"
                     raise tool.GroundError(f"a worker process ended ({how}) before its pages were grounded") from None
+                continue
+            if run != self.run:  # what a worker sent for an earlier run
+                continue
+            if isinstance(got, BaseException):
+                raise got
+            return got
         return None
 
     def close(self) -> None:
         for reader in self.processes:
             reader.close()
 
-    @staticmethod
-    def _checked(got: list[Result] | BaseException) -> list[Result]:
-        if isinstance(got, BaseException):
-            raise got
-        return got
+
+class Workers:
+    """Worker processes that ground pages beside this one, run after run.
+
+    The command starts them before it brings the index up to date: their start
+    costs the run nothing, and, forked while this process is still small, they
+    copy little of its memory, and it little of theirs as it grows.  A host
+    that grounds one wiki after another may keep them across the runs.  The
+    processes are forked (in milliseconds, with the module already imported);
+    a process that already runs other threads (a host that calls this from a
+    threaded program) starts fresh interpreters instead, as a fork could copy a
+    lock another thread holds."""
+
+    def __init__(self, count: int) -> None:
+        import scope  # noqa: F401  (imported once, here, for every process)
+
+        methods = multiprocessing.get_all_start_methods()
+        forkable = "fork" in methods and threading.active_count() == 1
+        context = multiprocessing.get_context("fork" if forkable else "spawn")
+        self.handout, self.arrivals = _Handout(context), _Arrivals()
+        self.orders: list[Connection] = []
+        try:
+            with _sigint_held():
+                for _ in range(count):
+                    # Each worker sends its results through a pipe of its own, whose sending end
+                    # only it holds: a worker that dies, even halfway through a message, ends it.
+                    reader, writer = context.Pipe(duplex=False)
+                    given, orders = context.Pipe(duplex=False)
+                    process = context.Process(
+                        target=_serve, args=(os.getpid(), self.handout, given, writer), daemon=True
+                    )
+                    self.arrivals.add(reader, process)
+                    self.orders.append(orders)
+                    process.start()
+                    writer.close()
+                    given.close()
+        except BaseException:
+            self.close(stop=True)
+            raise
+
+    def __len__(self) -> int:
+        return len(self.orders)
+
+    def __enter__(self) -> Workers:
+        return self
+
+    def __exit__(self, kind, error, trace) -> None:
+        self.close(stop=kind is not None)
+
+    def start(self, index: Path, tree: Path, quota: tool.Quota, work: list, count: int) -> int:
+        """Give `count` of the workers the batches `work` to take from; returns the run's number."""
+        run = next(_RUNS)
+        self.handout.open(run)
+        self.arrivals.run = run
+        for orders in self.orders[:count]:
+            orders.send((run, index, tree, quota, work))
+        return run
+
+    def close(self, stop: bool = False) -> None:
+        """No more runs: idle workers end.  With `stop` (an interrupted or failed run), the
+        workers end now, whatever they are doing."""
+        for orders in self.orders:
+            orders.close()
+        self.orders = []
+        if stop:
+            for process in self.arrivals.every:
+                if process.is_alive():
+                    process.terminate()
+            for process in self.arrivals.every:
+                if process.pid is not None:
+                    process.join()
+        self.arrivals.close()
+        self.arrivals.processes = {}
 
 
 def batches(tasks: list[tuple[int, str, list[str]]], jobs: int) -> list[list[tuple[int, str, list[str]]]]:
@@ -575,58 +661,34 @@ def batches(tasks: list[tuple[int, str, list[str]]], jobs: int) -> list[list[tup
 
 
 def ground_pages(
-    index: Path, tree: Path, quota: tool.Quota, tasks: list[tuple[int, str, list[str]]], jobs: int
+    index: Path,
+    tree: Path,
+    quota: tool.Quota,
+    tasks: list[tuple[int, str, list[str]]],
+    jobs: int,
+    workers: Workers | None = None,
 ) -> Iterator[Result]:
-    """Ground the pages in `jobs` processes, this one and `jobs - 1` workers; the results come
-    as they are done, a batch at a time.  The largest pages are handed out first."""
+    """Ground the pages in `jobs` processes, this one and `jobs - 1` workers (of `workers`, or
+    started for this run); the results come as they are done, a batch at a time.  The largest
+    pages are handed out first."""
     work = batches(tasks, jobs)
     if jobs <= 1 or len(work) <= 1:
         yield from _ground_here(Worker(index, tree, quota), functools.partial(next, iter(work), None), len(work), None)
         return
-    # Forked workers start in milliseconds, with the module already imported
-    # here; they are forked before this process starts any thread (the
-    # progress bar's). A process that already runs other threads (a host
-    # that calls this from a threaded program) starts fresh interpreters
-    # instead: a fork could copy a lock another thread holds.
-    import scope  # noqa: F401
-    from tarnwick.storage.database import Database
-
-    with Database(index, readonly=True) as db:  # read once, for every process
-        text = db.file_texts()
-    methods = multiprocessing.get_all_start_methods()
-    forkable = "fork" in methods and threading.active_count() == 1
-    context = multiprocessing.get_context("fork" if forkable else "spawn")
-    # Handouts of earlier runs whose workers have all ended may go now.
-    _ENDING[:] = [(kept, workers) for kept, workers in _ENDING if any(process.is_alive() for process in workers)]
-    handout, arrivals = _Handout(work, context), _Arrivals()
+    own = workers is None
+    if own:
+        workers = Workers(jobs - 1)
     complete = False
     try:
-        with _sigint_held():
-            for _ in range(jobs - 1):
-                # Each worker sends its results through a pipe of its own, whose sending end
-                # only it holds: a worker that dies, even halfway through a message, ends it.
-                reader, writer = context.Pipe(duplex=False)
-                process = context.Process(
-                    target=_work_beside, args=(os.getpid(), index, tree, quota, text, handout, writer), daemon=True
-                )
-                arrivals.add(reader, process)
-                process.start()
-                writer.close()
-        yield from _ground_here(Worker(index, tree, quota, text), handout.take, len(work), arrivals)
-        # Every worker has sent its last results, or had none to take, and is ending: nobody
-        # waits for its memory to be given back (multiprocessing reaps it at the next start or
-        # at exit), and the handout stays until it has ended.
+        run = workers.start(index, tree, quota, work, min(len(workers), jobs - 1))
+        here = Worker(index, tree, quota)
+        yield from _ground_here(here, functools.partial(workers.handout.take, run, work), len(work), workers.arrivals)
         complete = True
-        _ENDING.append((handout, arrivals.every))
     finally:
-        if not complete:  # interrupted, or a process failed: the workers go now
-            for process in arrivals.every:
-                if process.is_alive():
-                    process.terminate()
-            for process in arrivals.every:
-                if process.pid is not None:
-                    process.join()
-        arrivals.close()
+        # Every worker has sent its last results, or had none to take: a pool started for
+        # this run lets them end on their own.  An interrupted or failed run stops them now.
+        if own or not complete:
+            workers.close(stop=not complete)
 
 
 @contextlib.contextmanager
@@ -796,6 +858,13 @@ def index_page(tree: Path, pages: list[tuple[str, list[str]]], names: list[str],
 def write_wiki(args: argparse.Namespace) -> str:
     """Ground every page and move the complete wiki into place; returns the summary line."""
     page_map = read_page_map(args.pages) if args.pages is not None else None
+    # The workers start now, while the index is brought up to date; those the pages do not need
+    # stay idle and end with the command.
+    with Workers((args.jobs or default_jobs()) - 1) as workers:
+        return _write_wiki(args, page_map, workers)
+
+
+def _write_wiki(args: argparse.Namespace, page_map: dict[str, list[str]] | None, workers: Workers) -> str:
     with tool.open_index(args) as db:
         index = Path(db.path)
         indexed = [row[0] for row in db.query("SELECT path FROM files ORDER BY path")]
@@ -816,7 +885,7 @@ def write_wiki(args: argparse.Namespace) -> str:
         tasks = [(number, title, paths) for number, (title, paths) in enumerate(pages)]
         files = len({path for _, paths in pages for path in paths})
         jobs = min(args.jobs or max(1, min(default_jobs(), files // FILES_PER_JOB)), len(pages))
-        results = ground_pages(index, args.tree, tool.quota(args), tasks, jobs)
+        results = ground_pages(index, args.tree, tool.quota(args), tasks, jobs, workers)
         progress = None
         try:
             for result in results:
