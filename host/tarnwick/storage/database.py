@@ -357,11 +357,17 @@ class Database:
         )
         return {row[0]: row[1:] for row in rows}
 
-    def file_texts(self) -> list[tuple[str, int, int, int | None, str | None]]:
-        """(path, size, mtime_ns, lines, summary) of every file the indexer read."""
-        return self.connection.execute(
+    def file_texts(self, paths: Sequence[str] | None = None) -> list[tuple[str, int, int, int | None, str | None]]:
+        """(path, size, mtime_ns, lines, summary) of every file the indexer read, or of those
+        among ``paths``."""
+        statement = (
             "SELECT f.path, s.size, s.mtime_ns, s.lines, s.summary"
             " FROM sources AS s JOIN files AS f ON f.id = s.file_id"
+        )
+        if paths is None:
+            return self.connection.execute(statement).fetchall()
+        return self.connection.execute(
+            statement + " WHERE f.path IN (SELECT value FROM json_each(?))", (json.dumps(list(paths)),)
         ).fetchall()
 
     # -- lifecycle ---------------------------------------------------------

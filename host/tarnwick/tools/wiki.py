@@ -353,7 +353,7 @@ def file_names(titles: Iterable[str]) -> list[str]:
 class Worker:
     """Grounds pages from one read-only handle on the index; one per worker process."""
 
-    def __init__(self, index: Path, tree: Path, quota: tool.Quota, text: list | None = None) -> None:
+    def __init__(self, index: Path, tree: Path, quota: tool.Quota) -> None:
         import scope
         from tarnwick.storage.database import Database
         from tarnwick.workers.wiki.checkout import indexed_reader
@@ -365,10 +365,11 @@ class Worker:
         self.split = Split()
         self.timer = tool.Timer()
         # The index read every file it holds as it indexed it, and kept the
-        # line count and summary a page shows (`text`, when the caller has
-        # them already): a file unchanged since is not read again.
-        text = self.db.file_texts() if text is None else text
-        self.read_lines = _timed(indexed_reader(tree, text), self.split, "files")
+        # line count and summary a page shows: a file unchanged since is not
+        # read again.  What the index knows of a batch's files is read with
+        # the batch, so that each process reads it only for its own pages.
+        self.reader = indexed_reader(tree, ())
+        self.read_lines = _timed(self.reader, self.split, "files")
 
     def patch_siblings(self) -> Callable[[], None]:
         """Time the sibling functions that the module calls through its own
@@ -404,7 +405,9 @@ class Worker:
         gc.disable()
         try:
             start = time.perf_counter()
-            db = PrefetchedIndex(self.db, [paths for _, _, paths in batch])
+            pages = [paths for _, _, paths in batch]
+            self.reader.learn(self.db.file_texts([path for paths in pages for path in paths]))
+            db = PrefetchedIndex(self.db, pages)
             read = time.perf_counter() - start
             results = [self._ground_page(db, task) for task in batch]
         finally:

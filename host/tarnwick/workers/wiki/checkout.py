@@ -102,28 +102,40 @@ class IndexedLines(Sequence[str]):
 
 def indexed_reader(
     root: str | os.PathLike[str], known: Iterable[tuple[str, int, int, int | None, str | None]]
-) -> Callable[[str], Sequence[str] | None]:
+) -> IndexedReader:
     """``read_lines`` as `checkout_reader` gives it, for a checkout whose files the index
     has read: ``known`` holds (path, size, mtime_ns, lines, summary) of each.  A file whose
     size and modification time are still those is not read again: its lines come as
     `IndexedLines`, which `indexed_summary` summarises from the index.  Any other file
     is read."""
-    read = checkout_reader(root)
-    base = os.fspath(root)
-    facts = {path: (size, mtime, lines, summary) for path, size, mtime, lines, summary in known if lines is not None}
+    reader = IndexedReader(root)
+    reader.learn(known)
+    return reader
 
-    def read_lines(path: str) -> Sequence[str] | None:
-        known = facts.get(path)
+
+class IndexedReader:
+    """`indexed_reader`'s ``read_lines``; `learn` adds what the index knows of more files."""
+
+    def __init__(self, root: str | os.PathLike[str]) -> None:
+        self.read = checkout_reader(root)
+        self.base = os.fspath(root)
+        self.facts: dict[str, tuple[int, int, int, str | None]] = {}
+
+    def learn(self, known: Iterable[tuple[str, int, int, int | None, str | None]]) -> None:
+        self.facts.update(
+            (path, (size, mtime, lines, summary)) for path, size, mtime, lines, summary in known if lines is not None
+        )
+
+    def __call__(self, path: str) -> Sequence[str] | None:
+        known = self.facts.get(path)
         if known is not None:
             try:
-                status = os.stat(os.path.join(base, path))
+                status = os.stat(os.path.join(self.base, path))
             except (OSError, ValueError):
-                return read(path)
+                return self.read(path)
             if stat.S_ISREG(status.st_mode) and (status.st_size, status.st_mtime_ns) == known[:2]:
-                return IndexedLines(read, path, known[2], known[3])
-        return read(path)
-
-    return read_lines
+                return IndexedLines(self.read, path, known[2], known[3])
+        return self.read(path)
 
 
 def indexed_summary(summarise: Callable[[Sequence[str]], str]) -> Callable[[Sequence[str]], str]:
