@@ -192,6 +192,43 @@ def test_a_worker_that_starts_after_its_run_is_done_takes_nothing_from_the_next(
     assert snapshot(out) == first
 
 
+def test_workers_kept_across_runs_ground_each_run_from_the_index_as_it_is_then(tree, monkeypatch):
+    """A host that keeps its workers between wikis: the tree changes between two runs, and the
+    pages a worker grounds in the second show the change, as a run of this process alone does."""
+    args = wiki.parse_args(["--tree", str(tree), "--index", str(tree.parent / "index.sqlite"), "--out", "w"])
+    here, ground, taken = os.getpid(), wiki.Worker.ground, tree.parent / "taken"
+
+    def shared(self, batch):  # every process grounds some: this one waits until a worker has a batch
+        if os.getpid() != here:
+            taken.touch()
+        else:
+            deadline = time.monotonic() + 30
+            while not taken.exists() and time.monotonic() < deadline:
+                time.sleep(0.01)
+        return ground(self, batch)
+
+    def documents(jobs, workers=None):
+        with tool.open_index(args) as db:  # brought up to date
+            index, indexed = Path(db.path), [row[0] for row in db.query("SELECT path FROM files ORDER BY path")]
+        tasks = [(number, title, paths) for number, (title, paths) in enumerate(wiki.folder_pages(indexed))]
+        return sorted((result.number, result.page.document)
+                      for result in wiki.ground_pages(index, tree, tool.quota(args), tasks, jobs, workers))
+
+    monkeypatch.setattr(wiki.threading, "active_count", lambda: 1)  # forked, with the methods set here
+    monkeypatch.setattr(wiki.Worker, "ground", shared)
+    with wiki.Workers(1) as workers:
+        first = documents(2, workers)
+        assert first == documents(1)
+        taken.unlink()
+        write_tree(tree, {name: text.replace("Cart", "Basket") for name, text in TREE.items()})
+        second = documents(2, workers)
+        assert taken.exists() and second == documents(1) and second != first
+        assert all(process.is_alive() for process in workers.arrivals.every)  # idle, ready for a third
+    for process in workers.arrivals.every:
+        process.join(10)
+        assert process.exitcode == 0
+
+
 @pytest.mark.parametrize("jobs", ["1", "2"])
 def test_an_error_met_grounding_a_page_here_is_raised_as_it_was(tree, capsys, monkeypatch, jobs):
     def broken(*args):

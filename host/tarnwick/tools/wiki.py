@@ -440,13 +440,17 @@ def _timed(function: Callable, split: Split, bucket: str) -> Callable:
     return timed
 
 
-def _serve(parent: int, handout: _Handout, orders: Connection, results: Connection) -> None:
+def _serve(
+    parent: int, handout: _Handout, orders: Connection, results: Connection, inherited: list[Connection]
+) -> None:
     """A worker process: for each run it is given, grounds the batches it takes until none is
     left and sends back their results, then waits for the next run; it ends when no more runs
     come, or after sending the error that stopped it.  Ctrl-C is the parent's to handle, and
     the worker ends with the parent.  A thread sends the results while the next batch is
     grounded.  The worker ends without taking its heap apart first."""
     start_worker(parent)
+    for other in inherited:  # the sending ends of the pool's orders, its own included, which a fork copied
+        other.close()
     outgoing: queue.SimpleQueue = queue.SimpleQueue()
     sender = threading.Thread(target=_send_each, args=(outgoing, results))
     sender.start()
@@ -596,8 +600,11 @@ class Workers:
                     # only it holds: a worker that dies, even halfway through a message, ends it.
                     reader, writer = context.Pipe(duplex=False)
                     given, orders = context.Pipe(duplex=False)
+                    # A worker ends when no more runs can come: at the end of its pipe of orders,
+                    # once every sending end is closed, the copies a fork gave workers included.
+                    inherited = [*self.orders, orders] if forkable else []
                     process = context.Process(
-                        target=_serve, args=(os.getpid(), self.handout, given, writer), daemon=True
+                        target=_serve, args=(os.getpid(), self.handout, given, writer, inherited), daemon=True
                     )
                     self.arrivals.add(reader, process)
                     self.orders.append(orders)
