@@ -104,7 +104,12 @@ def drive_pair(host: Path, module: Path, index: Path, pages: Path) -> dict:
 def driver(index: Path, pages_file: Path | None, jobs: int, tree: Path | None = None) -> dict:
     from tarnwick.tools import ground
 
-    args = ground.parse_args(["--index", str(index), *(["--tree", str(tree)] if tree is not None else [])])
+    if tree is None:  # the standard library, whose one-page command both sides have
+        args = ground.parse_args(["--index", str(index)])
+    else:  # the wiki command's options (nothing is written)
+        from tarnwick.tools import wiki
+
+        args = wiki.parse_args(["--index", str(index), "--tree", str(tree), "--out", str(WORK / "unwritten")])
     with ground.open_index(args) as db:  # built on the first call, checked afterwards
         indexed = [row[0] for row in db.query("SELECT path FROM files ORDER BY path")]
     if pages_file is None:
