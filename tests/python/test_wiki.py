@@ -227,6 +227,13 @@ def test_workers_kept_across_runs_ground_each_run_from_the_index_as_it_is_then(t
     for process in workers.arrivals.every:
         process.join(10)
         assert process.exitcode == 0
+    # A worker killed between two runs (out of memory, say) is said at the next, in one line.
+    with wiki.Workers(1) as workers:
+        killed = workers.arrivals.every[0]
+        os.kill(killed.pid, signal.SIGKILL)
+        killed.join(10)
+        with pytest.raises(tool.GroundError, match=r"^a worker process ended \(signal 9\) before its pages"):
+            documents(2, workers)
 
 
 @pytest.mark.parametrize("jobs", ["1", "2"])

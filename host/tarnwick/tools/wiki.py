@@ -630,7 +630,10 @@ class Workers:
         self.handout.open(run)
         self.arrivals.run = run
         for orders in self.orders[:count]:
-            orders.send((run, index, tree, quota, work))
+            try:
+                orders.send((run, index, tree, quota, work))
+            except OSError:  # a worker that ended since the last run (killed, say) takes no part
+                continue
         return run
 
     def close(self, stop: bool = False) -> None:
