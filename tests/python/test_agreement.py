@@ -11,7 +11,7 @@ import pytest
 
 import pyscope
 import scope
-from conftest import NAMES, PAGE, STYLES, random_page, same
+from conftest import FROZEN, NAMES, PAGE, STYLES, random_page, same
 
 SETS = {"EVIDENCE_RESOLUTIONS": ["import", "local", "unique", "ambiguous"], "_TRUSTED": ["import", "unique", "legacy"],
         "NAME_MATCH_KINDS": ["constant", "field", "function"], "_TYPE_KINDS": ["class", "enum", "method"],
@@ -97,3 +97,41 @@ def test_every_function_agrees_with_the_plain_implementation(seed, monkeypatch):
     entry.symmetric_difference_update(rng.sample(ids, len(ids) // 3))
     for quiet in (False, True)[: 1 + (style == "counting")]:
         every_function(lambda: facts, fan_in, rng, quiet)
+
+
+def keep_fields_every_way(rng, records):
+    """The frozen dataclass records, each as a class may keep its fields: slots, a namespace's dict, a dataclass's
+    values made into a dict, set again in another order, or joined by a field no function reads."""
+    slotted = {frozen: host for host, frozen in FROZEN.items()}
+    kept = []
+    for record in records:
+        way = rng.randrange(6)
+        values = {name: getattr(record, name) for name in record.__dataclass_fields__}
+        if way == 0:
+            record = SimpleNamespace(**values)
+        elif way == 1:
+            vars(record)  # the values move into a dict of the record's own
+        elif way == 2:
+            name = rng.choice(list(values))
+            object.__delattr__(record, name)
+            object.__setattr__(record, name, values[name])
+        elif way == 3:
+            object.__setattr__(record, "unread", [record])
+        elif way == 4:
+            record = slotted[type(record)](**values)
+        kept.append(record)
+    return tuple(kept)
+
+
+def test_large_tables_whose_records_keep_their_fields_every_way_agree(monkeypatch):
+    """Tables large enough that the conversion fetches each record, and where it keeps its fields, ahead of reading
+    it (the sanitizer stage checks those reads against every record's bounds)."""
+    rng = random.Random(20)
+    fields = random_page(rng, 1400, "frozen")
+    for table in ("symbols", "inbound", "outbound"):
+        fields[table] = keep_fields_every_way(rng, fields[table])
+    assert len(fields["inbound"]) >= 4096
+    for module in (scope, pyscope):
+        monkeypatch.setattr(module, "tests_reaching", lambda facts: (frozenset(), {}))
+    fan_in = pyscope.production_fan_in(scope.ScopeFacts(**fields))
+    every_function(lambda: scope.ScopeFacts(**fields), fan_in, rng)
