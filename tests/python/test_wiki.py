@@ -1,7 +1,9 @@
 """`ground wiki` on a small tree: deterministic output for any number of workers, the index page, safe
 replacement of a previous wiki, and bad page maps."""
 
+import errno
 import io
+import multiprocessing
 import os
 import re
 import signal
@@ -31,7 +33,8 @@ FOLDERS = ["(top level)", "app", "shop", "shop/pay", "tests"]
 
 
 @pytest.fixture
-def tree(tmp_path):
+def tree(tmp_path, monkeypatch):
+    monkeypatch.setattr(wiki, "default_jobs", lambda: 3)  # --jobs up to 3 gives as many processes on any machine
     return write_tree(tmp_path / "src", TREE)
 
 
@@ -82,7 +85,40 @@ def test_without_jobs_a_process_per_core_grounds_pages_but_none_for_fewer_files_
         assert run(capsys, tree, tree.parent / "wiki", *args)[::2] == (0, [])
     monkeypatch.setattr(wiki, "FILES_PER_JOB", 2)
     assert run(capsys, tree, tree.parent / "wiki")[::2] == (0, [])
-    assert asked == [*runs.values(), 3]
+    # Never more processes than cores, and no worker left once the command is done.
+    monkeypatch.setattr(wiki, "default_jobs", lambda: 2)
+    started, workers = [], wiki.Workers
+    monkeypatch.setattr(wiki, "Workers", lambda count: started.append(count) or workers(count))
+    assert run(capsys, tree, tree.parent / "wiki", "--jobs", "4000")[::2] == (0, [])
+    assert (asked, started, multiprocessing.active_children()) == ([*runs.values(), 3, 2], [1], [])
+
+
+def test_processes_that_cannot_start_or_ctrl_c_once_the_wiki_is_written_are_one_line(tree, capsys, monkeypatch):
+    out = tree.parent / "wiki"
+
+    def no_fork():
+        raise OSError(errno.EAGAIN, os.strerror(errno.EAGAIN))
+
+    with monkeypatch.context() as patched:
+        patched.setattr(wiki.threading, "active_count", lambda: 1)  # forked
+        patched.setattr(os, "fork", no_fork)
+        status, said, err = run(capsys, tree, out, "--jobs", "3")
+    assert (status, said, err) == (1, "", ["ground: error: cannot start 2 worker processes: Resource temporarily "
+                                           "unavailable; try a smaller --jobs"])
+    assert not out.exists() and multiprocessing.active_children() == []
+    # Ctrl-C while the workers end: the wiki is in place, and the command says so.
+    close = wiki.Workers.close
+
+    def interrupted(self, stop=False):
+        close(self, stop)
+        os.kill(os.getpid(), signal.SIGINT)
+        time.sleep(1)  # the handler raises first
+
+    monkeypatch.setattr(wiki.Workers, "close", interrupted)
+    status, said, err = run(capsys, tree, out, "--jobs", "2")
+    assert (status, said.startswith("Wrote the wiki of 5 pages"), err) == (130, True, ["ground: interrupted once the "
+                                                                                       "wiki was written"])
+    assert (out / "index.md").exists() and multiprocessing.active_children() == []
 
 
 def interrupt_at_page(monkeypatch, page, number=signal.SIGINT):

@@ -67,6 +67,8 @@ BATCHES_PER_WORKER = 4
 # fewer, a second process costs more than it saves (its start, and the rows
 # that the processes' batches both read).
 FILES_PER_JOB = 200
+# Seconds that closing a pool waits for its idle workers to end by themselves.
+CLOSE_SECONDS = 2.0
 # Seconds a process waits for a worker's results before it looks whether the workers still run.
 WAIT_SECONDS = 0.1
 # Seconds between two progress lines when stderr is no terminal.
@@ -160,8 +162,8 @@ def parse_args(argv: list[str]) -> argparse.Namespace:
         "--jobs",
         type=_jobs,
         metavar="N",
-        help=f"processes that ground pages, this one and N-1 workers (default: one per core, and at most one per "
-        f"{FILES_PER_JOB} files)",
+        help=f"processes that ground pages, this one and N-1 workers, at most one per core (default: one per core, "
+        f"and at most one per {FILES_PER_JOB} files)",
     )
     tool.add_tree_options(parser)
     args = parser.parse_args(argv)
@@ -611,6 +613,12 @@ class Workers:
                     process.start()
                     writer.close()
                     given.close()
+        except OSError as error:  # out of processes or of file descriptors
+            self.close(stop=True)
+            raise tool.GroundError(
+                f"cannot start {count} worker {'process' if count == 1 else 'processes'}: {error.strerror or error}; "
+                "try a smaller --jobs"
+            ) from None
         except BaseException:
             self.close(stop=True)
             raise
@@ -637,18 +645,21 @@ class Workers:
         return run
 
     def close(self, stop: bool = False) -> None:
-        """No more runs: idle workers end.  With `stop` (an interrupted or failed run), the
-        workers end now, whatever they are doing."""
+        """No more runs: the workers end, and have ended when this returns (none is left for the
+        interpreter's exit to wait for).  An idle worker ends as its pipe of orders closes; one
+        that does not within `CLOSE_SECONDS` (a process forked meanwhile holds a copy of the
+        pipe), or any worker with `stop` (an interrupted or failed run), is ended at once."""
         for orders in self.orders:
             orders.close()
         self.orders = []
-        if stop:
-            for process in self.arrivals.every:
-                if process.is_alive():
-                    process.terminate()
-            for process in self.arrivals.every:
-                if process.pid is not None:
-                    process.join()
+        started = [process for process in self.arrivals.every if process.pid is not None]
+        deadline = time.monotonic() + (0 if stop else CLOSE_SECONDS)
+        for process in started:
+            process.join(max(0.0, deadline - time.monotonic()))
+        for process in started:
+            if process.is_alive():
+                process.terminate()
+            process.join()
         self.arrivals.close()
         self.arrivals.processes = {}
 
@@ -868,13 +879,34 @@ def index_page(tree: Path, pages: list[tuple[str, list[str]]], names: list[str],
 # -- writing ---------------------------------------------------------------------
 
 
+class WrittenThenInterrupted(KeyboardInterrupt):
+    """Ctrl-C came once the wiki was in place, while the workers ended."""
+
+    def __init__(self, line: str) -> None:
+        super().__init__(line)
+        self.line = line
+
+
+def most_jobs(args: argparse.Namespace) -> int:
+    """The processes that may ground pages: `--jobs`, but never more than the cores this process
+    may run on, as each keeps a core busy (more only take turns, and cost their start)."""
+    return min(args.jobs or default_jobs(), default_jobs())
+
+
 def write_wiki(args: argparse.Namespace) -> str:
     """Ground every page and move the complete wiki into place; returns the summary line."""
     page_map = read_page_map(args.pages) if args.pages is not None else None
     # The workers start now, while the index is brought up to date; those the pages do not need
-    # stay idle and end with the command.
-    with Workers((args.jobs or default_jobs()) - 1) as workers:
-        return _write_wiki(args, page_map, workers)
+    # stay idle, and every worker has ended when this returns.
+    line = None
+    try:
+        with Workers(most_jobs(args) - 1) as workers:
+            line = _write_wiki(args, page_map, workers)
+    except KeyboardInterrupt:
+        if line is None:
+            raise
+        raise WrittenThenInterrupted(line) from None
+    return line
 
 
 def _write_wiki(args: argparse.Namespace, page_map: dict[str, list[str]] | None, workers: Workers) -> str:
@@ -897,7 +929,7 @@ def _write_wiki(args: argparse.Namespace, page_map: dict[str, list[str]] | None,
         split = Split()
         tasks = [(number, title, paths) for number, (title, paths) in enumerate(pages)]
         files = len({path for _, paths in pages for path in paths})
-        jobs = min(args.jobs or max(1, min(default_jobs(), files // FILES_PER_JOB)), len(pages))
+        jobs = min(most_jobs(args) if args.jobs else max(1, min(default_jobs(), files // FILES_PER_JOB)), len(pages))
         results = ground_pages(index, args.tree, tool.quota(args), tasks, jobs, workers)
         progress = None
         try:
@@ -1034,6 +1066,11 @@ def main(argv: list[str], taken: list[int] | None = None) -> int:
     except IndexingInterrupted as error:
         tool._say(str(error))
         return stopped_status(taken or [])[1]
+    except WrittenThenInterrupted as done:
+        how, status = stopped_status(taken or [])
+        tool.write_out(done.line + "\n")
+        tool._say(f"{how} once the wiki was written")
+        return status
     except KeyboardInterrupt:
         how, status = stopped_status(taken or [])
         if args is None:
