@@ -54,7 +54,11 @@ DOC = '"""Loads the facts\n    of one page. Then, e.g. more.\n\nDetails follow.\
     (["", "   "], ""), ([], ""),
     # Statements that begin or end far down a long file.
     (["# note"] * 70 + ['"""Late docstring."""'] + ["x = 1"] * 100, "Late docstring."),
-    (['"""'] + ["word"] * 600 + ["end.", '"""'], " ".join(["word"] * 600 + ["end."])),
+    (['"""'] + ["word"] * 600 + ["end.", '"""'], " ".join(["word"] * 79) + " …"),
+    # A sentence longer than a summary holds is cut after a word, one huge line or many.
+    (["# " + "ab " * 10**6], " ".join(["ab"] * 133) + " …"),
+    (["# " + "x" * 500], "x" * 398 + " …"),
+    (['"""'] + ["word."] * 10**5 + ['"""'], "word."),
     (['"""'] + ["Copyright (c) 2020 ACME."] + [""] * 100 + ["#"] * 100, ""),
     ((line for line in ["# Made", "# lazily."] + ["x = 1"] * 100), "Made lazily."),
 ])

@@ -90,10 +90,29 @@ def _paragraphs(lines: Iterable[str]) -> list[list[str]]:
     return [paragraph for paragraph in found if paragraph]
 
 
+# A summary is at most this many characters: a longer first sentence is cut
+# after its last word that fits, and "…" marks the cut.
+MOST_CHARS = 400
+
+# Characters of a paragraph looked at for its first sentence: beyond them (a
+# generated file's one huge comment line, say) the summary is cut anyway.
+_SCANNED_CHARS = 4 * MOST_CHARS
+
+
 def _first_sentence(paragraph: list[str]) -> str:
-    text = " ".join(" ".join(paragraph).split())
+    scanned, size = [], 0
+    for line in paragraph:
+        scanned.append(line[:_SCANNED_CHARS])
+        size += len(scanned[-1]) + 1
+        if size > _SCANNED_CHARS:
+            break
+    text = " ".join(" ".join(scanned).split())
     end = _SENTENCE_END.search(text)
-    return text[: end.start()] if end else text
+    sentence = text[: end.start()] if end else text
+    if len(sentence) <= MOST_CHARS:
+        return sentence
+    cut = sentence.rfind(" ", 0, MOST_CHARS - 1)
+    return sentence[: cut if cut > 0 else MOST_CHARS - 2] + " …"
 
 
 def _docstring(lines: list[str], start: int, quote: str, body: str) -> list[str]:
@@ -192,7 +211,8 @@ def file_summary(lines: Iterable[str]) -> str:
     ``noqa``, ``pylint:``, ...) and licence or copyright headers are
     skipped.  A paragraph ends at the first line without a letter or digit,
     a sentence at ".", "!" or "?" before white space; words are joined with
-    single spaces.  Returns "" when the file has neither, and never raises
+    single spaces, and a sentence longer than `MOST_CHARS` is cut after its
+    last word that fits, with " …".  Returns "" when the file has neither, and never raises
     on odd input such as no lines or an unterminated docstring.
     """
     if lines is None:
