@@ -219,7 +219,8 @@ def test_parsing_workers_end_with_the_process_that_started_them(tree):
     (lambda index, run: run("--exclude", "app/*", "shop/models.py"),
      0, "ground: the index {index} was made from another tree or with other settings: indexing {tree} again"),
     (lambda index, run: index.write_bytes(b"not a database, not even close" * 100),
-     1, "ground: error: cannot read the index {index}: file is not a database"),
+     1, "ground: error: cannot read the index {index}: file is not a database; it is left as it is: remove it to "
+        "index the tree anew, or choose another index file"),
     (lambda index, run: older_index(index, "python-tree 2, Python 3.9"),
      0, "ground: the index {index} is incomplete or from another version: indexing {tree} again"),
     (lambda index, run: sqlite3.connect(index).execute("CREATE TABLE notes (text)"),
@@ -381,6 +382,7 @@ LARGEST = "must be from 0 to 9223372036854775807, not"
     (["--neighbours", "-1"], 2, f"argument --neighbours: {LARGEST} -1"),
     (["--total", "99999999999999999999"], 2, f"argument --total: {LARGEST} 99999999999999999999"),
     (["--tree", "/no/such/tree"], 2, "argument --tree: no such directory: /no/such/tree"),
+    (["--tree", "{tree}/broken.py"], 2, "argument --tree: not a directory: {tree}/broken.py"),
     (["{tree}/shop/models.py"], 2, "page paths are relative to the tree {tree}: '{tree}/shop/models.py' is absolute;"
                                    " write 'shop/models.py'"),
     (["/elsewhere/x.py"], 2, "page paths are relative to the tree {tree}: '/elsewhere/x.py' is absolute"),

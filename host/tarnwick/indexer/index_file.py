@@ -155,7 +155,11 @@ def _open_existing(path: Path) -> Database | None:
             )
         }
     except sqlite3.DatabaseError as error:
-        raise IndexFileError(f"cannot read the index {printable(path)}: {error}") from None
+        # Nothing tells whether this indexer wrote it: it stays, --reindex or not.
+        raise IndexFileError(
+            f"cannot read the index {printable(path)}: {error}; it is left as it is: remove it to index the tree "
+            "anew, or choose another index file"
+        ) from None
     problem = _foreign(db, tables)
     if problem is not None:
         db.close()

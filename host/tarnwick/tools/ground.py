@@ -157,7 +157,8 @@ def resolve_tree(parser: argparse.ArgumentParser, args: argparse.Namespace) -> N
     """Set `args.tree` to the resolved tree, the standard library by default."""
     tree = (args.tree or default_tree()).resolve()
     if not tree.is_dir():
-        parser.error(f"argument --tree: no such directory: {printable(args.tree)}")
+        what = "not a directory" if tree.exists() else "no such directory"
+        parser.error(f"argument --tree: {what}: {printable(args.tree)}")
     args.tree = tree
 
 
