@@ -212,8 +212,9 @@ def file_summary(lines: Iterable[str]) -> str:
     skipped.  A paragraph ends at the first line without a letter or digit,
     a sentence at ".", "!" or "?" before white space; words are joined with
     single spaces, and a sentence longer than `MOST_CHARS` is cut after its
-    last word that fits, with " …".  Returns "" when the file has neither, and never raises
-    on odd input such as no lines or an unterminated docstring.
+    last word that fits, with " …".  Returns "" when the file has neither,
+    and never raises on odd input such as no lines or an unterminated
+    docstring.
     """
     if lines is None:
         return ""
